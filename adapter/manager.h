@@ -1,0 +1,162 @@
+// The table registry: from a caller's table id to the table that serves it. One object a process, made when the
+// library is loaded and destroyed, with every table still in it, when it is unloaded.
+//
+// Contract
+//  - Ids below ELE_ARRAY_SIZE index an array and are resolved without a lock: the path of every lookup. Larger ids live
+//    in a hash map and are resolved under the lock, shared, which is held for that step only.
+//  - Register and Take hold the lock exclusively, and only while they move an element: tables are built before and
+//    destroyed after it, so that neither makes other calls wait.
+//  - The caller of the library sees to it that a table is not taken while another call on its id runs. So a table that
+//    was resolved may be used without a lock.
+//
+// An element is empty, or registered with a table:
+//
+//   empty       type 2, handle null      Register  -> registered
+//   registered  type 0 or 1, handle set  Take      -> empty; the table passes to the caller
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/allocation.h"
+#include "platform/atomic.h"
+#include "platform/mutex.h"
+
+namespace Qen {
+
+inline constexpr unsigned TABLE_TYPE_BASIC = 0;
+inline constexpr unsigned TABLE_TYPE_FILTER = 1;
+inline constexpr unsigned TABLE_TYPE_EMPTY = 2;
+
+// What an id resolves to. `table` is a table object of the class that `type` names.
+struct TableRef {
+  unsigned type;
+  void* table;
+};
+
+// One element. It owns its table; the pointer is untyped because the kinds have no common base class.
+class ManagerEle {
+ public:
+  ManagerEle() noexcept = default;
+  ManagerEle(unsigned tableType, void* table) noexcept : type(tableType), handle(table) {}
+  ManagerEle(ManagerEle&& other) noexcept;
+  // Drops what the destination held without destroying it; callers see to it that the destination is empty.
+  ManagerEle& operator=(ManagerEle&& other) noexcept;
+  ~ManagerEle() { DeleHandle(); }
+
+  // Destroys the table, if there is one, and leaves the element empty.
+  void DeleHandle() noexcept;
+
+  TableRef Load() const noexcept {
+    // Acquire, on both: pairs with the stores of a registration, so that an id which reads as registered comes with
+    // its table fully built.
+    const unsigned tableType = type.load(std::memory_order_acquire);
+    return {tableType, handle.load(std::memory_order_acquire)};
+  }
+
+  // Written under the registry's lock, read without it.
+  Atomic<unsigned> type{TABLE_TYPE_EMPTY};
+  Atomic<void*> handle{nullptr};
+};
+
+template <class TableId, class Ele>
+class Manager {
+ public:
+  static constexpr unsigned ELE_ARRAY_SIZE = 1024;
+
+  static Manager& GetInstance();
+
+  // The id's element, or the shared empty one; never null. For ids of the map the caller holds `m_lock`.
+  Ele* GetManagerEle(TableId tableId);
+
+  TableRef Resolve(TableId tableId);
+
+  // Moves `ele` in. False, with `ele` untouched, when the id is registered already. Throws std::bad_alloc, and then
+  // changes nothing.
+  bool Register(TableId tableId, Ele& ele);
+
+  // Moves the id's element out; empty when there was none.
+  Ele Take(TableId tableId);
+
+  // Destroyed from the last to the first: the tables of the map before those of the array.
+  SharedMutex m_lock;
+  Ele m_eleArray[ELE_ARRAY_SIZE];
+  std::unordered_map<unsigned, Ele, std::hash<unsigned>, std::equal_to<unsigned>,
+                     HeapAllocator<std::pair<const unsigned, Ele>>>
+      m_eleMap;
+  Ele m_emptyEle;  // never written
+
+ private:
+  Manager() = default;
+  static Ele MoveOut(Ele& ele) noexcept;
+};
+
+template <class TableId, class Ele>
+Manager<TableId, Ele>& Manager<TableId, Ele>::GetInstance() {
+  static Manager manager;
+  return manager;
+}
+
+template <class TableId, class Ele>
+Ele* Manager<TableId, Ele>::GetManagerEle(TableId tableId) {
+  const auto id = static_cast<unsigned>(tableId);
+  if (id < ELE_ARRAY_SIZE) {
+    return &m_eleArray[id];
+  }
+  const auto found = m_eleMap.find(id);
+  return found == m_eleMap.end() ? &m_emptyEle : &found->second;
+}
+
+template <class TableId, class Ele>
+TableRef Manager<TableId, Ele>::Resolve(TableId tableId) {
+  const auto id = static_cast<unsigned>(tableId);
+  if (id < ELE_ARRAY_SIZE) [[likely]] {
+    return m_eleArray[id].Load();
+  }
+  const std::shared_lock lock(m_lock);
+  return GetManagerEle(tableId)->Load();
+}
+
+template <class TableId, class Ele>
+bool Manager<TableId, Ele>::Register(TableId tableId, Ele& ele) {
+  const auto id = static_cast<unsigned>(tableId);
+  const std::lock_guard lock(m_lock);
+  Ele& destination = id < ELE_ARRAY_SIZE ? m_eleArray[id] : m_eleMap.try_emplace(id).first->second;
+  if (destination.Load().type != TABLE_TYPE_EMPTY) {
+    return false;
+  }
+  destination = std::move(ele);
+  return true;
+}
+
+template <class TableId, class Ele>
+Ele Manager<TableId, Ele>::Take(TableId tableId) {
+  const auto id = static_cast<unsigned>(tableId);
+  const std::lock_guard lock(m_lock);
+  if (id < ELE_ARRAY_SIZE) {
+    return MoveOut(m_eleArray[id]);
+  }
+  const auto found = m_eleMap.find(id);
+  if (found == m_eleMap.end()) {
+    return Ele();
+  }
+  Ele taken = MoveOut(found->second);
+  m_eleMap.erase(found);
+  return taken;
+}
+
+template <class TableId, class Ele>
+Ele Manager<TableId, Ele>::MoveOut(Ele& ele) noexcept {
+  Ele taken(std::move(ele));
+  // Relaxed: an empty element carries nothing.
+  ele.type.store(TABLE_TYPE_EMPTY, std::memory_order_relaxed);
+  return taken;
+}
+
+// The registry of the process. Set before any exported function can be called.
+extern Manager<int, ManagerEle>* const g_manager;
+
+}  // namespace Qen

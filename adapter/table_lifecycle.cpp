@@ -1,0 +1,63 @@
+// The exported functions that create and destroy tables.
+#include "adapter/exception_boundary.h"
+#include "adapter/manager.h"
+#include "adapter/table_types.h"
+#include "kavo.h"
+#include "platform/allocation.h"
+#include "platform/log.h"
+#include "platform/test_hooks.h"
+
+using namespace Qen;
+
+namespace {
+
+// A block, header included, has a length of 32 bits.
+constexpr unsigned MAX_VALUE_LEN = 0xFFFFFFFF - VALUE_HEADER_BYTES;
+
+}  // namespace
+
+int KavoInitHashTable(unsigned int tableId, unsigned int size, unsigned int valueLen, unsigned int tableType) {
+  if (tableType == TABLE_TYPE_EMPTY || valueLen == 0 || valueLen > MAX_VALUE_LEN) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT,
+                   "KavoInitHashTable failed, valueLen should not be 0 or greater than[%u] or tabletype fault[%d]",
+                   MAX_VALUE_LEN, static_cast<int>(tableType));
+    return KAVO_INVALID;
+  }
+  try {
+    const int id = static_cast<int>(tableId);
+    if (g_manager->Resolve(id).type != TABLE_TYPE_EMPTY) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableId[%d] is existed.", id);
+      return KAVO_EXISTS;
+    }
+    if (tableType != TABLE_TYPE_BASIC) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableType err");
+      return KAVO_INVALID;
+    }
+    // Built without a lock: making a large table holds nobody up.
+    ManagerEle ele(tableType, HeapNew<BasicTable>(id, static_cast<unsigned long long>(size), valueLen));
+    KAVO_TEST_POINT("KavoInitHashTable.built");
+    if (!g_manager->Register(id, ele)) {
+      // Another thread was faster. `ele` still owns the new table and destroys it.
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableId[%d] is existed.", id);
+      return KAVO_EXISTS;
+    }
+    return KAVO_SUCCESS;
+  }
+  KAVO_CATCH_ALL
+}
+
+int KavoUninitHashTable(unsigned int tableId) {
+  try {
+    const int id = static_cast<int>(tableId);
+    if (g_manager->Resolve(id).type == TABLE_TYPE_EMPTY) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableId[%d] is not exit.", id);
+      return KAVO_INVALID;
+    }
+    // The table is destroyed after the lock was given back. Nobody can reach it any more, and freeing a large one
+    // would keep the creation and destruction of all others waiting.
+    ManagerEle taken = g_manager->Take(id);
+    taken.DeleHandle();
+    return KAVO_SUCCESS;
+  }
+  KAVO_CATCH_ALL
+}

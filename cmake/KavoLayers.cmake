@@ -1,0 +1,32 @@
+# One folder is one layer. A layer's include path reaches its own folder and the layers named in DEPENDS, so that an
+# include against the direction of the dependencies does not compile.
+#
+# Each layer is built twice: for the library, and with KAVO_TESTING defined, which compiles the test hooks in, for the
+# white-box tests (library kavo_testing).
+add_library(kavo_testing STATIC)
+set_target_properties(kavo_testing PROPERTIES LINKER_LANGUAGE CXX)
+
+function(kavo_add_layer name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  set(root ${PROJECT_BINARY_DIR}/layers/${name})
+  file(MAKE_DIRECTORY ${root})
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${name} ${root}/${name} SYMBOLIC)
+  add_library(kavo_${name}_include INTERFACE)
+  target_include_directories(kavo_${name}_include INTERFACE ${root})
+  foreach(lower IN LISTS ARG_DEPENDS)
+    target_link_libraries(kavo_${name}_include INTERFACE kavo_${lower}_include)
+  endforeach()
+  foreach(flavour IN ITEMS base testing)
+    add_library(kavo_${name}_${flavour} OBJECT ${ARG_SOURCES})
+    target_link_libraries(kavo_${name}_${flavour} PUBLIC kavo_${name}_include PRIVATE kavo_flags)
+  endforeach()
+  target_compile_definitions(kavo_${name}_testing PUBLIC KAVO_TESTING)
+  target_sources(kavo_testing PRIVATE $<TARGET_OBJECTS:kavo_${name}_testing>)
+  target_link_libraries(kavo_testing PUBLIC kavo_${name}_include)
+endfunction()
+
+target_compile_definitions(kavo_testing PUBLIC KAVO_TESTING)
+target_link_libraries(kavo_testing PUBLIC kavo_flags)
+
+add_library(kavo_public_include INTERFACE)
+target_include_directories(kavo_public_include INTERFACE ${PROJECT_SOURCE_DIR}/include)

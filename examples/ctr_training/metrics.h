@@ -1,0 +1,44 @@
+// How good predictions are: mean log loss and the area under the ROC curve, in fixed memory.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace CtrTraining {
+
+// -log of the probability that the logit gives to what happened; exact for large logits too.
+double LogLoss(double logit, bool clicked);
+
+class Metrics {
+ public:
+  Metrics();
+
+  void Add(double logit, bool clicked);
+  void Merge(const Metrics& other);
+
+  std::uint64_t Rows() const { return m_rows; }
+  std::uint64_t Clicks() const { return m_clicks; }
+
+  // 0 without rows.
+  double MeanLogLoss() const;
+
+  // What the best constant prediction would have lost, which is the click rate known in hindsight.
+  double ConstantLogLoss() const;
+
+  // The chance that a clicked row is predicted above a row that was not, ties counted half; 0.5 without rows of both
+  // kinds. Logits count as tied when they share a cell of about 0.001, and beyond 16 either way.
+  double Auc() const;
+
+ private:
+  struct Cell {
+    std::uint32_t clicked = 0;
+    std::uint32_t other = 0;
+  };
+
+  std::uint64_t m_rows = 0;
+  std::uint64_t m_clicks = 0;
+  double m_loss = 0.0;
+  std::vector<Cell> m_cells;  // by rising logit
+};
+
+}  // namespace CtrTraining

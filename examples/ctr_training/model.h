@@ -1,0 +1,68 @@
+// A factorisation machine whose parameters all live in Kavo tables:
+//
+//   logit = intercept + sum of the features' weights + sum over pairs of features of <vector, vector>
+//
+// One table holds the weights, one the vectors, both keyed by feature. A Model is shared by all threads; each thread
+// works through a Learner of its own.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "ctr_training/features.h"
+#include "ctr_training/kavo_table.h"
+#include "ctr_training/parameters.h"
+
+namespace CtrTraining {
+
+struct ModelOptions {
+  unsigned dim = 4;
+  unsigned tableSize = 8;  // of both tables at the start; small, to see them grow
+  LinearParameter::Rates linear;
+  VectorParameter::Rates vectors;
+};
+
+class Model {
+ public:
+  explicit Model(const ModelOptions& options);
+
+  const ModelOptions& Options() const { return m_options; }
+  const KavoTable& Weights() const { return m_weights; }
+  const KavoTable& Vectors() const { return m_vectors; }
+
+ private:
+  const ModelOptions m_options;
+  KavoTable m_weights;
+  KavoTable m_vectors;
+};
+
+class Learner {
+ public:
+  explicit Learner(const Model& model);
+
+  // Gives the logit predicted for the row, and only then learns from its label.
+  double PredictThenLearn(const FeatureKeys& keys, bool clicked);
+
+  std::uint64_t Lookups() const { return m_lookups; }
+  std::uint64_t NewFeatures() const { return m_newFeatures; }
+
+ private:
+  void Find(const FeatureKeys& keys);
+  double Predict(const FeatureKeys& keys);
+  void Learn(float error);
+
+  const Model& m_model;
+  const unsigned m_dim;
+  std::uint64_t m_lookups = 0;
+  std::uint64_t m_newFeatures = 0;
+
+  // Of the row in work. An address from the table stays good, so a row's keys are looked up once.
+  LinearParameter m_intercept{nullptr};
+  std::vector<LinearParameter> m_weights;
+  std::vector<VectorParameter> m_vectors;
+  std::vector<float> m_coordinates;  // all features' vectors, one after the other
+  std::vector<float> m_sum;          // of those vectors
+  std::vector<float> m_gradient;
+};
+
+}  // namespace CtrTraining

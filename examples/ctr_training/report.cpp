@@ -1,0 +1,141 @@
+#include "ctr_training/report.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+namespace CtrTraining {
+namespace {
+
+constexpr double MIB = 1024.0 * 1024.0;
+
+// The share of the gap that the model is meant to close, from so many rows on.
+constexpr double GAP_GOAL = 0.70;
+constexpr std::uint64_t GAP_GOAL_ROWS = 1'000'000;
+
+// 1234567 as 1,234,567.
+std::string Count(std::uint64_t number) {
+  std::string text = std::to_string(number);
+  for (std::size_t end = text.size(); end > 3;) {
+    end -= 3;
+    text.insert(end, 1, ',');
+  }
+  return text;
+}
+
+double Rate(std::uint64_t count, double seconds) {
+  return seconds > 0.0 ? static_cast<double>(count) / seconds : 0.0;
+}
+
+std::string CountRate(std::uint64_t count, double seconds) {
+  return Count(static_cast<std::uint64_t>(Rate(count, seconds)));
+}
+
+double MeanLoss(const Progress& progress) {
+  return progress.rows == 0 ? 0.0 : progress.lossSum / static_cast<double>(progress.rows);
+}
+
+void Rule() {
+  fmt::print("{:-<72}\n", "");
+}
+void Line(const char* name, const std::string& value) {
+  fmt::print("{:<36}{}\n", name, value);
+}
+
+std::string GapText(double share, std::uint64_t rowCount) {
+  std::string text = fmt::format("{:.1f} %", 100.0 * share);
+  if (rowCount >= GAP_GOAL_ROWS) {
+    text += fmt::format(" (goal {:.0f} %: {})", 100.0 * GAP_GOAL, share >= GAP_GOAL ? "met" : "NOT MET");
+  }
+  return text;
+}
+
+void PrintQuality(const TrainingResult& result, const RunFacts& facts) {
+  const double constant = result.model.ConstantLogLoss();
+  const double model = result.model.MeanLogLoss();
+  Line("evaluated rows", fmt::format("{} to {} of the log, each predicted before learned",
+                                     Count(facts.firstEvaluated + 1), Count(facts.rowCount)));
+  Line("log loss of the constant rate", fmt::format("{:.5f}", constant));
+  if (facts.truthKnown) {
+    Line("log loss of the true model", fmt::format("{:.5f}", result.trueLoss));
+  }
+  Line("log loss of the trained model", fmt::format("{:.5f}", model));
+  if (facts.truthKnown && constant > result.trueLoss) {
+    Line("share of the gap closed", GapText((constant - model) / (constant - result.trueLoss), facts.rowCount));
+  }
+  Line("AUC", fmt::format("{:.5f}", result.model.Auc()));
+  for (std::size_t epoch = 1; epoch < result.epochLoss.size(); ++epoch) {
+    Line(fmt::format("epoch {}, rows seen before", epoch + 1).c_str(),
+         fmt::format("{:.5f} log loss, no measure of quality", result.epochLoss[epoch]));
+  }
+}
+
+}  // namespace
+
+ProgressDisplay::ProgressDisplay() : m_terminal(isatty(STDOUT_FILENO) == 1) {}
+
+void ProgressDisplay::Show(const Progress& progress) {
+  m_terminal ? ShowBar(progress) : ShowLine(progress);
+  std::fflush(stdout);
+}
+
+void ProgressDisplay::ShowBar(const Progress& progress) const {
+  constexpr std::uint64_t WIDTH = 30;
+  const std::uint64_t done = progress.rows * WIDTH / progress.rowCount;
+  fmt::print("\repoch {} [{:#<{}}{:.<{}}] {:3} %  {:>9} rows/s  log loss {:.4f}{}", progress.epoch, "", done, "",
+             WIDTH - done, progress.rows * 100 / progress.rowCount, CountRate(progress.rows, progress.seconds),
+             MeanLoss(progress), progress.rows == progress.rowCount ? "\n" : "");
+}
+
+void ProgressDisplay::ShowLine(const Progress& progress) {
+  if (m_epoch != progress.epoch) {
+    m_epoch = progress.epoch;
+    m_tenths = 0;
+  }
+  const std::uint64_t tenths = progress.rows * 10 / progress.rowCount;
+  if (tenths == m_tenths) {
+    return;
+  }
+  m_tenths = tenths;
+  fmt::print("epoch {}: {:>10} of {} rows, {:>9} rows/s, log loss so far {:.4f}\n", progress.epoch,
+             Count(progress.rows), Count(progress.rowCount), CountRate(progress.rows, progress.seconds),
+             MeanLoss(progress));
+}
+
+std::uint64_t ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  std::uint64_t total = 0;
+  std::uint64_t resident = 0;
+  if (!(statm >> total >> resident)) {
+    throw std::runtime_error("/proc/self/statm: cannot be read");
+  }
+  return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+void PrintReport(const TrainingResult& result, const RunFacts& facts) {
+  Rule();
+  Line("rows learned", fmt::format("{} in {:.1f} s", Count(result.rows), result.seconds));
+  Line("threads", std::to_string(facts.threads));
+  Line("distinct features", Count(result.distinctFeatures));
+  Rule();
+  PrintQuality(result, facts);
+  Rule();
+  Line("lookups", fmt::format("{}, {} a second", Count(result.lookups), CountRate(result.lookups, result.seconds)));
+  Line("growths", fmt::format("{}, both tables together, from {} entries each", facts.growths, facts.tableSize));
+  Line("resident memory", fmt::format("{:.1f} MiB", static_cast<double>(facts.residentAfter) / MIB));
+  const std::uint64_t grown =
+      facts.residentAfter > facts.residentBefore ? facts.residentAfter - facts.residentBefore : 0;
+  if (result.distinctFeatures > 0) {
+    const double perFeature = static_cast<double>(grown) / static_cast<double>(result.distinctFeatures);
+    Line("memory per feature",
+         fmt::format("{:.1f} bytes, of which {} are parameters", perFeature,
+                     sizeof(float) * (LinearParameter::FLOATS + VectorParameter::Floats(facts.dim))));
+  }
+  Rule();
+}
+
+}  // namespace CtrTraining

@@ -1,0 +1,42 @@
+// What the user sees: progress while training runs, and the table at the end.
+#pragma once
+
+#include <cstdint>
+
+#include "ctr_training/trainer.h"
+
+namespace CtrTraining {
+
+// A bar that is redrawn in place on a terminal; elsewhere a line for every tenth of an epoch.
+class ProgressDisplay {
+ public:
+  ProgressDisplay();
+  void Show(const Progress& progress);
+
+ private:
+  void ShowBar(const Progress& progress) const;
+  void ShowLine(const Progress& progress);
+
+  const bool m_terminal;
+  unsigned m_epoch = 0;
+  std::uint64_t m_tenths = 0;  // of the epoch, that had their line
+};
+
+struct RunFacts {
+  unsigned threads = 0;
+  unsigned tableSize = 0;
+  unsigned dim = 0;
+  std::uint64_t firstEvaluated = 0;
+  std::uint64_t rowCount = 0;
+  bool truthKnown = false;
+  std::uint64_t growths = 0;
+  std::uint64_t residentBefore = 0;  // bytes, before the tables were made
+  std::uint64_t residentAfter = 0;   // bytes, while they still stand
+};
+
+// Bytes of the process that are in physical memory now.
+std::uint64_t ResidentBytes();
+
+void PrintReport(const TrainingResult& result, const RunFacts& facts);
+
+}  // namespace CtrTraining

@@ -1,0 +1,17 @@
+// What a filter table keeps for a key: its occurrences, and its block once it was admitted. Created once for each key
+// and shared by all copies of the pointer to it, so that no move loses an occurrence. Owned by the table's pool.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/atomic.h"
+
+namespace Qen {
+
+struct FilterRecord {
+  Atomic<unsigned char*> value{nullptr};  // null until the key is admitted
+  Atomic<std::uint32_t> count{0};         // saturates, never wraps
+  Atomic<std::uint8_t> admitted{0};
+};
+
+}  // namespace Qen

@@ -1,0 +1,96 @@
+// The chain of generations: building the next one, leaving the old ones. Included by hash_core_migration.h.
+#pragma once
+
+#include <exception>
+#include <mutex>
+
+#include "hash/hash_core_migration.h"
+
+namespace Qen {
+
+// Building is decided for each generation by itself (has it a next one?), so nobody waits for a builder that will not
+// come: whoever gets the mutex and finds no next generation is the builder.
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCoreMigration<Key, Value, KTraits, VTraits>::MakeNewTable(Core* old, Core*& next) {
+  next = old->Next();
+  if (next != nullptr) {
+    return KAVO_SUCCESS;
+  }
+  if (!m_buildPermit.load(std::memory_order_relaxed)) {  // a hint, for the line only
+    KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "new table is building by other thread, wait until finish");
+  }
+  std::lock_guard lock(m_buildMutex);
+  next = old->Next();
+  if (next != nullptr) {
+    return KAVO_SUCCESS;
+  }
+  struct Permit {
+    explicit Permit(Atomic<bool>& permit) noexcept : m_permit(permit) {
+      m_permit.store(false, std::memory_order_relaxed);
+    }
+    ~Permit() { m_permit.store(true, std::memory_order_relaxed); }  // also after a failure
+    Permit(const Permit&) = delete;
+    Permit& operator=(const Permit&) = delete;
+    Atomic<bool>& m_permit;
+  } permit(m_buildPermit);
+  KAVO_TEST_POINT("Chain.Building");
+  try {
+    const int ret = SetNextHashCore(MakeHeapPtr<Core>(2 * old->TableSize()));
+    next = old->Next();
+    return ret;
+  } catch (const std::exception& e) {
+    KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
+    return KAVO_NO_MEMORY;
+  }
+}
+
+// Appends a generation at the end of the chain, which takes it over. Under m_buildMutex.
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCoreMigration<Key, Value, KTraits, VTraits>::SetNextHashCore(HeapPtr<Core> next) {
+  const Atomic<Core*>* root = m_root.load(std::memory_order_acquire);  // pairs with the store in MigrateHashCore
+  Core* last = root == nullptr ? nullptr : root->load(std::memory_order_acquire);
+  if (last == nullptr) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "m_curHashCore is nullptr");
+    return KAVO_FAILED;
+  }
+  while (Core* following = last->Next()) {
+    last = following;
+  }
+  last->PublishNext(next.release());
+  return KAVO_SUCCESS;
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCoreMigration<Key, Value, KTraits, VTraits>::DeleteOldTable(Core* old) {
+  if (old->IsDeleted()) {
+    KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "old table is deleted by other thread");
+    return KAVO_SUCCESS;
+  }
+  KAVO_TEST_POINT("Chain.Leaving");
+  std::lock_guard lock(m_deleteMutex);
+  return old->IsDeleted() ? KAVO_SUCCESS : UpdateHashCore();
+}
+
+// Advances the current generation over the emptied ones at the front, in order and never past one that is not: an
+// older generation may still hold entries. If `old` cannot be left yet, whoever empties the older one leaves both.
+// Under m_deleteMutex.
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCoreMigration<Key, Value, KTraits, VTraits>::UpdateHashCore() {
+  Atomic<Core*>* root = m_root.load(std::memory_order_acquire);  // as in SetNextHashCore
+  Core* current = root == nullptr ? nullptr : root->load(std::memory_order_acquire);
+  if (current == nullptr) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "m_curHashCore is nullptr");
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "UpdateHashCore failed");
+    return KAVO_FAILED;
+  }
+  while (current->IsEmptied()) {
+    Core* next = current->Next();
+    root->store(next, std::memory_order_release);
+    current->MarkDeleted();
+    KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "table[%llu] is deleted, root is [%llu]", current->TableSize(), next->TableSize());
+    current = next;
+  }
+  return KAVO_SUCCESS;
+}
+
+}  // namespace Qen

@@ -1,0 +1,234 @@
+// One generation of a table: a power-of-two array of cells, and the search and insertion of a key in it.
+//
+// WHERE A KEY LIVES. The low bits of the key name its home cell; all keys with one home form a bucket. A key is in its
+// home cell, or in a further cell of the bucket's chain (linked from the home cell by one-byte distances), or in the
+// bucket's overflow map. It enters the first of these that has room, chain before map, and stays there.
+//
+// CONTRACT. Any number of threads may search and insert at once; construction and destruction are the owner's alone.
+//   FindValueProcess      waits for nobody; takes a lock (shared) only in a bucket with an overflow map.
+//   InsertOrFindProcess   waits for the end of a bucket's move and for a map that another thread is creating.
+// Neither takes a block: a new key's record is handed back FILLING, and the caller attaches the block.
+//
+// INVARIANTS
+//   I1  A stored key stays, and so does a link that was set: the path to a key never breaks.
+//   I2  All cells between two neighbours of a chain hold keys, and so do all cells within reach behind its end once a
+//       probe has found no room there. A probe that meets a claimed cell of its own bucket links it before going on.
+//       So one key is never in two cells, and a bucket's map comes into being only when no cell within reach is left.
+//   I3  A claim counts only once it was confirmed: the key is claimed, then linked, then the bucket's flags are
+//       confirmed (BucketFlags::ConfirmInPlace). A claim that a mover has overtaken is withdrawn (VACANT) and made
+//       again where the bucket went. No record holds a block before that, so no reader sees an unconfirmed one.
+//   I4  Map bits are read before the walk along the chain. (A map seen after the walk may have come into being behind
+//       the walk's back, together with cells that the walk has not seen.)
+//   I5  For copies that a mover makes, and for nothing else, a key enters the next generation before its bucket here
+//       has MOVED.
+//   I6  Once MOVING is set no key enters: claims fail their confirmation, and the map is entered only after a look at
+//       the flags under its lock. What the mover finds is all there is; it waits only for records in FILLING and for
+//       a map being built, whose owners wait for nobody.
+//
+// Definitions: insertion in hash_core_insert.h, lookup in hash_core_lookup.h. Moves: hash_core_migration.h.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <exception>
+#include <new>
+
+#include "hash/hash_cell.h"
+#include "hash/hcore.h"
+#include "hash/value_record.h"
+#include "platform/allocation.h"
+#include "platform/atomic.h"
+#include "platform/log.h"
+#include "platform/test_hooks.h"
+#include "platform/wait.h"
+
+namespace Qen {
+
+template <class Key, class Value, class KTraits, class VTraits>
+class HashCore {
+ public:
+  using Cell = HashCell<Key, Value>;
+  using Map = typename Cell::Map;
+
+  // What one attempt to find or claim a key came to.
+  enum class Outcome {
+    FOUND,      // the record has its block
+    CLAIMED,    // the record is FILLING and the caller's to fill; the claim is confirmed
+    BUSY,       // another thread owns the record (FILLING)
+    MOVING,     // the bucket is being moved, or was: wait for the end of the move, then look at the flags again
+    AGAIN,      // look at the flags again at once
+    IN_MAP,     // not in the cells; the bucket has a map, or gets one
+    NO_ROOM,    // not in the cells, and no cell within reach is left
+    FULL,       // nothing stored: the generation has more maps than it should, and must grow
+    NO_MEMORY,  // nothing stored; the line is written
+    FAILED,     // nothing stored; the line is written
+  };
+
+  // An insert obeys the growth threshold; the placing of a moved entry does not, or a move could not end.
+  enum class Purpose { INSERT, PLACE };
+
+  // A generation of at least `size` cells (at least 8). Throws std::bad_alloc after its line.
+  explicit HashCore(const unsigned long long& size);
+  HashCore(const HashCore&) = delete;
+  HashCore& operator=(const HashCore&) = delete;
+  ~HashCore();
+
+  // The key's record in this generation if it has a block, else null.
+  Value* FindValueProcess(const Key& key) const;
+  Value* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags) const;
+
+  // Finds `key` or claims a place for it, here or where its bucket has moved to; `core` is the generation where that
+  // ended. ENTRY_FOUND: `valueRecord` is the key's; it may still be FILLING, then ask again. ENTRY_INSERTED: the
+  // record is the caller's to fill. MUST_GROW: this generation must grow; with a record, the key is claimed as for
+  // ENTRY_INSERTED, without one nothing was stored. KAVO_FAILED, KAVO_NO_MEMORY.
+  int InsertOrFindProcess(const Key& key, Value*& valueRecord, HashCore*& core);
+
+  // The steps of InsertOrFindProcess in this generation's bucket `home`, for callers that place entries. `flags` was
+  // read before and has no MOVED. FindOrClaimCell answers IN_MAP and NO_ROOM for the map steps to go on from.
+  Outcome FindOrClaimCell(const Key& key, std::uint64_t home, std::uint8_t flags, Purpose purpose, Value*& valueRecord);
+  Outcome MapFindOrInsert(const Key& key, std::uint64_t home, std::uint8_t flags, Value*& valueRecord);
+  // Creates the bucket's map with `key` as its first entry. IN_MAP: another thread does, or did.
+  Outcome TryCreateMap(const Key& key, std::uint64_t home, Value*& valueRecord);
+
+  // Waits while the bucket's map is being built. IN_MAP: it is there. AGAIN: its creation was withdrawn. FAILED: after
+  // a line.
+  Outcome MapExistAcquire(std::uint64_t home) const;
+
+  // Waits while the bucket is being moved: until it has moved, or its move was given up. 0, or KAVO_FAILED.
+  int RehashAcquire(const unsigned long long& bucket) const;
+
+  std::uint64_t HomeIndex(const Key& key) const noexcept {
+    return KTraits::BucketBits(key) & static_cast<std::uint32_t>(m_mask);
+  }
+  // A position counted from a home cell on may exceed the mask once it has wrapped.
+  Cell& CellAt(std::uint64_t position) const noexcept {
+    return m_cells[static_cast<std::uint32_t>(position) & static_cast<std::uint32_t>(m_mask)];
+  }
+  unsigned long long TableSize() const noexcept { return m_tableSize; }
+  unsigned long long Mask() const noexcept { return m_mask; }
+  unsigned long long MapNum() const noexcept { return m_mapNum.load(std::memory_order_relaxed); }
+  unsigned long long MaxMapNum() const noexcept { return m_maxMapNum; }
+  bool IsOverMapThreshold() const noexcept { return MapNum() > m_maxMapNum; }
+
+  // Acquire and release: a generation is seen fully built.
+  HashCore* Next() const noexcept { return m_nextHashCore.load(std::memory_order_acquire); }
+  void PublishNext(HashCore* next) noexcept { m_nextHashCore.store(next, std::memory_order_release); }
+
+  // A whole-table move is shared out in chunks of this many cells.
+  unsigned long long ChunkSize() const noexcept;
+  unsigned long long ChunkCount() const noexcept { return m_tableSize / ChunkSize(); }
+  // Acquire and release: whoever finds the generation emptied sees all copies, whoever made them.
+  void CountFinishedChunk() noexcept { m_finishedChunks.fetch_add(1, std::memory_order_acq_rel); }
+  bool IsEmptied() const noexcept { return m_finishedChunks.load(std::memory_order_acquire) == ChunkCount(); }
+
+  // Set under the chain's delete mutex when the current generation has passed this one. Acquire and release: so has
+  // whoever sees it.
+  bool IsDeleted() const noexcept { return m_deleted.load(std::memory_order_acquire); }
+  void MarkDeleted() noexcept { m_deleted.store(true, std::memory_order_release); }
+
+  // Threads at work on this generation's move. Says nothing about its end, hence relaxed.
+  unsigned GetRehashNum() const noexcept { return m_rehashNum.load(std::memory_order_relaxed); }
+  void AddRehashNum() noexcept { m_rehashNum.fetch_add(1, std::memory_order_relaxed); }
+  void SubRehashNum() noexcept { m_rehashNum.fetch_sub(1, std::memory_order_relaxed); }
+
+ private:
+  static bool HasMapBits(std::uint8_t flags) noexcept {
+    return (flags & (HCore::MAP_BUILDING | HCore::MAP_READY)) != 0;
+  }
+  bool IsSameBucket(const Key& a, const Key& b) const noexcept { return HomeIndex(a) == HomeIndex(b); }
+
+  Outcome LinearSearch(const Key& key, std::uint64_t home, std::uint8_t flags, std::uint64_t tail, ChainLink* link,
+                       Value*& valueRecord);
+  Outcome Examine(std::uint64_t home, std::uint8_t flags, Value& record, Value*& valueRecord);
+  Outcome ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record, Value*& valueRecord);
+  Outcome LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags, Value*& valueRecord);
+  HashCore* FindOrInsertCellInNext(std::uint64_t home);
+  Value* MapFind(const Key& key, std::uint64_t home) const;
+  void OwnMap(Map* map) noexcept;
+
+  // Fixed after construction.
+  unsigned long long m_linearSearchLen = HCore::LINEAR_SEARCH_LEN;
+  unsigned long long m_tableSize = 0;
+  unsigned long long m_mask = 0;
+  unsigned long long m_maxMapNum = 0;
+  ZeroedRange m_cellMemory;
+  Cell* m_cells = nullptr;
+
+  // Atomic, written by any thread as the accessors say.
+  Atomic<HashCore*> m_nextHashCore{nullptr};
+  Atomic<bool> m_deleted{false};
+  Atomic<unsigned> m_rehashNum{0};
+  Atomic<unsigned long long> m_mapNum{0};  // only ever grows; the threshold test is approximate, hence relaxed
+  Atomic<unsigned long long> m_finishedChunks{0};
+  Atomic<Map*> m_ownedMaps{nullptr};  // list of all maps of this generation, for its destruction
+};
+
+template <class Key, class Value, class KTraits, class VTraits>
+HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size) {
+  static_assert(sizeof(Cell) == 32, "two cells share a cache line");
+  try {
+    if (size > (1ULL << 63)) {
+      throw std::bad_alloc();
+    }
+    m_tableSize = size <= 8 ? 8 : std::bit_ceil(size);
+    m_cellMemory = ZeroedRange(m_tableSize, sizeof(Cell));
+  } catch (const std::exception& e) {
+    KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
+    throw std::bad_alloc();
+  }
+  // Zero bytes are the initial state of a cell; nobody writes them.
+  m_cells = static_cast<Cell*>(m_cellMemory.Data());
+  m_mask = m_tableSize - 1;
+  m_maxMapNum = static_cast<unsigned long long>(static_cast<float>(m_tableSize) * HCore::MAP_RATIO);
+}
+
+// Cells own nothing but their maps, and those are listed: an untouched cell stays untouched to the end.
+template <class Key, class Value, class KTraits, class VTraits>
+HashCore<Key, Value, KTraits, VTraits>::~HashCore() {
+  Map* map = m_ownedMaps.load(std::memory_order_acquire);  // pairs with OwnMap
+  while (map != nullptr) {
+    Map* next = map->nextOwned;
+    HeapDelete(map);
+    map = next;
+  }
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+unsigned long long HashCore<Key, Value, KTraits, VTraits>::ChunkSize() const noexcept {
+  constexpr unsigned long long MAX_CHUNKS = 128;
+  constexpr unsigned long long MIN_CHUNK_CELLS = 256;
+  const unsigned long long smallest = m_tableSize < MIN_CHUNK_CELLS ? m_tableSize : MIN_CHUNK_CELLS;
+  const unsigned long long even = m_tableSize / MAX_CHUNKS;
+  return even > smallest ? even : smallest;
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCore<Key, Value, KTraits, VTraits>::RehashAcquire(const unsigned long long& bucket) const {
+  Waiter waiter(HCore::WAIT_INTERVAL_US, HCore::MAX_WAIT_TIME);
+  const BucketFlags& flags = CellAt(bucket).flags;
+  for (;;) {
+    const std::uint8_t bits = flags.Load();
+    if ((bits & HCore::BUCKET_MOVED) != 0 || (bits & HCore::BUCKET_MOVING) == 0) {
+      return KAVO_SUCCESS;
+    }
+    KAVO_TEST_POINT("HashCore.WaitForMove");
+    if (!waiter.Pause()) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashAcquire overtime");
+      return KAVO_FAILED;
+    }
+  }
+}
+
+// Release: pairs with the destructor's acquire; carries the list's links.
+template <class Key, class Value, class KTraits, class VTraits>
+void HashCore<Key, Value, KTraits, VTraits>::OwnMap(Map* map) noexcept {
+  map->nextOwned = m_ownedMaps.load(std::memory_order_relaxed);
+  while (
+      !m_ownedMaps.compare_exchange_weak(map->nextOwned, map, std::memory_order_release, std::memory_order_relaxed)) {
+  }
+}
+
+}  // namespace Qen
+
+#include "hash/hash_core_insert.h"
+#include "hash/hash_core_lookup.h"

@@ -1,0 +1,70 @@
+// The value record of one key: where a cell or a map entry points to the key's block.
+//
+// States, once the key is set:
+//
+//   FILLING (zero)   a thread is between its claim of the key and the attachment of the block; it owns the record and
+//                    waits for nobody meanwhile. Left by the owner only: to ATTACHED, or to VACANT.
+//   VACANT           nobody works on it: the claim was withdrawn, or its block could not be had. Left by the
+//                    compare-exchange of an inserter that takes it over, to FILLING.
+//   ATTACHED         points to a block. Final: a key has one block for the life of its table. Copies of the pointer in
+//                    newer generations are the same pointer, which is why a move never has to empty a record and a
+//                    reader may trust whatever it finds in an old generation.
+//
+// The record owns nothing; blocks belong to the table's pool.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/atomic.h"
+
+namespace Qen {
+
+enum class RecordState { FILLING, VACANT, ATTACHED };
+
+template <class Pointee>
+class ValueRecord {
+ public:
+  // What everybody outside the core sees: the block, or null while there is none.
+  // Acquire: pairs with Attach; whoever sees the pointer sees what was written to the block before.
+  Pointee* Get() const noexcept {
+    const std::uintptr_t word = m_word.load(std::memory_order_acquire);
+    return word > VACANT_WORD ? reinterpret_cast<Pointee*>(word) : nullptr;
+  }
+
+  RecordState State() const noexcept {
+    const std::uintptr_t word = m_word.load(std::memory_order_acquire);  // as in Get: the caller may go on to Get
+    return word == FILLING_WORD  ? RecordState::FILLING
+           : word == VACANT_WORD ? RecordState::VACANT
+                                 : RecordState::ATTACHED;
+  }
+
+  // Owner of FILLING only. Release: pairs with Get.
+  void Attach(Pointee* block) noexcept {
+    m_word.store(reinterpret_cast<std::uintptr_t>(block), std::memory_order_release);
+  }
+
+  // Owner of FILLING only. Relaxed: VACANT carries no data, and whoever takes the record over validates its claim
+  // against the bucket's flags like a new one.
+  void Withdraw() noexcept { m_word.store(VACANT_WORD, std::memory_order_relaxed); }
+
+  // Makes the caller the owner of FILLING if the record is VACANT. Relaxed: ownership is published by the validation
+  // that must follow.
+  bool TakeOver() noexcept {
+    std::uintptr_t expected = VACANT_WORD;
+    return m_word.compare_exchange_strong(expected, FILLING_WORD, std::memory_order_relaxed, std::memory_order_relaxed);
+  }
+
+ private:
+  static constexpr std::uintptr_t FILLING_WORD = 0;
+  static constexpr std::uintptr_t VACANT_WORD = 1;  // never the address of a block: those are aligned to 4
+
+  Atomic<std::uintptr_t> m_word{FILLING_WORD};
+};
+
+struct FilterRecord;
+
+// A basic table's record points to the value block, a filter table's to the filter record.
+using HashValue = ValueRecord<unsigned char>;
+using FHashValue = ValueRecord<FilterRecord>;
+
+}  // namespace Qen

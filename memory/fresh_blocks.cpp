@@ -1,0 +1,119 @@
+#include "memory/fresh_blocks.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "platform/test_hooks.h"
+
+namespace Qen {
+namespace {
+
+constexpr unsigned long long FIRST_RUN_COUNT = 8;
+constexpr unsigned long long MAX_RUN_COUNT = 1024;
+constexpr std::size_t MAX_RUN_BYTES = std::size_t{256} << 10;
+constexpr std::size_t MIN_CHUNK_BYTES = std::size_t{64} << 10;
+constexpr std::size_t MAX_CHUNK_BYTES = std::size_t{32} << 20;
+constexpr std::size_t CACHE_LINE = 64;
+
+// Threads are numbered from 1 as they take their first block, whatever they take it from.
+constinit Atomic<unsigned> g_lastThreadOrdinal{0};
+constinit thread_local unsigned g_threadOrdinal = 0;
+
+unsigned ThreadOrdinal() noexcept {
+  if (g_threadOrdinal == 0) {
+    // relaxed: it only spreads the threads, and nothing is read on the strength of it.
+    g_threadOrdinal = g_lastThreadOrdinal.fetch_add(1, std::memory_order_relaxed) + 1;
+  }
+  return g_threadOrdinal;
+}
+
+}  // namespace
+
+// The count is written with every block taken, so its cache line holds no field that other takers read, nor anything
+// of another object, wherever the heap places the run.
+struct FreshBlocks::Run {
+  Run(unsigned char* firstBlock, unsigned long long blockCount, Run* olderRun) noexcept
+      : first(firstBlock), count(blockCount), older(olderRun) {}
+
+  unsigned char* const first;
+  const unsigned long long count;
+  Run* const older;
+  char padding[CACHE_LINE - 3 * sizeof(void*)] = {};
+  // The maker keeps block 0. May pass `count`, by one for each thread that finds the run used up.
+  Atomic<unsigned long long> used{1};
+  char paddingBehind[CACHE_LINE - sizeof(used)] = {};
+};
+
+FreshBlocks::FreshBlocks(const BlockLayout& layout) noexcept
+    : m_layout(layout),
+      m_maxRunCount(std::clamp<unsigned long long>(MAX_RUN_BYTES / layout.stride, 1, MAX_RUN_COUNT)),
+      m_nextChunkBytes(MIN_CHUNK_BYTES) {
+  for (Arena& arena : m_arenas) {
+    arena.nextCount = std::min(FIRST_RUN_COUNT, m_maxRunCount);
+  }
+}
+
+FreshBlocks::~FreshBlocks() {
+  while (m_runs != nullptr) {
+    Run* const run = m_runs;
+    m_runs = run->older;
+    HeapDelete(run);
+  }
+}
+
+unsigned char* FreshBlocks::Take() {
+  Arena& arena = m_arenas[ThreadOrdinal() % ARENA_COUNT];
+  for (;;) {
+    // acquire: the run's fields and the zeros of its blocks, published by ReplaceRun.
+    Run* const run = arena.run.load(std::memory_order_acquire);
+    if (run != nullptr) {
+      // relaxed: the increments of one atomic are distinct in any order, and they publish nothing.
+      const unsigned long long index = run->used.fetch_add(1, std::memory_order_relaxed);
+      if (index < run->count) {
+        return run->first + static_cast<std::size_t>(index) * m_layout.stride;
+      }
+    }
+    KAVO_TEST_POINT("FreshBlocks::Take run used up");
+    if (unsigned char* const block = ReplaceRun(arena, run); block != nullptr) {
+      return block;
+    }
+  }
+}
+
+// Null when another thread has replaced the run meanwhile.
+unsigned char* FreshBlocks::ReplaceRun(Arena& arena, const Run* usedUp) {
+  const std::lock_guard<Mutex> lock(m_mutex);
+  // relaxed: written under this lock only.
+  if (arena.run.load(std::memory_order_relaxed) != usedUp) {
+    return nullptr;
+  }
+  if (m_chunkLeft == 0) {
+    MapChunk();
+  }
+  const unsigned long long count = std::min(arena.nextCount, m_chunkLeft);
+  Run* const run = HeapNew<Run>(m_chunkNext, count, m_runs);
+  m_runs = run;
+  m_chunkLeft -= count;
+  m_chunkNext += static_cast<std::size_t>(count) * m_layout.stride;
+  arena.nextCount = std::min(2 * arena.nextCount, m_maxRunCount);
+  // release: pairs with the load in Take.
+  arena.run.store(run, std::memory_order_release);
+  return run->first;
+}
+
+void FreshBlocks::MapChunk() {
+  const std::size_t room = (m_nextChunkBytes - m_layout.firstAt) / m_layout.stride;
+  const unsigned long long count = std::max<std::size_t>(room, 1);
+  try {
+    m_chunks.emplace_back(m_layout.RangeBytes(count));
+  } catch (...) {
+    // A smaller piece may still be had next time.
+    m_nextChunkBytes = std::max(MIN_CHUNK_BYTES, m_nextChunkBytes / 2);
+    throw;
+  }
+  m_chunkNext = m_layout.At(m_chunks.back().Data(), 0);
+  m_chunkLeft = count;
+  m_nextChunkBytes = std::min(2 * m_nextChunkBytes, MAX_CHUNK_BYTES);
+}
+
+}  // namespace Qen

@@ -1,0 +1,80 @@
+// Zero-filled blocks of one size, as many as are asked for, made in large pieces and all freed together.
+//
+// CONTRACT
+//   Any number of threads may call Take at once. A block is handed out once and belongs to this object until it is
+//   destroyed, which nobody may do while a thread is in Take or uses a block. Take throws std::bad_alloc when the
+//   system gives no memory, and whatever a lock throws; nothing is lost by that, and the next call tries again.
+//
+// LAYOUT
+//   chunk    one range from the system, from 64 KiB (or one block, where that is more) doubling to 32 MiB
+//   run      consecutive blocks of a chunk, with the count of those handed out
+//   arena    a current run; each thread always takes from the same arena, many threads may share one
+//
+// HOW A BLOCK IS TAKEN
+//   One fetch-add on the arena's current run. Whoever finds the run used up takes the lock, carves the next run from
+//   the current chunk (or gets a chunk), keeps the first block and publishes the rest.
+//
+// INVARIANTS
+//   I1  A block lies in exactly one run, and a run hands out index i to the one thread whose fetch-add gave i.
+//   I2  A run is never changed, but for its count, nor freed before this object is: a thread may still hold the
+//       address of a run that has been replaced.
+//   I3  An arena's run is replaced only under the lock and only when it is used up, so no block is skipped.
+//
+// WHO MAY TOUCH WHAT
+//   An arena's run pointer is written under the lock (release) and read by anyone (acquire); it carries the run's
+//   fields and the zeros of its blocks. The run's count is written by anyone. Everything else is guarded by the lock,
+//   which is held while a chunk is mapped; no other lock is ever taken under it.
+//
+// COST
+//   A block costs `stride` bytes and one fetch-add on a cache line that only the threads of one arena share. Runs
+//   start at 8 blocks and double, for each arena, to 1,024 blocks or 256 KiB: at any time an arena holds back no more
+//   blocks than it has given out, or 8. Threads that come and go leave nothing behind, since arenas are not theirs.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "memory/block_layout.h"
+#include "platform/allocation.h"
+#include "platform/atomic.h"
+#include "platform/mutex.h"
+
+namespace Qen {
+
+class FreshBlocks {
+ public:
+  explicit FreshBlocks(const BlockLayout& layout) noexcept;
+  ~FreshBlocks();
+  FreshBlocks(const FreshBlocks&) = delete;
+  FreshBlocks& operator=(const FreshBlocks&) = delete;
+
+  unsigned char* Take();
+
+ private:
+  struct Run;
+  struct Arena {
+    Atomic<Run*> run{nullptr};
+    unsigned long long nextCount = 0;  // blocks of the next run; guarded by m_mutex
+  };
+
+  static constexpr unsigned ARENA_COUNT = 32;
+
+  unsigned char* ReplaceRun(Arena& arena, const Run* usedUp);
+  void MapChunk();
+
+  // Fixed after construction.
+  const BlockLayout m_layout;
+  const unsigned long long m_maxRunCount;
+
+  Arena m_arenas[ARENA_COUNT];
+
+  // Guarded by m_mutex.
+  Mutex m_mutex;
+  Run* m_runs = nullptr;  // every run, newest first
+  std::vector<ZeroedRange, HeapAllocator<ZeroedRange>> m_chunks;
+  unsigned char* m_chunkNext = nullptr;  // the first block not yet in a run
+  unsigned long long m_chunkLeft = 0;    // blocks from there to the end of the chunk
+  std::size_t m_nextChunkBytes;
+};
+
+}  // namespace Qen

@@ -1,0 +1,180 @@
+#include "platform/log_writer.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+#include <system_error>
+
+#include "platform/allocation.h"
+#include "platform/log.h"
+#include "platform/log_bound.h"
+
+namespace Qen {
+namespace {
+
+constexpr int DEFAULT_LEVEL = LOG_LEVEL_WARN;
+constexpr int LOG_LEVEL_OFF = LOG_LEVEL_EVENT + 1;
+// Holds every line of the library but one with an exceptionally long exception text.
+constexpr std::size_t STACK_LINE_BYTES = 1024;
+
+// Written at load only, see ReadLogEnvironment. Constant-initialised and never destroyed, so that logging is safe at
+// any time between load and unload.
+constinit int g_level = DEFAULT_LEVEL;
+constinit LogBound g_bound{LogBound::DEFAULT_RATE};
+
+int LevelNamed(const char* name) noexcept {
+  struct Level {
+    std::string_view name;
+    int level;
+  };
+  static constexpr Level LEVELS[] = {{"debug", LOG_LEVEL_DEBUG},
+                                     {"info", LOG_LEVEL_INFO},
+                                     {"warn", LOG_LEVEL_WARN},
+                                     {"error", LOG_LEVEL_ERROR},
+                                     {"off", LOG_LEVEL_OFF}};
+  if (name != nullptr) {
+    for (const Level& candidate : LEVELS) {
+      if (candidate.name == name) {
+        return candidate.level;
+      }
+    }
+  }
+  return DEFAULT_LEVEL;
+}
+
+unsigned long long RateNamed(const char* text) noexcept {
+  if (text == nullptr) {
+    return LogBound::DEFAULT_RATE;
+  }
+  unsigned long long rate = 0;
+  const char* const end = text + std::strlen(text);
+  const std::from_chars_result result = std::from_chars(text, end, rate);
+  if (result.ec == std::errc::invalid_argument || result.ptr != end) {
+    return LogBound::DEFAULT_RATE;
+  }
+  // More digits than a number holds are still a number: the highest.
+  return result.ec == std::errc::result_out_of_range ? ~0ULL : rate;
+}
+
+unsigned long long CoarseNowNs() noexcept {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<unsigned long long>(now.tv_sec) * LogBound::SECOND_NS +
+         static_cast<unsigned long long>(now.tv_nsec);
+}
+
+// One write for a line, unless the system takes less than all of it. What it refuses is dropped: a log line must
+// neither block on a non-blocking descriptor nor end the host because standard error is a broken pipe or a file at its
+// size limit, so the signals for these are kept from the host.
+void WriteText(const char* text, std::size_t length) noexcept {
+  sigset_t fatal;
+  sigset_t before;
+  sigemptyset(&fatal);
+  sigaddset(&fatal, SIGPIPE);
+  sigaddset(&fatal, SIGXFSZ);
+  pthread_sigmask(SIG_BLOCK, &fatal, &before);
+  while (length > 0) {
+    const ssize_t written = ::write(STDERR_FILENO, text, length);
+    if (written > 0) {
+      text += written;
+      length -= static_cast<std::size_t>(written);
+    } else if (written == 0 || errno != EINTR) {
+      // Whichever of the two this write raised is pending now. One that the host blocks itself stays the host's.
+      for (const int signal : {SIGPIPE, SIGXFSZ}) {
+        if (sigismember(&before, signal) == 1) {
+          sigdelset(&fatal, signal);
+        }
+      }
+      const timespec atOnce{};
+      sigtimedwait(&fatal, nullptr, &atOnce);
+      break;
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// The held-back line stands in the frame of the line that it precedes: every format of the library starts with the
+// frame, so its first arguments are the frame's.
+void WriteHeldBackLine(unsigned long long count, const char* format, va_list arguments) noexcept
+    __attribute__((format(printf, 2, 0)));
+
+void WriteHeldBackLine(unsigned long long count, const char* format, va_list arguments) noexcept {
+  char text[STACK_LINE_BYTES];
+  // Room for the rest, whatever the length of the frame.
+  constexpr std::size_t FRAME_BYTES = sizeof(text) - 64;
+  std::size_t used = 0;
+  if (std::strncmp(format, KAVO_LOG_FRAME_, sizeof(KAVO_LOG_FRAME_) - 1) == 0) {
+    const int length = std::vsnprintf(text, FRAME_BYTES, KAVO_LOG_FRAME_, arguments);
+    if (length > 0) {
+      used = static_cast<std::size_t>(length) < FRAME_BYTES ? static_cast<std::size_t>(length) : FRAME_BYTES - 1;
+    }
+  }
+  const int rest = std::snprintf(text + used, sizeof(text) - used, "%llu lines held back\r\n", count);
+  WriteText(text, used + static_cast<std::size_t>(rest > 0 ? rest : 0));
+}
+
+void WriteLine(const char* format, va_list arguments) noexcept __attribute__((format(printf, 1, 0)));
+
+void WriteLine(const char* format, va_list arguments) noexcept {
+  va_list again;
+  va_copy(again, arguments);
+  char text[STACK_LINE_BYTES];
+  const int length = std::vsnprintf(text, sizeof(text), format, arguments);
+  if (length < 0) {
+    WriteText(format, std::strlen(format));
+  } else if (static_cast<std::size_t>(length) < sizeof(text)) {
+    WriteText(text, static_cast<std::size_t>(length));
+  } else {
+    const std::size_t bytes = static_cast<std::size_t>(length) + 1;
+    if (void* const memory = TryHeapAllocate(bytes)) {
+      char* const longText = static_cast<char*>(memory);
+      std::vsnprintf(longText, bytes, format, again);
+      WriteText(longText, bytes - 1);
+      HeapFree(memory, bytes);
+    } else {
+      static constexpr char CUT[] = "... (line cut, no memory)\r\n";
+      std::memcpy(text + sizeof(text) - sizeof(CUT), CUT, sizeof(CUT));
+      WriteText(text, sizeof(text) - 1);
+    }
+  }
+  va_end(again);
+}
+
+}  // namespace
+
+void ReadLogEnvironment() noexcept {
+  g_level = LevelNamed(std::getenv("KAVO_LOG_LEVEL"));
+  g_bound = LogBound(RateNamed(std::getenv("KAVO_LOG_RATE")));
+}
+
+int DefaultLogLevel() noexcept { return g_level; }
+
+void WriteToStandardError(LogSite& site, int level, const char* format, va_list arguments) noexcept {
+  // Error and event lines come unchecked, and any other may have been checked against a sink that is gone by now.
+  if (level < g_level) {
+    return;
+  }
+  if (g_bound.Limits()) {
+    const unsigned long long nowNs = CoarseNowNs();
+    if (!g_bound.Admit(site, nowNs)) {
+      return;
+    }
+    const unsigned long long heldBack = LogBound::TakeUnreported(site, nowNs);
+    if (heldBack != 0) {
+      va_list frame;
+      va_copy(frame, arguments);
+      WriteHeldBackLine(heldBack, format, frame);
+      va_end(frame);
+    }
+  }
+  WriteLine(format, arguments);
+}
+
+}  // namespace Qen

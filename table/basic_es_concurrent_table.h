@@ -1,0 +1,60 @@
+// BasicEsConcurrentTable: the plain kind. Every key that is inserted gets its value block at once, and its value
+// record is that block's address.
+//
+// The class is final, so that the exported functions reach its operations without a virtual call.
+#pragma once
+
+#include <functional>
+#include <type_traits>
+#include <utility>
+
+#include "hash/hashtable.h"
+#include "hash/traits.h"
+#include "hash/value_record.h"
+#include "table/es_concurrent_table.h"
+
+namespace Qen {
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
+class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Value, KTraits, VTraits> {
+  using Base = EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>;
+
+ public:
+  using Base::Base;
+  using typename Base::OperationInfo;
+
+  unsigned char* GetValue(Value* value) const override { return value->Get(); }
+
+  std::pair<Value*, int> InsertOrFind(OperationInfo& info) const override;
+
+  int UpdateValue(Value* value, const unsigned char* src, unsigned len) const override {
+    return Base::UpdateValue(value->Get(), src, len);
+  }
+};
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
+std::pair<Value*, int> BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(
+    OperationInfo& info) const {
+  // Runs once, on the record of a key that this call created. The block becomes visible to others, zero-filled, with
+  // Attach.
+  auto onInsert = [this, &info](Value& value) {
+    const int ret = this->GetMemAndRawPtr(info.memKind, info.rawPtr);
+    if (ret == KAVO_SUCCESS) {
+      value.Attach(info.rawPtr);
+    }
+    return ret;
+  };
+  // Sees only records that have their block: the hash table waits for another thread's insert by itself.
+  auto onFound = [&info](Value& value) {
+    info.rawPtr = value.Get();
+    return KAVO_SUCCESS;
+  };
+  // Callables of two pointers stay inside the function objects; larger ones would be allocated in every call.
+  static_assert(sizeof(onInsert) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onInsert)>);
+  static_assert(sizeof(onFound) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onFound)>);
+  const std::function<int(Value&)> insertCallback(onInsert);
+  const std::function<int(Value&)> foundCallback(onFound);
+  return this->HashTableOwner().GetHashtable().InsertOrFind(info.key, insertCallback, foundCallback);
+}
+
+}  // namespace Qen

@@ -1,0 +1,125 @@
+// EsConcurrentTable: what the registry owns for a table id. It binds one hash table, which finds a key's value record,
+// to one pool, which owns the blocks that the records point to, and leaves to the table kinds what an entry's record
+// means.
+//
+// Contract
+//  - Construction and destruction belong to one thread, which no other may overlap. Every other operation is const,
+//    changes only what the members point to, and may run on any number of threads at once.
+//  - Value bytes are plain memory: who writes them beside another reader or writer of the same key is the caller's to
+//    settle. Headers are atomic (value_header.h).
+//  - Once built, the object never changes, and a block stays at its address until the table is destroyed.
+//
+// The table keeps none of its creation parameters: capacity is the hash table's, table id and block size the pool's.
+#pragma once
+
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "hash/concurrent_table.h"
+#include "kavo.h"
+#include "memory/memory_pool.h"
+#include "platform/allocation.h"
+#include "platform/bounded_copy.h"
+#include "platform/log.h"
+#include "table/value_header.h"
+
+namespace Qen {
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
+class EsConcurrentTable {
+ public:
+  using Table = ConcurrentTable<Key, Value, KTraits, VTraits>;
+
+  // The argument record of InsertOrFind.
+  struct OperationInfo {
+    Key key;
+    unsigned char* rawPtr;  // out: the entry's block, header first; set to null before the call
+    MemKind memKind;        // in: the stock wanted for a new entry; out: the stock that its block came from
+  };
+
+  // `size` is the number of entries expected, 0 for the default. `valueLen` must leave room for the header in 32 bits.
+  // Throws std::bad_alloc, logged, with nothing left allocated.
+  EsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen);
+  virtual ~EsConcurrentTable() = default;
+  EsConcurrentTable(const EsConcurrentTable&) = delete;
+  EsConcurrentTable& operator=(const EsConcurrentTable&) = delete;
+
+  // The block of an entry's record; null when the record has none.
+  virtual unsigned char* GetValue(Value* value) const = 0;
+
+  // Finds the key, or inserts it with a block from the pool. The status is 1 for a new entry, 0 for one that was
+  // there, negative for a failure; 0 and 1 come with the block in `info.rawPtr`. Does not allocate.
+  virtual std::pair<Value*, int> InsertOrFind(OperationInfo& info) const = 0;
+
+  // Overwrites an entry's value bytes and marks the entry changed.
+  virtual int UpdateValue(Value* value, const unsigned char* src, unsigned len) const = 0;
+
+  // The key's record, which then has what its kind of table attaches; null when the key is absent or its insert has
+  // not finished.
+  Value* Find(const Key& key) const { return m_table->GetHashtable().Find(key); }
+
+  unsigned ValueLen() const noexcept { return m_pool->BlockSize() - VALUE_HEADER_BYTES; }
+  unsigned long long Capacity() const { return m_table->Capacity(); }
+
+ protected:
+  Table& HashTableOwner() const noexcept { return *m_table; }
+
+  // A new entry's block. 0, or KAVO_NO_MEMORY with `rawPtr` unchanged.
+  int GetMemAndRawPtr(MemKind& kind, unsigned char*& rawPtr) const;
+
+  // The header is written first, so the entry counts as changed even when the copy fails.
+  static int UpdateValue(unsigned char* block, const unsigned char* src, unsigned len);
+
+ private:
+  // Fixed after construction. Destroyed from the last to the first: the blocks go before the records that point to
+  // them, and no record is followed by then.
+  HeapPtr<Table> m_table;
+  HeapPtr<MemoryPool> m_pool;
+};
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
+EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::EsConcurrentTable(const TableId& tableId,
+                                                                            const unsigned long long& size,
+                                                                            const unsigned& valueLen) {
+  try {
+    m_table = MakeHeapPtr<Table>(size);
+    m_pool = MakeHeapPtr<MemoryPool>(tableId, valueLen + VALUE_HEADER_BYTES);
+  } catch (const std::exception& error) {
+    KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", error.what());
+    throw std::bad_alloc();
+  }
+  // One block for each entry that the hash table has settled on.
+  const int ret = m_pool->InitMemPool(m_table->Capacity());
+  if (ret != KAVO_SUCCESS) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "InitMemPool failed, ret = %d.", ret);
+    throw std::bad_alloc();
+  }
+}
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
+int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetMemAndRawPtr(MemKind& kind,
+                                                                              unsigned char*& rawPtr) const {
+  unsigned char* block = nullptr;
+  const int ret = m_pool->GetMem(block, kind);
+  if (ret != KAVO_SUCCESS) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "pool GetMem failed, ret = [%d]", ret);
+    return KAVO_NO_MEMORY;
+  }
+  rawPtr = block;
+  return KAVO_SUCCESS;
+}
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
+int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(unsigned char* block,
+                                                                          const unsigned char* src, unsigned len) {
+  ValueHeader::Store(block, ValueHeader::CHANGED);
+  const int ret = memcpy_s(ValueBytes(block), len, src, len);
+  if (ret != 0) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret[%d]", ret);
+    return KAVO_NO_MEMORY;
+  }
+  return KAVO_SUCCESS;
+}
+
+}  // namespace Qen

@@ -1,0 +1,63 @@
+/* The public header and every function of it, from C. */
+#include "kavo.h"
+
+#include <stdio.h>
+#include <string.h>
+
+static int failures = 0;
+
+#define CHECK(condition)                                                      \
+  do {                                                                        \
+    if (!(condition)) {                                                       \
+      ++failures;                                                             \
+      fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
+    }                                                                         \
+  } while (0)
+
+typedef struct Lines {
+  int count;
+  char last[256];
+} Lines;
+
+static void WriteLine(void* context, unsigned int channel, int level, const char* format, va_list arguments) {
+  Lines* lines = (Lines*)context;
+  CHECK(channel == 0x100003DU);
+  CHECK(level == KAVO_LOG_LEVEL_ERROR);
+  ++lines->count;
+  vsnprintf(lines->last, sizeof(lines->last), format, arguments);
+}
+
+int main(void) {
+  enum { TABLE = 3, LEN = 8 };
+  Lines lines = {0, ""};
+  const KavoLogSink sink = {NULL, &WriteLine, &lines};
+  unsigned char one[LEN] = {1, 2, 3, 4, 5, 6, 7, 8};
+  unsigned char two[LEN] = {9, 9, 9, 9, 9, 9, 9, 9};
+  unsigned char* address = NULL;
+  unsigned char* again = NULL;
+  unsigned int len = 0;
+  unsigned int found = 7;
+
+  CHECK(KavoSetLogSink(&sink) == KAVO_SUCCESS);
+  CHECK(KavoInitHashTable(TABLE, 100, LEN, KAVO_TABLE_TYPE_BASIC) == KAVO_SUCCESS);
+  CHECK(KavoInsert(TABLE, 1, one, LEN, 0, 2) == KAVO_SUCCESS);
+  CHECK(KavoLookup(TABLE, 1, &address, &len) == KAVO_SUCCESS);
+  CHECK(len == LEN && memcmp(address, one, LEN) == 0);
+  CHECK(KavoUpdate(TABLE, 1, two, LEN) == KAVO_SUCCESS);
+  CHECK(KavoLookupForUpdate(TABLE, 1, &again, &len) == KAVO_SUCCESS);
+  CHECK(again == address && memcmp(address, two, LEN) == 0);
+  CHECK(KavoInsertOrUpdate(TABLE, 1, one, LEN, 0) == KAVO_SUCCESS);
+  CHECK(memcmp(address, one, LEN) == 0);
+  CHECK(KavoLookupOrInsert(TABLE, 2, &again, &len, &found, 0) == KAVO_SUCCESS);
+  CHECK(found == 0 && again != address);
+
+  CHECK(lines.count == 0);
+  CHECK(KavoLookup(TABLE, 4, &address, &len) == KAVO_INVALID);
+  CHECK(lines.count == 1);
+  CHECK(strstr(lines.last, "KavoLookup(") != NULL);
+  CHECK(strstr(lines.last, " : LookUpWithValLen failed, ret[-4] != 0\r\n") != NULL);
+
+  CHECK(KavoUninitHashTable(TABLE) == KAVO_SUCCESS);
+  CHECK(KavoSetLogSink(NULL) == KAVO_SUCCESS);
+  return failures == 0 ? 0 : 1;
+}

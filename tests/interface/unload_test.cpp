@@ -1,0 +1,66 @@
+// The library in a host that loads and unloads it at run time. This program is not linked with it.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "kavo.h"
+
+namespace {
+
+class Loaded {
+ public:
+  Loaded() : m_library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) { EXPECT_NE(nullptr, m_library) << dlerror(); }
+  void Unload() {
+    EXPECT_EQ(0, dlclose(m_library));
+    EXPECT_EQ(nullptr, dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_NOLOAD)) << "something keeps the library in the process";
+  }
+  template <class Function>
+  Function* Get(const char* name) const {
+    return reinterpret_cast<Function*>(dlsym(m_library, name));
+  }
+
+ private:
+  void* m_library;
+};
+
+long MappedBytes() {
+  long pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  return pages * sysconf(_SC_PAGESIZE);
+}
+
+// Registers tables of the array and of the map, with entries on two threads, and leaves them to the unloading.
+void LoadUseAndUnload(bool& reserved) {
+  Loaded library;
+  const auto init = library.Get<decltype(KavoInitHashTable)>("KavoInitHashTable");
+  const auto insert = library.Get<decltype(KavoInsert)>("KavoInsert");
+  ASSERT_NE(nullptr, init);
+  ASSERT_NE(nullptr, insert);
+  const long before = MappedBytes();
+  for (const unsigned table : {0U, 1023U, 1024U, 4294967295U}) {
+    ASSERT_EQ(KAVO_SUCCESS, init(table, 4'000'000, 8, KAVO_TABLE_TYPE_BASIC));
+    const auto fill = [&](long key) {
+      unsigned char value[8] = {1};
+      EXPECT_EQ(KAVO_SUCCESS, insert(table, key, value, sizeof(value), 0, 0));
+    };
+    fill(1);
+    std::thread(fill, 2L).join();
+  }
+  reserved = MappedBytes() - before > 1'000'000'000;
+  library.Unload();
+}
+
+TEST(Unload, DestroysTheTablesThatAreStillRegistered) {
+  bool reserved = false;
+  LoadUseAndUnload(reserved);  // the first round pays for what the process keeps, such as stacks
+  const long before = MappedBytes();
+  LoadUseAndUnload(reserved);
+  EXPECT_TRUE(reserved) << "the tables are too small for what follows to prove anything";
+  EXPECT_LT(MappedBytes() - before, 100'000'000);
+}
+
+}  // namespace
