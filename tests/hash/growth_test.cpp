@@ -1,0 +1,266 @@
+// Growth on one thread: what moves, what stays, and what a failure leaves behind.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include "hash/test_table.h"
+#include "platform/log_sink.h"
+#include "support/log_capture.h"
+
+namespace KavoTest {
+namespace {
+
+// Keys of one kind each: well spread, dense, and two that put many keys into one bucket, whatever a table's size.
+std::vector<long> MakeKeys(const char* kind, long count) {
+  std::vector<long> keys;
+  std::mt19937_64 random(20'240'607);
+  for (long i = 0; i < count; ++i) {
+    switch (kind[0]) {
+      case 'd':
+        keys.push_back(i);
+        break;
+      case 'r':
+        keys.push_back(static_cast<long>(random() >> 2));
+        break;
+      case 'e':
+        keys.push_back((i << 32) + 5);
+        break;
+      default:
+        keys.push_back(i << 20);
+    }
+  }
+  return keys;
+}
+
+class GrowthOf : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(GrowthOf, EveryKeyKeepsItsBlockThroughAllGenerations) {
+  TestTable table;
+  std::map<long, unsigned char*> blocks;
+  for (const long key : MakeKeys(GetParam(), 5000)) {
+    const Offered offered = table.Offer(key);
+    ASSERT_EQ(offered.status, Qen::ENTRY_INSERTED);
+    blocks[key] = offered.block;
+  }
+  for (const auto& [key, block] : blocks) {
+    ASSERT_EQ(table.BlockOf(key), block);
+    ASSERT_EQ(table.Offer(key).block, block);
+  }
+  EXPECT_EQ(table.BlockOf(1L << 61), nullptr);
+  unsigned long long cells = 8;
+  const Core* core = table.FirstGeneration();
+  for (; core != table.CurrentGeneration(); core = core->Next(), cells *= 2) {
+    EXPECT_EQ(core->TableSize(), cells);
+    EXPECT_TRUE(core->IsDeleted());
+    EXPECT_EQ(core->GetRehashNum(), 0U);
+    ExpectAllMoved(*core);
+  }
+  EXPECT_EQ(core->TableSize(), cells);
+  EXPECT_EQ(core->Next(), nullptr);
+  EXPECT_FALSE(core->IsDeleted());
+  EXPECT_GE(cells, 2048U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Keys, GrowthOf, ::testing::Values("dense", "random", "equal low bits", "multiples of 2^20"),
+                         [](const auto& param) { return std::string(1, param.param[0]); });
+
+TEST(Growth, TheInsertThatFillsAGenerationIsFoundInTheNextWithTheBlockItGotBefore) {
+  TestTable table;
+  for (long key = 0; key < 64; key += 8) {
+    table.Offer(key);
+  }
+  ASSERT_EQ(table.CurrentGeneration()->TableSize(), 8U);
+  const Offered last = table.Offer(64);
+  EXPECT_EQ(last.status, Qen::ENTRY_INSERTED);
+  EXPECT_EQ(table.CurrentGeneration()->TableSize(), 16U);
+  EXPECT_EQ(table.BlockOf(64), last.block);
+  // Lookups that still stand in the generation left behind find the same block there.
+  EXPECT_EQ(table.FirstGeneration()->FindValueProcess(64)->Get(), last.block);
+}
+
+TEST(Growth, AnUnknownModeFailsOnlyInsertsThatStoredNothing) {
+  TestTable table;
+  table.SetRehashType(7);
+  for (long key = 0; key < 64; key += 8) {
+    table.Offer(key);
+  }
+  LogCapture log(Qen::SetLogSink);
+  EXPECT_EQ(table.Offer(64).status, Qen::ENTRY_INSERTED);  // stored in the map before growth was due
+  EXPECT_EQ(table.Offer(1).status, KAVO_FAILED);
+  EXPECT_EQ(log.Messages(), (std::vector<std::string>{"Invalid rehash type!", "MigrateHashCore failed!",
+                                                      "Invalid rehash type!", "MigrateHashCore failed!"}));
+}
+
+// An 8-cell table whose bucket 0 holds every cell, so that one more key needs a map and then growth.
+void FillAllCells(TestTable& table, std::map<long, unsigned char*>& blocks) {
+  for (long key = 0; key < 64; key += 8) {
+    blocks[key] = table.Offer(key).block;
+  }
+}
+
+void ExpectExactly(const TestTable& table, const std::map<long, unsigned char*>& blocks) {
+  for (const auto& [key, block] : blocks) {
+    EXPECT_EQ(table.BlockOf(key), block) << key;
+  }
+}
+
+// Runs `attempt` with the n-th allocation failing, for n = 1, 2, ... on a fresh set-up each time.
+template <class SetUp, class Attempt>
+unsigned long long FailEachAllocationOf(SetUp&& setUp, Attempt&& attempt) {
+  for (unsigned long long nth = 1;; ++nth) {
+    SCOPED_TRACE(::testing::Message() << "allocation " << nth << " fails");
+    auto subject = setUp();
+    Qen::TestHooks::FailAllocation(nth);
+    attempt(*subject, nth);
+    if (nth > 1000 || ::testing::Test::HasFatalFailure()) {
+      ADD_FAILURE() << "gave up";
+      return nth;
+    }
+    if (Qen::TestHooks::AllocationFailures() == 0) {
+      return nth - 1;
+    }
+  }
+}
+
+struct Subject {
+  TestTable table;
+  std::map<long, unsigned char*> blocks;
+};
+
+TEST(Growth, AFailedAllocationLeavesATableThatServesTheSameOfferAtOnce) {
+  const long long heap = Qen::TestHooks::HeapBytesInUse();
+  unsigned inserted = 0;
+  unsigned failed = 0;
+  const unsigned long long faults = FailEachAllocationOf(
+      [] {
+        auto subject = std::make_unique<Subject>();
+        FillAllCells(subject->table, subject->blocks);
+        return subject;
+      },
+      [&](Subject& subject, unsigned long long) {
+        LogCapture log(Qen::SetLogSink);
+        const Offered offered = subject.table.Offer(64);
+        Qen::TestHooks::FailAllocation(0);
+        if (offered.status == Qen::ENTRY_INSERTED) {  // a growth that fails does not undo the insert
+          ++inserted;
+          subject.blocks[64] = offered.block;
+        } else {
+          ++failed;
+          EXPECT_EQ(offered.status, KAVO_FAILED);
+          EXPECT_EQ(log.Messages(), (std::vector<std::string>{"Memory application failed.", "InsertOrFind failed!"}));
+          EXPECT_EQ(subject.table.BlockOf(64), nullptr);
+        }
+        ExpectExactly(subject.table, subject.blocks);
+        Qen::TestHooks::SetWaitLimit(1);  // nothing may be left to wait for
+        log.Clear();
+        for (const long key : {64L, 72L, 1L}) {
+          const Offered again = subject.table.Offer(key);
+          EXPECT_GE(again.status, 0);
+          subject.blocks[key] = again.block;
+        }
+        Qen::TestHooks::SetWaitLimit(0);
+        EXPECT_TRUE(log.Messages().empty());
+        EXPECT_GE(subject.table.CurrentGeneration()->TableSize(), 16U);
+        ExpectExactly(subject.table, subject.blocks);
+      });
+  EXPECT_EQ(faults, 4U);  // the map, its entry, the generation, its cells
+  EXPECT_EQ(failed, 2U);
+  EXPECT_EQ(inserted, 3U);
+  EXPECT_EQ(Qen::TestHooks::HeapBytesInUse(), heap);
+}
+
+TEST(Growth, AnInsertThatStoredNothingFailsWithTheGrowthItNeeded) {
+  TestTable table;
+  std::map<long, unsigned char*> blocks;
+  FillAllCells(table, blocks);
+  Qen::TestHooks::FailAllocation(3, true);  // the map and its entry may be had, a generation not
+  blocks[64] = table.Offer(64).block;
+  LogCapture log(Qen::SetLogSink);
+  EXPECT_EQ(table.Offer(1).status, KAVO_NO_MEMORY);
+  Qen::TestHooks::FailAllocation(0);
+  EXPECT_EQ(log.Messages(), (std::vector<std::string>{"make_unique failed, exception caught:std::bad_alloc",
+                                                      "MakeNewTable failed! ret[-3]", "no enough mem!"}));
+  ExpectExactly(table, blocks);
+  EXPECT_EQ(table.Offer(1).status, Qen::ENTRY_INSERTED);
+}
+
+// Twenty keys of one bucket in 8 cells need a map in the next generation too, so a move can fail half way.
+TEST(Growth, AMoveThatFailsHalfWayIsCompletedByTheNextOne) {
+  const unsigned long long faults = FailEachAllocationOf(
+      [] {
+        auto subject = std::make_unique<Subject>();
+        for (long i = 0; i < 30; ++i) {
+          subject->blocks[i << 20] = subject->table.Store(i << 20);
+        }
+        return subject;
+      },
+      [](Subject& subject, unsigned long long nth) {
+        LogCapture log(Qen::SetLogSink);
+        const int ret = subject.table.Grow();
+        const bool met = Qen::TestHooks::AllocationFailures() != 0;
+        Qen::TestHooks::FailAllocation(0);
+        EXPECT_EQ(ret == KAVO_SUCCESS, !met);
+        if (nth > 2 && met) {
+          EXPECT_EQ(log.Count("MoveOldEntryToNewTable failed!, ret[-1]"), 1U);
+          EXPECT_NE(subject.table.FirstGeneration()->Next(), nullptr);
+          EXPECT_EQ(subject.table.CurrentGeneration(), subject.table.FirstGeneration());
+        }
+        EXPECT_EQ(subject.table.FirstGeneration()->GetRehashNum(), 0U);
+        ExpectExactly(subject.table, subject.blocks);
+        Qen::TestHooks::SetWaitLimit(1);
+        if (met) {
+          EXPECT_EQ(subject.table.Offer(5 << 20).block, subject.blocks[5 << 20]);
+          EXPECT_EQ(subject.table.Grow(), KAVO_SUCCESS);
+        }
+        Qen::TestHooks::SetWaitLimit(0);
+        EXPECT_TRUE(subject.table.FirstGeneration()->IsDeleted());
+        ExpectAllMoved(*subject.table.FirstGeneration());
+        ExpectExactly(subject.table, subject.blocks);
+      });
+  EXPECT_GT(faults, 10U);
+}
+
+TEST(Growth, AKeyWhoseBlockCouldNotBeHadIsAbsentAndTheNextOfferCreatesIt) {
+  TestTable table;
+  const auto noBlock = [](Qen::HashValue&) { return KAVO_NO_MEMORY; };
+  const auto throws = [](Qen::HashValue&) -> int { throw std::runtime_error("no block"); };
+  const auto found = [](Qen::HashValue&) { return 0; };
+  LogCapture log(Qen::SetLogSink);
+  EXPECT_EQ(table.InsertOrFind(3, noBlock, found).second, KAVO_NO_MEMORY);
+  EXPECT_EQ(log.Messages(), (std::vector<std::string>{"assignValue failed!"}));
+  EXPECT_THROW(table.InsertOrFind(11, throws, found), std::runtime_error);
+  EXPECT_EQ(table.Find(3), nullptr);
+  EXPECT_EQ(table.Find(11), nullptr);
+  Qen::TestHooks::SetWaitLimit(1);  // nobody owns the two keys, so nobody may wait for them
+  const Offered three = table.Offer(3);
+  EXPECT_EQ(three.status, Qen::ENTRY_INSERTED);
+  EXPECT_EQ(table.Grow(), KAVO_SUCCESS);  // past 11, which has no block
+  Qen::TestHooks::SetWaitLimit(0);
+  EXPECT_EQ(table.BlockOf(3), three.block);
+  EXPECT_EQ(table.Offer(11).status, Qen::ENTRY_INSERTED);
+}
+
+TEST(Growth, AFoundCallbackIsAskedAgainOnlyWhileItAsksToWait) {
+  TestTable table;
+  const Offered created = table.Offer(3);
+  const auto insert = [](Qen::HashValue&) { return KAVO_NO_MEMORY; };
+  int calls = 0;
+  const auto thirdTime = [&](Qen::HashValue&) { return ++calls < 3 ? KAVO_FAILED : KAVO_SUCCESS; };
+  const auto [record, status] = table.InsertOrFind(3, insert, thirdTime);
+  EXPECT_EQ(status, Qen::ENTRY_FOUND);
+  EXPECT_EQ(record->Get(), created.block);
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(table.InsertOrFind(3, insert, [](Qen::HashValue&) { return KAVO_NO_MEMORY; }).second, KAVO_NO_MEMORY);
+  LogCapture log(Qen::SetLogSink);
+  Qen::TestHooks::SetWaitLimit(4);
+  EXPECT_EQ(table.InsertOrFind(3, insert, [](Qen::HashValue&) { return KAVO_FAILED; }).second, KAVO_FAILED);
+  Qen::TestHooks::SetWaitLimit(0);
+  EXPECT_EQ(log.Messages(), (std::vector<std::string>{"waitTimes > HCore::MAX_WAIT_TIME"}));
+}
+
+}  // namespace
+}  // namespace KavoTest
