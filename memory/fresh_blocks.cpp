@@ -95,7 +95,10 @@ unsigned char* FreshBlocks::ReplaceRun(Arena& arena, const Run* usedUp) {
   m_runs = run;
   m_chunkLeft -= count;
   m_chunkNext += static_cast<std::size_t>(count) * m_layout.stride;
-  arena.nextCount = std::min(2 * arena.nextCount, m_maxRunCount);
+  // A run cut short by the end of its chunk does not count: see the bound on what an arena holds back.
+  if (count == arena.nextCount) {
+    arena.nextCount = std::min(2 * count, m_maxRunCount);
+  }
   // release: pairs with the load in Take.
   arena.run.store(run, std::memory_order_release);
   return run->first;

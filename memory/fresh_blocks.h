@@ -27,8 +27,8 @@
 //
 // COST
 //   A block costs `stride` bytes and one fetch-add on a cache line that only the threads of one arena share. Runs
-//   start at 8 blocks and double, for each arena, to 1,024 blocks or 256 KiB: at any time an arena holds back no more
-//   blocks than it has given out, or 8. Threads that come and go leave nothing behind, since arenas are not theirs.
+//   start at 8 blocks and double, for each arena, to 1,024 blocks or 256 KiB: at any time an arena holds back at most 6
+//   blocks more than it has given out. Threads that come and go leave nothing behind, since arenas are not theirs.
 #pragma once
 
 #include <cstddef>

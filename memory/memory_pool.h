@@ -111,7 +111,7 @@ class MemoryPool {
   ZeroedRange m_memFlags;  // m_count slot states
 
   Atomic<bool> m_prepared{false};
-  Atomic<bool> m_allTaken{false};               // set by who finds every slot of the unconverted stock taken
+  Atomic<bool> m_allTaken{false};             // set by who finds every slot of the unconverted stock taken
   Atomic<unsigned long long> m_threadNum{0};  // threads that have registered; only goes up
 
   FreshBlocks m_fresh;

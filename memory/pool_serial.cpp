@@ -12,10 +12,12 @@ namespace {
 // constructor or a destructor: tables may be destroyed while the library is being unloaded.
 constexpr std::size_t CHAIN_COUNT = 64;
 constinit Mutex g_mutex;
-constinit PoolSerial* g_chains[CHAIN_COUNT]{};   // guarded by g_mutex
+constinit PoolSerial* g_chains[CHAIN_COUNT]{};  // guarded by g_mutex
 constinit unsigned long long g_lastSerial = 0;  // guarded by g_mutex
 
-PoolSerial*& ChainOf(unsigned long long serial) noexcept { return g_chains[serial % CHAIN_COUNT]; }
+PoolSerial*& ChainOf(unsigned long long serial) noexcept {
+  return g_chains[serial % CHAIN_COUNT];
+}
 
 }  // namespace
 

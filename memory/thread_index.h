@@ -19,7 +19,7 @@ struct ThreadIndex {
 // Touched by the calling thread only. The address holds until the thread's next call.
 //
 // The records of ids in the array stay until the thread ends, 24 KB in all. In the map, records of destroyed pools are
-// dropped whenever the map has doubled, so it holds at most twice as many as there were live pools, or 128.
+// dropped whenever the map has doubled, so it holds at most 64 records, or twice as many as there were live pools.
 ThreadIndex* FindThreadIndex(int id) noexcept;
 
 }  // namespace Qen
