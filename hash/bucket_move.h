@@ -51,6 +51,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashInsert(Core* src, con
 template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashInsertBucket(Core* src, const unsigned long long& bucket,
                                                                         Core* dst) {
+  // Links may be read ahead of the waits below: one that appears after MOVING was set leads to an unconfirmed claim.
   std::uint64_t position = bucket;
   Cell* cell = &src->CellAt(position);
   unsigned distance = cell->firstLink.Distance();
@@ -132,7 +133,11 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashInsertEntry(Core* dst
         return KAVO_SUCCESS;
       case Outcome::FOUND:
         KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "key is already existed!");
-        return record->Get() == source.Get() ? KAVO_SUCCESS : KAVO_FAILED;
+        if (record->Get() != source.Get()) {  // cannot be (I5); the old entry stays and serves
+          KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashInsertEntry failed!");
+          return KAVO_FAILED;
+        }
+        return KAVO_SUCCESS;
       case Outcome::MOVING:
         if (DoubleRehashCheck(dst, home) != KAVO_SUCCESS) {
           KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashInsertEntry failed!");

@@ -68,14 +68,23 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::DeleteOldTable(Core* old) {
   }
   KAVO_TEST_POINT("Chain.Leaving");
   std::lock_guard lock(m_deleteMutex);
-  return old->IsDeleted() ? KAVO_SUCCESS : UpdateHashCore();
+  // Over every emptied generation at the front, in order, and never past one that is not.
+  for (;;) {
+    Core* left = nullptr;
+    const int ret = UpdateHashCore(left);
+    if (ret != KAVO_SUCCESS || left == nullptr) {
+      return ret;  // if an older one than `old` still holds entries, whoever empties that leaves both
+    }
+    left->MarkDeleted();
+    KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "table[%llu] is deleted, root is [%llu]", left->TableSize(),
+                   left->Next()->TableSize());
+  }
+  return KAVO_SUCCESS;
 }
 
-// Advances the current generation over the emptied ones at the front, in order and never past one that is not: an
-// older generation may still hold entries. If `old` cannot be left yet, whoever empties the older one leaves both.
-// Under m_deleteMutex.
+// Advances the current generation by one if it is emptied; `left` is the one that it was. Under m_deleteMutex.
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::UpdateHashCore() {
+int HashCoreMigration<Key, Value, KTraits, VTraits>::UpdateHashCore(Core*& left) {
   Atomic<Core*>* root = m_root.load(std::memory_order_acquire);  // as in SetNextHashCore
   Core* current = root == nullptr ? nullptr : root->load(std::memory_order_acquire);
   if (current == nullptr) {
@@ -83,12 +92,9 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::UpdateHashCore() {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "UpdateHashCore failed");
     return KAVO_FAILED;
   }
-  while (current->IsEmptied()) {
-    Core* next = current->Next();
-    root->store(next, std::memory_order_release);
-    current->MarkDeleted();
-    KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "table[%llu] is deleted, root is [%llu]", current->TableSize(), next->TableSize());
-    current = next;
+  if (current->IsEmptied()) {
+    root->store(current->Next(), std::memory_order_release);
+    left = current;
   }
   return KAVO_SUCCESS;
 }

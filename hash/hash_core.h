@@ -105,6 +105,10 @@ class HashCore {
     return m_cells[static_cast<std::uint32_t>(position) & static_cast<std::uint32_t>(m_mask)];
   }
   unsigned long long TableSize() const noexcept { return m_tableSize; }
+  // A home has 32 bits, so no key reaches a cell beyond 2^32.
+  unsigned long long AddressableSize() const noexcept {
+    return m_tableSize < MAX_ADDRESSABLE ? m_tableSize : MAX_ADDRESSABLE;
+  }
   unsigned long long Mask() const noexcept { return m_mask; }
   unsigned long long MapNum() const noexcept { return m_mapNum.load(std::memory_order_relaxed); }
   unsigned long long MaxMapNum() const noexcept { return m_maxMapNum; }
@@ -116,7 +120,7 @@ class HashCore {
 
   // A whole-table move is shared out in chunks of this many cells.
   unsigned long long ChunkSize() const noexcept;
-  unsigned long long ChunkCount() const noexcept { return m_tableSize / ChunkSize(); }
+  unsigned long long ChunkCount() const noexcept { return AddressableSize() / ChunkSize(); }
   // Acquire and release: whoever finds the generation emptied sees all copies, whoever made them.
   void CountFinishedChunk() noexcept { m_finishedChunks.fetch_add(1, std::memory_order_acq_rel); }
   bool IsEmptied() const noexcept { return m_finishedChunks.load(std::memory_order_acquire) == ChunkCount(); }
@@ -132,6 +136,8 @@ class HashCore {
   void SubRehashNum() noexcept { m_rehashNum.fetch_sub(1, std::memory_order_relaxed); }
 
  private:
+  static constexpr unsigned long long MAX_ADDRESSABLE = 1ULL << 32;
+
   static bool HasMapBits(std::uint8_t flags) noexcept {
     return (flags & (HCore::MAP_BUILDING | HCore::MAP_READY)) != 0;
   }
@@ -165,7 +171,7 @@ class HashCore {
 
 template <class Key, class Value, class KTraits, class VTraits>
 HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size) {
-  static_assert(sizeof(Cell) == 32, "two cells share a cache line");
+  static_assert(sizeof(Cell) == 32, "two cells to a cache line");
   try {
     if (size > (1ULL << 63)) {
       throw std::bad_alloc();
@@ -197,8 +203,9 @@ template <class Key, class Value, class KTraits, class VTraits>
 unsigned long long HashCore<Key, Value, KTraits, VTraits>::ChunkSize() const noexcept {
   constexpr unsigned long long MAX_CHUNKS = 128;
   constexpr unsigned long long MIN_CHUNK_CELLS = 256;
-  const unsigned long long smallest = m_tableSize < MIN_CHUNK_CELLS ? m_tableSize : MIN_CHUNK_CELLS;
-  const unsigned long long even = m_tableSize / MAX_CHUNKS;
+  const unsigned long long size = AddressableSize();
+  const unsigned long long smallest = size < MIN_CHUNK_CELLS ? size : MIN_CHUNK_CELLS;
+  const unsigned long long even = size / MAX_CHUNKS;
   return even > smallest ? even : smallest;
 }
 

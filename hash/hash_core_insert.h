@@ -33,7 +33,6 @@ int HashCore<Key, Value, KTraits, VTraits>::InsertOrFindProcess(const Key& key, 
       case Outcome::CLAIMED:
         return generation->IsOverMapThreshold() ? MUST_GROW : ENTRY_INSERTED;
       case Outcome::FULL:
-        valueRecord = nullptr;
         return MUST_GROW;
       case Outcome::NO_MEMORY:
         return KAVO_NO_MEMORY;
@@ -97,7 +96,8 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindOrClaimCell(const Key& key, std
     }
     link = &cell.nextLink;
   }
-  if (HasMapBits(flags)) {
+  KAVO_TEST_POINT("HashCore.Walked");
+  if (HasMapBits(flags)) {  // as read before the walk (I4)
     return Outcome::IN_MAP;
   }
   if (moving) {

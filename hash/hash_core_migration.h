@@ -7,21 +7,18 @@
 // THE CHAIN. m_curHashCore is where searches start; each generation leads to the next, twice as large. Generations
 // before the current one are left: every bucket there has MOVED. They stay, readable, until the table is destroyed.
 //
-//   state of a generation   meaning                                          left by
-//   newest                  no next one                                      MakeNewTable, under m_buildMutex
-//   being emptied           has a next one; chunks are being moved           the last chunk is finished
-//   emptied                 MOVED is set at every index                      DeleteOldTable, under m_deleteMutex, once
-//   all
-//                                                                            older ones are left
-//   left (m_deleted)        the current generation is a later one            the end of the table
+//   newest         no next one                           left by MakeNewTable, under m_buildMutex
+//   being emptied  has a next one; chunks are moved      left when the last chunk is finished
+//   emptied        MOVED is set at every index           left by DeleteOldTable, under m_deleteMutex, after all older
+//                                                        ones
+//   left           m_deleted; a later one is current     final
 //
 // INVARIANTS
 //   C1  The next generation is published before any MOVING is set.
 //   C2  The current generation moves forward only, over emptied generations only, so every entry is in the current
 //       generation or reachable from it along MOVED buckets.
-//   C3  Whether a generation's move is over is decided by what was moved (the count of finished chunks), never by who
-//   is
-//       at work on it.
+//   C3  Whether a generation's move is over is decided by what was moved (its finished chunks), never by how many
+//       threads are at work.
 //   C4  A failure gives back all that its thread held: the bucket's MOVING, the chunk, its place in m_rehashNum, the
 //       build permit. The copies that it made stay; they are right. Whoever needs the rest goes on from there.
 //
@@ -78,10 +75,9 @@ class HashCoreMigration {
   using Outcome = typename Core::Outcome;
 
   int SetNextHashCore(HeapPtr<Core> next);
-  int UpdateHashCore();
+  int UpdateHashCore(Core*& left);
 
   int RehashInsertBucket(Core* src, const unsigned long long& bucket, Core* dst);
-  int RehashInsertMap(Core* src, const unsigned long long& bucket, Core* dst);
   int PtrAcquire(const Value& record);
   int MapValueAcquire(const Value& record);
   Outcome RehashMapInsert(Core* dst, const Key& key, std::uint64_t home, std::uint8_t flags, Value*& record);

@@ -34,10 +34,10 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   // The key's record, which has its block, or null when the key is absent or its first insert has not finished.
   Value* Find(const Key& key) const;
 
-  // `insertCallback` attaches a block to the record of a key that this call created; non-zero means that it could not.
-  // `foundCallback` examines a record with its block: 0 done, KAVO_FAILED to be asked again after a while, any other
-  // answer ends the call with it. Answers the record and 1 (inserted), 0 (found) or a negative status; the record is
-  // null after a failure.
+  // `insertCallback` attaches a block to the record of a key that this call created, as its last step; non-zero means
+  // that it could not. `foundCallback` examines a record with its block; it runs once, and what it answers is the
+  // call's status. Answers the record and 1 (inserted), 0 (found) or a negative status; the record is null after a
+  // failure.
   std::pair<Value*, int> InsertOrFind(const Key& key, const Callback& insertCallback, const Callback& foundCallback);
 
   Core* CurrentGeneration() const noexcept {
@@ -46,10 +46,10 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Core* FirstGeneration() const noexcept { return m_firstHashCore; }
 
  private:
-  int FoundProcess(Value* record, const Callback& foundCallback, Waiter& waiter, bool& again);
+  int FoundProcess(Value& record, const Callback& foundCallback, Waiter& waiter, bool& again);
   int AssignValue(Value& record, const Callback& insertCallback);
-  int RehashCheck(Core* core);
   int MigrateHashCore(Core* core);
+  void LeaveIfEmptied(Core* core) noexcept;
 
   // Owns the chain: each generation leads to the next. Fixed after construction.
   Core* m_firstHashCore = nullptr;
@@ -100,10 +100,14 @@ std::pair<Value*, int> Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(con
   for (;;) {
     Value* record = nullptr;
     Core* core = nullptr;
-    int ret = CurrentGeneration()->InsertOrFindProcess(key, record, core);
+    Core* const start = CurrentGeneration();
+    int ret = start->InsertOrFindProcess(key, record, core);
+    if (core != start) [[unlikely]] {
+      LeaveIfEmptied(start);
+    }
     if (ret == ENTRY_FOUND) {
       bool again = false;
-      ret = FoundProcess(record, foundCallback, waiter, again);
+      ret = FoundProcess(*record, foundCallback, waiter, again);
       if (again) {
         continue;
       }
@@ -113,18 +117,26 @@ std::pair<Value*, int> Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(con
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "InsertOrFind failed!");
       return {nullptr, ret};
     }
-    if (record != nullptr) {  // claimed by this call, within the threshold or over it
+    const bool stored = record != nullptr;  // claimed by this call, within the threshold or over it
+    if (stored) {
       const int assigned = AssignValue(*record, insertCallback);
       if (assigned != KAVO_SUCCESS) {
         KAVO_LOG_ERROR(TABLE_LOG_UNIT, "assignValue failed!");
         return {nullptr, assigned};
       }
-      if (ret == MUST_GROW) {
-        static_cast<void>(RehashCheck(core));  // the lines are written; the insert stands
+      if (ret == ENTRY_INSERTED) {
+        return {record, ENTRY_INSERTED};
       }
-      return {record, ENTRY_INSERTED};
     }
-    ret = RehashCheck(core);
+    ret = MigrateHashCore(core);
+    if (ret == KAVO_NO_MEMORY) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "no enough mem!");
+    } else if (ret != KAVO_SUCCESS) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "MigrateHashCore failed!");
+    }
+    if (stored) {
+      return {record, ENTRY_INSERTED};  // whatever became of the growth
+    }
     if (ret != KAVO_SUCCESS) {
       return {nullptr, ret};
     }
@@ -134,13 +146,10 @@ std::pair<Value*, int> Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(con
 // A record without its block belongs to another thread's insert: look the key up again shortly, from the flags on, for
 // that insert may be withdrawn or its bucket move meanwhile.
 template <class Key, class Value, class KTraits, class VTraits>
-int Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Value* record, const Callback& foundCallback, Waiter& waiter,
+int Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Value& record, const Callback& foundCallback, Waiter& waiter,
                                                           bool& again) {
-  if (record->Get() != nullptr) {
-    const int ret = foundCallback(*record);
-    if (ret != KAVO_FAILED) {
-      return ret;
-    }
+  if (record.Get() != nullptr) {
+    return foundCallback(record);
   }
   KAVO_TEST_POINT("Driver.WaitForRecord");
   again = waiter.Pause();
@@ -157,49 +166,49 @@ int Hashtable<Key, Value, KTraits, VTraits>::AssignValue(Value& record, const Ca
   struct Ownership {
     explicit Ownership(Value& owned) noexcept : m_owned(owned) {}
     ~Ownership() {
-      if (!m_attached) {
+      if (m_owned.State() == RecordState::FILLING) {
         m_owned.Withdraw();
       }
     }
     Ownership(const Ownership&) = delete;
     Ownership& operator=(const Ownership&) = delete;
     Value& m_owned;
-    bool m_attached = false;
-  } ownership(record);
+  } const ownership(record);
   KAVO_TEST_POINT("Driver.Attaching");
-  if (insertCallback(record) != KAVO_SUCCESS) {
-    return KAVO_NO_MEMORY;
-  }
-  ownership.m_attached = true;
-  KAVO_TEST_POINT("Driver.Attached");
-  return KAVO_SUCCESS;
+  return insertCallback(record) == KAVO_SUCCESS ? KAVO_SUCCESS : KAVO_NO_MEMORY;
 }
 
-// Brings about the end of `core`, which is full. The caller holds nothing.
+// An insert was sent on from `core`. If all of it has been sent on and it is still current, whoever emptied it failed
+// to leave it (its lock reported an error).
 template <class Key, class Value, class KTraits, class VTraits>
-int Hashtable<Key, Value, KTraits, VTraits>::RehashCheck(Core* core) {
-  const int ret = MigrateHashCore(core);
-  if (ret == KAVO_SUCCESS) {
-    return ret;
+void Hashtable<Key, Value, KTraits, VTraits>::LeaveIfEmptied(Core* core) noexcept {
+  if (!core->IsEmptied() || core->IsDeleted()) {
+    return;
   }
-  if (ret == KAVO_NO_MEMORY) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "no enough mem!");
-    return ret;
+  try {
+    static_cast<void>(this->DeleteOldTable(core));
+  } catch (const std::exception& e) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "lock failed, exception caught:%s", e.what());  // the next insert tries again
   }
-  KAVO_LOG_ERROR(TABLE_LOG_UNIT, "MigrateHashCore failed!");
-  return KAVO_FAILED;
 }
 
+// Brings about the end of `core`, which is full. The caller holds nothing. Does not throw: the insert that brought this
+// about may have been done by now.
 template <class Key, class Value, class KTraits, class VTraits>
 int Hashtable<Key, Value, KTraits, VTraits>::MigrateHashCore(Core* core) {
   // Release: pairs with the loads in the chain; the pointer is the same whoever stores it.
   this->m_root.store(&this->m_curHashCore, std::memory_order_release);
-  switch (this->m_rehashType.load(std::memory_order_relaxed)) {  // set before the first insert
-    case REHASH_WHOLE_TABLE:
-      return this->BeginWholeTableMigration(core);
-    default:
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Invalid rehash type!");
-      return KAVO_FAILED;
+  try {
+    switch (this->m_rehashType.load(std::memory_order_relaxed)) {  // set before the first insert
+      case REHASH_WHOLE_TABLE:
+        return this->BeginWholeTableMigration(core);
+      default:
+        KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Invalid rehash type!");
+        return KAVO_FAILED;
+    }
+  } catch (const std::exception& e) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "lock failed, exception caught:%s", e.what());
+    return KAVO_FAILED;
   }
 }
 

@@ -51,7 +51,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::StartMove(Core* src, Core* 
 template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::MoveOldEntryToNewTable(Core* src, Core* dst) {
   const unsigned long long size = src->ChunkSize();
-  for (unsigned long long first = 0; first < src->TableSize(); first += size) {
+  for (unsigned long long first = 0; first < src->AddressableSize(); first += size) {
     if (src->CellAt(first).moveClaim.TryTake()) {
       const int ret = MoveChunk(src, dst, first, first + size);
       if (ret != KAVO_SUCCESS) {
@@ -95,9 +95,9 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::MoveChunk(Core* src, Core* 
 // taken up by somebody who needs it, and nobody waits for one that nobody will move.
 template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::BeginWholeTableMigration(Core* core) {
-  if (core->IsDeleted() || core->IsEmptied()) {
+  if (core->IsDeleted()) {
     KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "whole table has been rehashed! return and insert key to new table");
-    return DeleteOldTable(core);
+    return KAVO_SUCCESS;
   }
   struct Helper {
     explicit Helper(Core* core) noexcept : m_core(core) { m_core->AddRehashNum(); }

@@ -1,6 +1,8 @@
 #include "memory/fresh_blocks.h"
 
 #include <algorithm>
+#include <cstring>
+#include <exception>
 #include <mutex>
 
 #include "platform/test_hooks.h"
@@ -62,6 +64,12 @@ FreshBlocks::~FreshBlocks() {
 }
 
 unsigned char* FreshBlocks::Take() {
+  // relaxed: a hint; who misses a spare block takes another.
+  if (m_hasSpare.load(std::memory_order_relaxed)) [[unlikely]] {
+    if (unsigned char* const block = TakeSpare(); block != nullptr) {
+      return block;
+    }
+  }
   Arena& arena = m_arenas[ThreadOrdinal() % ARENA_COUNT];
   for (;;) {
     // acquire: the run's fields and the zeros of its blocks, published by ReplaceRun.
@@ -78,6 +86,29 @@ unsigned char* FreshBlocks::Take() {
       return block;
     }
   }
+}
+
+void FreshBlocks::GiveBack(unsigned char* block) noexcept {
+  try {
+    const std::lock_guard<Mutex> lock(m_mutex);
+    std::memcpy(block, &m_spare, sizeof(void*));
+    m_spare = block;
+    m_hasSpare.store(true, std::memory_order_relaxed);  // a hint
+  } catch (const std::exception&) {
+    // A lock that reports an error: the block stays unused until all are freed.
+  }
+}
+
+// Null when there is none any more.
+unsigned char* FreshBlocks::TakeSpare() {
+  const std::lock_guard<Mutex> lock(m_mutex);
+  unsigned char* const block = m_spare;
+  if (block != nullptr) {
+    std::memcpy(&m_spare, block, sizeof(void*));
+    std::memset(block, 0, sizeof(void*));
+  }
+  m_hasSpare.store(m_spare != nullptr, std::memory_order_relaxed);  // a hint
+  return block;
 }
 
 // Null when another thread has replaced the run meanwhile.

@@ -50,6 +50,9 @@ class FreshBlocks {
 
   unsigned char* Take();
 
+  // Takes back a block that nobody else has seen; the next Take may hand it out again, zero-filled.
+  void GiveBack(unsigned char* block) noexcept;
+
  private:
   struct Run;
   struct Arena {
@@ -59,6 +62,7 @@ class FreshBlocks {
 
   static constexpr unsigned ARENA_COUNT = 32;
 
+  unsigned char* TakeSpare();
   unsigned char* ReplaceRun(Arena& arena, const Run* usedUp);
   void MapChunk();
 
@@ -68,8 +72,12 @@ class FreshBlocks {
 
   Arena m_arenas[ARENA_COUNT];
 
+  // Whether m_spare holds any; set under the lock, a hint elsewhere.
+  Atomic<bool> m_hasSpare{false};
+
   // Guarded by m_mutex.
   Mutex m_mutex;
+  unsigned char* m_spare = nullptr;  // blocks given back; each begins with the address of the next
   Run* m_runs = nullptr;  // every run, newest first
   std::vector<ZeroedRange, HeapAllocator<ZeroedRange>> m_chunks;
   unsigned char* m_chunkNext = nullptr;  // the first block not yet in a run

@@ -5,6 +5,8 @@
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 #include <vector>
 
 #include "hash/test_table.h"
@@ -224,6 +226,50 @@ TEST(Growth, AMoveThatFailsHalfWayIsCompletedByTheNextOne) {
   EXPECT_GT(faults, 10U);
 }
 
+// A lock that reports an error, at each step of a growth. The insert that brought the growth about stands, and the next
+// one completes it.
+class LockErrorAt : public ::testing::TestWithParam<const char*> {
+ protected:
+  static inline std::string s_point;
+  static void Throw(const char* point) {
+    if (s_point == point) {
+      s_point.clear();
+      throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+    }
+  }
+};
+
+TEST_P(LockErrorAt, TheInsertStandsAndTheNextOneCompletesTheGrowth) {
+  TestTable table;
+  std::map<long, unsigned char*> blocks;
+  FillAllCells(table, blocks);
+  s_point = GetParam();
+  LogCapture log(Qen::SetLogSink);
+  Qen::TestHooks::SetPointHandler(&Throw);
+  const Offered offered = table.Offer(64);
+  Qen::TestHooks::SetPointHandler(nullptr);
+  EXPECT_TRUE(s_point.empty()) << "the point was not reached";
+  EXPECT_EQ(offered.status, Qen::ENTRY_INSERTED);
+  EXPECT_EQ(log.Messages().back(), "MigrateHashCore failed!");
+  blocks[64] = offered.block;
+  ExpectExactly(table, blocks);
+  EXPECT_EQ(table.FirstGeneration()->GetRehashNum(), 0U);
+  Qen::TestHooks::SetWaitLimit(1);
+  blocks[1] = table.Offer(1).block;
+  blocks[2] = table.Offer(2).block;
+  Qen::TestHooks::SetWaitLimit(0);
+  EXPECT_EQ(table.CurrentGeneration()->TableSize(), 16U);
+  EXPECT_TRUE(table.FirstGeneration()->IsDeleted());
+  ExpectExactly(table, blocks);
+}
+
+INSTANTIATE_TEST_SUITE_P(Points, LockErrorAt, ::testing::Values("Chain.Building", "Mover.Marked", "Chain.Leaving"),
+                         [](const auto& param) {
+                           std::string name(param.param);
+                           name.erase(name.find('.'), 1);
+                           return name;
+                         });
+
 TEST(Growth, AKeyWhoseBlockCouldNotBeHadIsAbsentAndTheNextOfferCreatesIt) {
   TestTable table;
   const auto noBlock = [](Qen::HashValue&) { return KAVO_NO_MEMORY; };
@@ -244,20 +290,29 @@ TEST(Growth, AKeyWhoseBlockCouldNotBeHadIsAbsentAndTheNextOfferCreatesIt) {
   EXPECT_EQ(table.Offer(11).status, Qen::ENTRY_INSERTED);
 }
 
-TEST(Growth, AFoundCallbackIsAskedAgainOnlyWhileItAsksToWait) {
+TEST(Growth, AFoundCallbackIsAskedOnceAndAnUnfilledRecordIsWaitedFor) {
   TestTable table;
   const Offered created = table.Offer(3);
   const auto insert = [](Qen::HashValue&) { return KAVO_NO_MEMORY; };
   int calls = 0;
-  const auto thirdTime = [&](Qen::HashValue&) { return ++calls < 3 ? KAVO_FAILED : KAVO_SUCCESS; };
-  const auto [record, status] = table.InsertOrFind(3, insert, thirdTime);
-  EXPECT_EQ(status, Qen::ENTRY_FOUND);
-  EXPECT_EQ(record->Get(), created.block);
+  unsigned char* seen = nullptr;
+  for (const int answer : {KAVO_SUCCESS, KAVO_FAILED, KAVO_NO_MEMORY}) {
+    const auto found = [&](Qen::HashValue& record) {
+      ++calls;
+      seen = record.Get();
+      return answer;
+    };
+    EXPECT_EQ(table.InsertOrFind(3, insert, found).second, answer);
+    EXPECT_EQ(seen, created.block);
+  }
   EXPECT_EQ(calls, 3);
-  EXPECT_EQ(table.InsertOrFind(3, insert, [](Qen::HashValue&) { return KAVO_NO_MEMORY; }).second, KAVO_NO_MEMORY);
+
+  Qen::HashValue* filling = nullptr;  // as if its owner never came back
+  Core* core = nullptr;
+  ASSERT_EQ(table.CurrentGeneration()->InsertOrFindProcess(4, filling, core), Qen::ENTRY_INSERTED);
   LogCapture log(Qen::SetLogSink);
   Qen::TestHooks::SetWaitLimit(4);
-  EXPECT_EQ(table.InsertOrFind(3, insert, [](Qen::HashValue&) { return KAVO_FAILED; }).second, KAVO_FAILED);
+  EXPECT_EQ(table.Offer(4).status, KAVO_FAILED);
   Qen::TestHooks::SetWaitLimit(0);
   EXPECT_EQ(log.Messages(), (std::vector<std::string>{"waitTimes > HCore::MAX_WAIT_TIME"}));
 }

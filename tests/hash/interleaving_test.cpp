@@ -163,6 +163,22 @@ TEST_F(Interleaving, AKeyClaimedInTheLastCellIsNotPutIntoTheMapAsWell) {
   ExpectAllFound();
 }
 
+// The walk along the chain is over, and has seen no map, when the key gets into the last cell and the bucket gets a
+// map.
+TEST_F(Interleaving, AMapThatAppearsBehindTheWalkIsNotEntered) {
+  Fill({0, 8, 16, 24, 32, 40, 48});
+  Parking walked("HashCore.Walked");
+  Background<Offered> late([&] { return m_table.Offer(56); });
+  ASSERT_TRUE(walked.WaitUntilParked());
+  Fill({56, 64});
+  ASSERT_EQ(m_table.CurrentGeneration()->CellAt(0).flags.Load(), Qen::HCore::MAP_READY);
+  walked.Release();
+  const Offered found = late.Join();
+  EXPECT_EQ(found.status, Qen::ENTRY_FOUND);
+  EXPECT_EQ(found.block, m_blocks[56]);
+  ExpectAllFound();
+}
+
 // Half way through a move every completed key is found, with its block, and present keys are answered without waiting.
 class HalfMoved : public Interleaving, public ::testing::WithParamInterface<std::tuple<const char*, unsigned>> {};
 
