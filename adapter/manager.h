@@ -38,7 +38,8 @@ struct TableRef {
 };
 
 // One element. It owns its table; the pointer is untyped because the kinds have no common base class.
-class ManagerEle {
+// Aligned so that a lookup touches one cache line of it.
+class alignas(2 * sizeof(void*)) ManagerEle {
  public:
   ManagerEle() noexcept = default;
   ManagerEle(unsigned tableType, void* table) noexcept : type(tableType), handle(table) {}
@@ -72,7 +73,14 @@ class Manager {
   // The id's element, or the shared empty one; never null. For ids of the map the caller holds `m_lock`.
   Ele* GetManagerEle(TableId tableId);
 
-  TableRef Resolve(TableId tableId);
+  // The id's table. Inlined for ids of the array, the path of every lookup.
+  TableRef Resolve(TableId tableId) {
+    const auto id = static_cast<unsigned>(tableId);
+    if (id < ELE_ARRAY_SIZE) [[likely]] {
+      return m_eleArray[id].Load();
+    }
+    return ResolveInMap(tableId);
+  }
 
   // Moves `ele` in. False, with `ele` untouched, when the id is registered already. Throws std::bad_alloc, and then
   // changes nothing.
@@ -91,6 +99,7 @@ class Manager {
 
  private:
   Manager() = default;
+  [[gnu::noinline]] TableRef ResolveInMap(TableId tableId);
   static Ele MoveOut(Ele& ele) noexcept;
 };
 
@@ -111,11 +120,7 @@ Ele* Manager<TableId, Ele>::GetManagerEle(TableId tableId) {
 }
 
 template <class TableId, class Ele>
-TableRef Manager<TableId, Ele>::Resolve(TableId tableId) {
-  const auto id = static_cast<unsigned>(tableId);
-  if (id < ELE_ARRAY_SIZE) [[likely]] {
-    return m_eleArray[id].Load();
-  }
+TableRef Manager<TableId, Ele>::ResolveInMap(TableId tableId) {
   const std::shared_lock lock(m_lock);
   return GetManagerEle(tableId)->Load();
 }

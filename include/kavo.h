@@ -47,8 +47,9 @@
  *    whose keys outgrew its cells. Inserts wait only for another thread's insert of the same key, for a bucket that
  *    is being moved to a larger table, or, when the table is full, for its growth, in which they help.
  *
- *  The library starts no threads; growth is done by the inserting threads. It may be loaded with dlopen. A thread that
- *  is inside a function must not be cancelled or killed, nor leave by a non-local jump.
+ *  The library starts no threads; growth is done by the inserting threads. It may be loaded with dlopen; after dlclose
+ *  it stays in the process until every thread has ended that inserted into a table whose id is 1024 or above. A thread
+ *  that is inside a function must not be cancelled or killed, nor leave by a non-local jump.
  */
 #ifndef KAVO_H
 #define KAVO_H

@@ -9,11 +9,13 @@
 // once, and nothing else is read on the strength of its value.
 #pragma once
 
+#include "memory/block_layout.h"
 #include "platform/atomic.h"
 
 namespace Qen {
 
-inline constexpr unsigned VALUE_HEADER_BYTES = 4;
+inline constexpr unsigned VALUE_HEADER_BYTES = BLOCK_HEADER_BYTES;
+static_assert(VALUE_HEADER_BYTES == sizeof(unsigned));
 
 namespace ValueHeader {
 

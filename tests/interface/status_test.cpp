@@ -58,7 +58,7 @@ class Status : public testing::Test {
       valuePtr = value.data();
       valueLen = 4711;
       isFind = 4712;
-      LogCapture capture;
+      KavoTest::LogCapture capture(KavoSetLogSink);
       EXPECT_EQ(c.status, c.call());
       std::vector<Expected> lines;
       for (const auto& line : capture.Lines()) {
@@ -81,23 +81,41 @@ TEST_F(Status, CreationAndDestructionRefuse) {
   const std::string range =
       "KavoInitHashTable failed, valueLen should not be 0 or greater than[4294967291] or tabletype fault[";
   Check({
-      {"empty type, even for an id in use", KAVO_INVALID, [] { return KavoInitHashTable(TABLE, 8, 1, 2); },
+      {"empty type, even for an id in use",
+       KAVO_INVALID,
+       [] { return KavoInitHashTable(TABLE, 8, 1, 2); },
        {{"KavoInitHashTable", range + "2]"}}},
-      {"length 0", KAVO_INVALID, [] { return KavoInitHashTable(UNUSED, 8, 0, 0); },
+      {"length 0",
+       KAVO_INVALID,
+       [] { return KavoInitHashTable(UNUSED, 8, 0, 0); },
        {{"KavoInitHashTable", range + "0]"}}},
-      {"length too large", KAVO_INVALID, [] { return KavoInitHashTable(UNUSED, 8, 4294967292U, 1); },
+      {"length too large",
+       KAVO_INVALID,
+       [] { return KavoInitHashTable(UNUSED, 8, 4294967292U, 1); },
        {{"KavoInitHashTable", range + "1]"}}},
-      {"id in use", KAVO_EXISTS, [] { return KavoInitHashTable(TABLE, 8, 1, 0); },
+      {"id in use",
+       KAVO_EXISTS,
+       [] { return KavoInitHashTable(TABLE, 8, 1, 0); },
        {{"KavoInitHashTable", "TableId[7] is existed."}}},
-      {"id in use, of the map, unknown type", KAVO_EXISTS, [] { return KavoInitHashTable(MAPPED_TABLE, 8, 1, 3); },
+      {"id in use, of the map, unknown type",
+       KAVO_EXISTS,
+       [] { return KavoInitHashTable(MAPPED_TABLE, 8, 1, 3); },
        {{"KavoInitHashTable", "TableId[70000] is existed."}}},
-      {"unknown type", KAVO_INVALID, [] { return KavoInitHashTable(UNUSED, 8, 1, 3); },
+      {"unknown type",
+       KAVO_INVALID,
+       [] { return KavoInitHashTable(UNUSED, 8, 1, 3); },
        {{"KavoInitHashTable", "TableType err"}}},
-      {"filter table", KAVO_INVALID, [] { return KavoInitHashTable(UNUSED, 8, 1, KAVO_TABLE_TYPE_FILTER); },
+      {"filter table",
+       KAVO_INVALID,
+       [] { return KavoInitHashTable(UNUSED, 8, 1, KAVO_TABLE_TYPE_FILTER); },
        {{"KavoInitHashTable", "TableType err"}}},
-      {"destruction of an unused id", KAVO_INVALID, [] { return KavoUninitHashTable(UNUSED); },
+      {"destruction of an unused id",
+       KAVO_INVALID,
+       [] { return KavoUninitHashTable(UNUSED); },
        {{"KavoUninitHashTable", "TableId[8] is not exit."}}},
-      {"destruction of an unused id of the map", KAVO_INVALID, [] { return KavoUninitHashTable(UINT_MAX); },
+      {"destruction of an unused id of the map",
+       KAVO_INVALID,
+       [] { return KavoUninitHashTable(UINT_MAX); },
        {{"KavoUninitHashTable", "TableId[-1] is not exit."}}},
   });
 }
@@ -112,17 +130,29 @@ TEST_F(Status, LookupsRefuse) {
   for (const auto& f : functions) {
     const std::string null = f.prefix + ", valuePtr == nullptr || valueLen == nullptr";
     Check({
-        {f.name + ", null address", KAVO_INVALID, [&] { return f.call(TABLE, PRESENT, nullptr, &valueLen); },
+        {f.name + ", null address",
+         KAVO_INVALID,
+         [&] { return f.call(TABLE, PRESENT, nullptr, &valueLen); },
          {{f.name, null}}},
-        {f.name + ", null length, before the key", KAVO_INVALID, [&] { return f.call(TABLE, -1, &valuePtr, nullptr); },
+        {f.name + ", null length, before the key",
+         KAVO_INVALID,
+         [&] { return f.call(TABLE, -1, &valuePtr, nullptr); },
          {{f.name, null}}},
-        {f.name + ", negative key, before the table", KAVO_INVALID,
-         [&] { return f.call(UNUSED, LONG_MIN, &valuePtr, &valueLen); }, {{f.name, f.prefix + ", key < 0"}}},
-        {f.name + ", unused id", KAVO_INVALID, [&] { return f.call(UNUSED, PRESENT, &valuePtr, &valueLen); },
+        {f.name + ", negative key, before the table",
+         KAVO_INVALID,
+         [&] { return f.call(UNUSED, LONG_MIN, &valuePtr, &valueLen); },
+         {{f.name, f.prefix + ", key < 0"}}},
+        {f.name + ", unused id",
+         KAVO_INVALID,
+         [&] { return f.call(UNUSED, PRESENT, &valuePtr, &valueLen); },
          {{f.name, "tableId[8] is nullptr"}}},
-        {f.name + ", unused id of the map", KAVO_INVALID,
-         [&] { return f.call(70'001, PRESENT, &valuePtr, &valueLen); }, {{f.name, "tableId[70001] is nullptr"}}},
-        {f.name + ", absent key", KAVO_INVALID, [&] { return f.call(MAPPED_TABLE, ABSENT, &valuePtr, &valueLen); },
+        {f.name + ", unused id of the map",
+         KAVO_INVALID,
+         [&] { return f.call(70'001, PRESENT, &valuePtr, &valueLen); },
+         {{f.name, "tableId[70001] is nullptr"}}},
+        {f.name + ", absent key",
+         KAVO_INVALID,
+         [&] { return f.call(MAPPED_TABLE, ABSENT, &valuePtr, &valueLen); },
          {{f.name, "LookUpWithValLen failed, ret[-4] != 0"}}},
     });
   }
@@ -130,38 +160,65 @@ TEST_F(Status, LookupsRefuse) {
 
 TEST_F(Status, UpdateRefuses) {
   Check({
-      {"null value", KAVO_INVALID, [] { return KavoUpdate(TABLE, -1, nullptr, LEN); },
+      {"null value",
+       KAVO_INVALID,
+       [] { return KavoUpdate(TABLE, -1, nullptr, LEN); },
        {{"KavoUpdate", "KavoUpdate failed, valuePtr == nullptr"}}},
-      {"negative key", KAVO_INVALID, [&] { return KavoUpdate(UNUSED, -1, value.data(), LEN); },
+      {"negative key",
+       KAVO_INVALID,
+       [&] { return KavoUpdate(UNUSED, -1, value.data(), LEN); },
        {{"KavoUpdate", "KavoUpdate failed, key < 0"}}},
-      {"unused id", KAVO_INVALID, [&] { return KavoUpdate(UNUSED, PRESENT, value.data(), LEN); },
+      {"unused id",
+       KAVO_INVALID,
+       [&] { return KavoUpdate(UNUSED, PRESENT, value.data(), LEN); },
        {{"KavoUpdate", "tableId[8] is nullptr"}}},
-      {"length", KAVO_INVALID, [&] { return KavoUpdate(TABLE, PRESENT, value.data(), LEN - 1); },
+      {"length",
+       KAVO_INVALID,
+       [&] { return KavoUpdate(TABLE, PRESENT, value.data(), LEN - 1); },
        {{"Update", "valuelen not equal table valuelen!"}, {"KavoUpdate", "Update failed, ret[-4]"}}},
-      {"absent key", KAVO_INVALID, [&] { return KavoUpdate(TABLE, ABSENT, value.data(), LEN); },
+      {"absent key",
+       KAVO_INVALID,
+       [&] { return KavoUpdate(TABLE, ABSENT, value.data(), LEN); },
        {{"KavoUpdate", "Update failed, ret[-4]"}}},
   });
 }
 
 TEST_F(Status, InsertsRefuse) {
   Check({
-      {"Insert, negative key", KAVO_INVALID, [&] { return KavoInsert(UNUSED, -1, nullptr, LEN, 0, 0); },
+      {"Insert, negative key",
+       KAVO_INVALID,
+       [&] { return KavoInsert(UNUSED, -1, nullptr, LEN, 0, 0); },
        {{"KavoInsert", "KavoInsert failed, key < 0"}}},
-      {"Insert, unused id", KAVO_INVALID, [&] { return KavoInsert(UNUSED, ABSENT, nullptr, LEN, 0, 0); },
+      {"Insert, unused id",
+       KAVO_INVALID,
+       [&] { return KavoInsert(UNUSED, ABSENT, nullptr, LEN, 0, 0); },
        {{"KavoInsert", "tableId[8] is nullptr"}}},
-      {"Insert, null value", KAVO_INVALID, [&] { return KavoInsert(TABLE, ABSENT, nullptr, 1, 0, 0); },
+      {"Insert, null value",
+       KAVO_INVALID,
+       [&] { return KavoInsert(TABLE, ABSENT, nullptr, 1, 0, 0); },
        {{"KavoInsert", "KavoInsert failed, valuePtr == nullptr"}}},
-      {"Insert, length", KAVO_INVALID, [&] { return KavoInsert(TABLE, ABSENT, value.data(), LEN + 1, 0, 0); },
+      {"Insert, length",
+       KAVO_INVALID,
+       [&] { return KavoInsert(TABLE, ABSENT, value.data(), LEN + 1, 0, 0); },
        {{"Insert", "valuelen not equal table valuelen!"}, {"KavoInsert", "Insert failed, ret[-4]"}}},
-      {"Insert, present key", KAVO_INVALID, [&] { return KavoInsert(TABLE, PRESENT, value.data(), LEN, 0, 0); },
+      {"Insert, present key",
+       KAVO_INVALID,
+       [&] { return KavoInsert(TABLE, PRESENT, value.data(), LEN, 0, 0); },
        {{"KavoInsert", "Insert failed, ret[-4]"}}},
-      {"InsertOrUpdate, negative key", KAVO_INVALID, [&] { return KavoInsertOrUpdate(UNUSED, -1, nullptr, LEN, 0); },
+      {"InsertOrUpdate, negative key",
+       KAVO_INVALID,
+       [&] { return KavoInsertOrUpdate(UNUSED, -1, nullptr, LEN, 0); },
        {{"KavoInsertOrUpdate", "KavoInsertOrUpdate failed, key < 0"}}},
-      {"InsertOrUpdate, unused id", KAVO_INVALID, [&] { return KavoInsertOrUpdate(UNUSED, ABSENT, nullptr, LEN, 0); },
+      {"InsertOrUpdate, unused id",
+       KAVO_INVALID,
+       [&] { return KavoInsertOrUpdate(UNUSED, ABSENT, nullptr, LEN, 0); },
        {{"KavoInsertOrUpdate", "tableId[8] is nullptr"}}},
-      {"InsertOrUpdate, null value", KAVO_INVALID, [&] { return KavoInsertOrUpdate(TABLE, ABSENT, nullptr, 1, 0); },
+      {"InsertOrUpdate, null value",
+       KAVO_INVALID,
+       [&] { return KavoInsertOrUpdate(TABLE, ABSENT, nullptr, 1, 0); },
        {{"KavoInsertOrUpdate", "KavoInsertOrUpdate failed, valuePtr == nullptr"}}},
-      {"InsertOrUpdate, length", KAVO_INVALID,
+      {"InsertOrUpdate, length",
+       KAVO_INVALID,
        [&] { return KavoInsertOrUpdate(MAPPED_TABLE, PRESENT, value.data(), 0, 0); },
        {{"InsertOrUpdate", "valuelen not equal table valuelen!"},
         {"KavoInsertOrUpdate", "InsertOrUpdate failed, ret[-4]"}}},
@@ -169,17 +226,24 @@ TEST_F(Status, InsertsRefuse) {
   const std::string null =
       "KavoLookupOrInsert failed, valuePtr == nullptr || valueLen == nullptr || isFind == nullptr ";
   Check({
-      {"LookupOrInsert, null address", KAVO_INVALID,
-       [&] { return KavoLookupOrInsert(UNUSED, -1, nullptr, &valueLen, &isFind, 0); }, {{"KavoLookupOrInsert", null}}},
-      {"LookupOrInsert, null length", KAVO_INVALID,
-       [&] { return KavoLookupOrInsert(UNUSED, -1, &valuePtr, nullptr, &isFind, 0); }, {{"KavoLookupOrInsert", null}}},
-      {"LookupOrInsert, null flag", KAVO_INVALID,
+      {"LookupOrInsert, null address",
+       KAVO_INVALID,
+       [&] { return KavoLookupOrInsert(UNUSED, -1, nullptr, &valueLen, &isFind, 0); },
+       {{"KavoLookupOrInsert", null}}},
+      {"LookupOrInsert, null length",
+       KAVO_INVALID,
+       [&] { return KavoLookupOrInsert(UNUSED, -1, &valuePtr, nullptr, &isFind, 0); },
+       {{"KavoLookupOrInsert", null}}},
+      {"LookupOrInsert, null flag",
+       KAVO_INVALID,
        [&] { return KavoLookupOrInsert(UNUSED, -1, &valuePtr, &valueLen, nullptr, 0); },
        {{"KavoLookupOrInsert", null}}},
-      {"LookupOrInsert, negative key", KAVO_INVALID,
+      {"LookupOrInsert, negative key",
+       KAVO_INVALID,
        [&] { return KavoLookupOrInsert(UNUSED, -1, &valuePtr, &valueLen, &isFind, 0); },
        {{"KavoLookupOrInsert", "KavoLookupOrInsert failed, key < 0"}}},
-      {"LookupOrInsert, unused id", KAVO_INVALID,
+      {"LookupOrInsert, unused id",
+       KAVO_INVALID,
        [&] { return KavoLookupOrInsert(UNUSED, ABSENT, &valuePtr, &valueLen, &isFind, 0); },
        {{"KavoLookupOrInsert", "tableId[8] is nullptr"}}},
   });
@@ -196,18 +260,23 @@ TEST_F(Status, OverlappingBytesAreRefusedAndZeroTheValue) {
   const auto expectZero = [&] { EXPECT_EQ(std::string(LEN, '\0'), std::string(stored, stored + LEN)); };
   const std::string range = std::to_string(ERANGE);
   refill();
-  Check({{"Update", KAVO_NO_MEMORY, [&] { return KavoUpdate(TABLE, PRESENT, stored + 1, LEN); },
+  Check({{"Update",
+          KAVO_NO_MEMORY,
+          [&] { return KavoUpdate(TABLE, PRESENT, stored + 1, LEN); },
           {{"UpdateValue", "memcpy_s failed, ret[" + range + "]"}, {"KavoUpdate", "Update failed, ret[-3]"}}}});
   expectZero();
   refill();
-  Check({{"InsertOrUpdate", KAVO_NO_MEMORY, [&] { return KavoInsertOrUpdate(TABLE, PRESENT, stored + 1, LEN, 0); },
+  Check({{"InsertOrUpdate",
+          KAVO_NO_MEMORY,
+          [&] { return KavoInsertOrUpdate(TABLE, PRESENT, stored + 1, LEN, 0); },
           {{"InsertOrUpdate", "memcpy_s failed, ret[" + range + "]"},
            {"KavoInsertOrUpdate", "InsertOrUpdate failed, ret[-3]"}}}});
   expectZero();
 }
 
 TEST_F(Status, SinkWithoutWriterIsRefusedAndChangesNothing) {
-  Check({{"SetLogSink", KAVO_INVALID,
+  Check({{"SetLogSink",
+          KAVO_INVALID,
           [] {
             const KavoLogSink sink{};
             return KavoSetLogSink(&sink);
@@ -216,7 +285,7 @@ TEST_F(Status, SinkWithoutWriterIsRefusedAndChangesNothing) {
 }
 
 TEST_F(Status, SuccessWritesNoLine) {
-  LogCapture capture;
+  KavoTest::LogCapture capture(KavoSetLogSink);
   unsigned char* address = nullptr;
   unsigned length = 0;
   unsigned found = 0;

@@ -33,7 +33,8 @@ long MappedBytes() {
   return pages * sysconf(_SC_PAGESIZE);
 }
 
-// Registers tables of the array and of the map, with entries on two threads, and leaves them to the unloading.
+// Registers tables of the array and of the map, with entries from two threads, and leaves them to the unloading. A
+// thread that has inserted into a table of the map keeps the library until it ends, so this one does not.
 void LoadUseAndUnload(bool& reserved) {
   Loaded library;
   const auto init = library.Get<decltype(KavoInitHashTable)>("KavoInitHashTable");
@@ -47,8 +48,10 @@ void LoadUseAndUnload(bool& reserved) {
       unsigned char value[8] = {1};
       EXPECT_EQ(KAVO_SUCCESS, insert(table, key, value, sizeof(value), 0, 0));
     };
-    fill(1);
-    std::thread(fill, 2L).join();
+    std::thread(fill, 1L).join();
+    if (table < 1024) {
+      fill(2);
+    }
   }
   reserved = MappedBytes() - before > 1'000'000'000;
   library.Unload();
