@@ -1,0 +1,44 @@
+// The walk over a table: its generations in use, from the current one to the end of the chain, one after the other.
+// Generations that give no entry are passed over. Each entry is reported once (see generation_iterator.h).
+#pragma once
+
+#include "hash/generation_iterator.h"
+
+namespace Qen {
+
+template <class Table, class Core, class Key, class Value>
+class TableIterator {
+ public:
+  // Stands at the table's first entry, or at its end.
+  explicit TableIterator(const Table& table) : m_oldest(table.CurrentGeneration()), m_core(m_oldest) {
+    m_it.Position(m_oldest, m_core);
+    PassEmptyGenerations();
+  }
+
+  bool AtEnd() const noexcept { return m_it.AtEnd(); }
+  Key EntryKey() const noexcept { return m_it.EntryKey(); }
+  Value* EntryRecord() const noexcept { return m_it.EntryRecord(); }
+
+  void Next() {
+    m_it.Next();
+    PassEmptyGenerations();
+  }
+
+ private:
+  void PassEmptyGenerations() {
+    while (m_it.AtEnd()) {
+      const Core* next = m_core->Next();
+      if (next == nullptr) {
+        return;
+      }
+      m_core = next;
+      m_it.Position(m_oldest, m_core);
+    }
+  }
+
+  const Core* m_oldest;
+  const Core* m_core;
+  GenerationIterator<Core, Key, Value> m_it;
+};
+
+}  // namespace Qen

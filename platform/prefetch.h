@@ -1,0 +1,10 @@
+// Asks the processor to bring a cache line closer. Any address is allowed, null included.
+#pragma once
+
+namespace Qen {
+
+inline void PrefetchForRead(const void* address) noexcept {
+  __builtin_prefetch(address, 0, 1);
+}
+
+}  // namespace Qen
