@@ -16,6 +16,7 @@
 #include <exception>
 #include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -119,6 +120,9 @@ void Run(Arguments& arguments) {
   facts.growths = libraryLog.Growths();
   facts.residentAfter = ResidentBytes();
   PrintReport(result, facts);
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    throw std::runtime_error("standard output: cannot be written");
+  }
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ void Learner::Learn(float error) {
     m_weights[i].Learn(error, options.linear);
     const float* vector = &m_coordinates[i * m_dim];
     for (unsigned d = 0; d < m_dim; ++d) {
-      m_gradient[d] = error * (m_sum[d] - vector[d]) + options.vectors.decay * vector[d];
+      m_gradient[d] = error * (m_sum[d] - vector[d]);
     }
     m_vectors[i].Learn(m_gradient, options.vectors);
   }

@@ -30,9 +30,8 @@ class LinearParameter {
   static constexpr unsigned FLOATS = 2;
 
   struct Rates {
-    float alpha = 0.05F;
+    float alpha = 0.12F;
     float beta = 1.0F;
-    float l1 = 0.0F;  // weights whose evidence is below this are exactly 0
     float l2 = 1.0F;
   };
 
@@ -51,11 +50,7 @@ class LinearParameter {
 
  private:
   static float WeightOf(float z, float n, const Rates& rates) {
-    if (std::abs(z) <= rates.l1) {
-      return 0.0F;
-    }
-    const float strength = (rates.beta + std::sqrt(n)) / rates.alpha + rates.l2;
-    return (std::copysign(rates.l1, z) - z) / strength;
+    return -z / ((rates.beta + std::sqrt(n)) / rates.alpha + rates.l2);
   }
 
   float* m_value;
@@ -69,10 +64,9 @@ class VectorParameter {
   static constexpr unsigned Floats(unsigned dim) { return dim + 1; }
 
   struct Rates {
-    float alpha = 0.05F;
+    float alpha = 0.08F;
     float beta = 1.0F;
-    float start = 0.05F;  // initial coordinates are uniform in [-start, start]
-    float decay = 0.0F;
+    float start = 0.02F;  // initial coordinates are uniform in [-start, start]
   };
 
   VectorParameter(float* value, unsigned dim) : m_value(value), m_dim(dim) {}

@@ -78,17 +78,25 @@ void PrintQuality(const TrainingResult& result, const RunFacts& facts) {
 
 ProgressDisplay::ProgressDisplay() : m_terminal(isatty(STDOUT_FILENO) == 1) {}
 
+// After a failure the bar stands unfinished; what follows gets a line of its own.
+ProgressDisplay::~ProgressDisplay() {
+  if (m_barOpen) {
+    fmt::print("\n");
+  }
+}
+
 void ProgressDisplay::Show(const Progress& progress) {
   m_terminal ? ShowBar(progress) : ShowLine(progress);
   std::fflush(stdout);
 }
 
-void ProgressDisplay::ShowBar(const Progress& progress) const {
+void ProgressDisplay::ShowBar(const Progress& progress) {
   constexpr std::uint64_t WIDTH = 30;
   const std::uint64_t done = progress.rows * WIDTH / progress.rowCount;
+  m_barOpen = progress.rows < progress.rowCount;
   fmt::print("\repoch {} [{:#<{}}{:.<{}}] {:3} %  {:>9} rows/s  log loss {:.4f}{}", progress.epoch, "", done, "",
              WIDTH - done, progress.rows * 100 / progress.rowCount, CountRate(progress.rows, progress.seconds),
-             MeanLoss(progress), progress.rows == progress.rowCount ? "\n" : "");
+             MeanLoss(progress), m_barOpen ? "" : "\n");
 }
 
 void ProgressDisplay::ShowLine(const Progress& progress) {

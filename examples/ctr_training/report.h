@@ -11,13 +11,17 @@ namespace CtrTraining {
 class ProgressDisplay {
  public:
   ProgressDisplay();
+  ProgressDisplay(const ProgressDisplay&) = delete;
+  ProgressDisplay& operator=(const ProgressDisplay&) = delete;
+  ~ProgressDisplay();
   void Show(const Progress& progress);
 
  private:
-  void ShowBar(const Progress& progress) const;
+  void ShowBar(const Progress& progress);
   void ShowLine(const Progress& progress);
 
   const bool m_terminal;
+  bool m_barOpen = false;  // the cursor stands behind a bar
   unsigned m_epoch = 0;
   std::uint64_t m_tenths = 0;  // of the epoch, that had their line
 };

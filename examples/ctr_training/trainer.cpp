@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <exception>
-#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -68,26 +67,20 @@ class Epoch {
   }
 
   void Work() noexcept {
-    Tally tally;
-    Learner learner(m_model);
     RowBlock block;
     try {
+      Tally tally;
+      Learner learner(m_model);
       while (!Stopped() && m_source.Next(block)) {
-        const double loss = LearnBlock(block, learner, tally);
-        const std::lock_guard lock(m_mutex);
-        m_progress.rows += block.rows.size();
-        m_progress.lossSum += loss;
+        AddProgress(block.rows.size(), LearnBlock(block, learner, tally));
       }
+      AddResult(learner, tally);
     } catch (...) {
-      // Blocks are handed out in order and a thread finishes the one it has, so the earliest bad line is always among
-      // the failures, however threads run.
-      const std::lock_guard lock(m_mutex);
-      if (block.firstRow < m_failedRow) {
-        m_failedRow = block.firstRow;
-        m_failure = std::current_exception();
-      }
+      AddFailure(block.firstRow, std::current_exception());
     }
-    End(learner, tally);
+    const std::lock_guard lock(m_mutex);
+    --m_running;
+    m_ended.notify_one();
   }
 
   double LearnBlock(const RowBlock& block, Learner& learner, Tally& tally) const {
@@ -109,14 +102,28 @@ class Epoch {
     return m_failure != nullptr;
   }
 
-  void End(const Learner& learner, const Tally& tally) {
+  void AddProgress(std::size_t rows, double loss) {
+    const std::lock_guard lock(m_mutex);
+    m_progress.rows += rows;
+    m_progress.lossSum += loss;
+  }
+
+  void AddResult(const Learner& learner, const Tally& tally) {
     const std::lock_guard lock(m_mutex);
     m_result.model.Merge(tally.model);
     m_result.trueLoss += tally.trueLoss;
     m_result.lookups += learner.Lookups();
     m_result.distinctFeatures += learner.NewFeatures();
-    --m_running;
-    m_ended.notify_one();
+  }
+
+  // Blocks are handed out in order and a thread finishes the one it has, so the earliest bad line is always among the
+  // failures, however threads run.
+  void AddFailure(std::uint64_t firstRow, const std::exception_ptr& failure) {
+    const std::lock_guard lock(m_mutex);
+    if (!m_failure || firstRow < m_failedRow) {
+      m_failedRow = firstRow;
+      m_failure = failure;
+    }
   }
 
   RowSource& m_source;
@@ -130,7 +137,7 @@ class Epoch {
   unsigned m_running = 0;
   Progress m_progress;
   std::exception_ptr m_failure;
-  std::uint64_t m_failedRow = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t m_failedRow = 0;
   TrainingResult& m_result;
 };
 
