@@ -16,8 +16,9 @@ namespace Qen {
 namespace {
 
 // Up to here a range comes from the heap: a mapping costs two system calls and at least a page fault.
-constexpr std::size_t MAX_HEAP_RANGE_BYTES = 128 * 1024;
-constexpr std::size_t HUGE_PAGE_BYTES = 2 * 1024 * 1024;
+constexpr std::size_t MAX_HEAP_RANGE_BYTES = std::size_t{128} << 10;
+constexpr std::align_val_t CACHE_LINE{64};
+constexpr std::size_t HUGE_PAGE_BYTES = std::size_t{2} << 20;
 
 void CountHeap([[maybe_unused]] std::size_t bytes, [[maybe_unused]] bool taken) noexcept {
 #ifdef KAVO_TESTING
@@ -39,13 +40,21 @@ bool FailsByPlan() noexcept {
 #endif
 }
 
-std::size_t PageBytes() noexcept { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)); }
+std::size_t PageBytes() noexcept {
+  return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
 
-std::size_t PhysicalBytes() noexcept { return static_cast<std::size_t>(::sysconf(_SC_PHYS_PAGES)) * PageBytes(); }
+std::size_t PhysicalBytes() noexcept {
+  return static_cast<std::size_t>(::sysconf(_SC_PHYS_PAGES)) * PageBytes();
+}
 
-std::size_t RoundUp(std::size_t bytes, std::size_t unit) noexcept { return (bytes + unit - 1) / unit * unit; }
+std::size_t RoundUp(std::size_t bytes, std::size_t unit) noexcept {
+  return (bytes + unit - 1) / unit * unit;
+}
 
-std::size_t MappingBytes(std::size_t bytes) noexcept { return RoundUp(bytes, PageBytes()); }
+std::size_t MappingBytes(std::size_t bytes) noexcept {
+  return RoundUp(bytes, PageBytes());
+}
 
 void* Map(std::size_t bytes) {
   void* const memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -114,7 +123,11 @@ ZeroedRange::ZeroedRange(std::size_t bytes) {
     return;
   }
   if (bytes <= MAX_HEAP_RANGE_BYTES) {
-    m_data = HeapAllocate(bytes);
+    m_data = FailsByPlan() ? nullptr : ::operator new(bytes, CACHE_LINE, std::nothrow);
+    if (m_data == nullptr) {
+      throw std::bad_alloc();
+    }
+    CountHeap(bytes, true);
     std::memset(m_data, 0, bytes);
   } else {
     // The plan is asked first, so that a test's count of requests does not depend on the machine.
@@ -142,7 +155,9 @@ ZeroedRange& ZeroedRange::operator=(ZeroedRange&& other) noexcept {
   return *this;
 }
 
-ZeroedRange::~ZeroedRange() { Release(); }
+ZeroedRange::~ZeroedRange() {
+  Release();
+}
 
 void ZeroedRange::Release() noexcept {
   if (m_data == nullptr) {
@@ -150,7 +165,8 @@ void ZeroedRange::Release() noexcept {
   }
   UnpoisonBytes(m_data, m_bytes);
   if (m_bytes <= MAX_HEAP_RANGE_BYTES) {
-    HeapFree(m_data, m_bytes);
+    CountHeap(m_bytes, false);
+    ::operator delete(m_data, CACHE_LINE);
   } else {
     const std::size_t mappingBytes = MappingBytes(m_bytes);
     CountMapped(mappingBytes, false);

@@ -23,13 +23,13 @@ class ErrnoKeeper {
 }  // namespace
 
 // The five writers differ in the level only.
-#define KAVO_DEFINE_LOG_WRITER_(name, level)                                       \
-  void name(LogSite& site, unsigned channel, const char* format, ...) noexcept {   \
-    const ErrnoKeeper keeper;                                                      \
-    va_list arguments;                                                             \
-    va_start(arguments, format);                                                   \
-    RouteLogLine(site, channel, level, format, arguments);                         \
-    va_end(arguments);                                                             \
+#define KAVO_DEFINE_LOG_WRITER_(name, level)                                     \
+  void name(LogSite& site, unsigned channel, const char* format, ...) noexcept { \
+    const ErrnoKeeper keeper;                                                    \
+    va_list arguments;                                                           \
+    va_start(arguments, format);                                                 \
+    RouteLogLine(site, channel, level, format, arguments);                       \
+    va_end(arguments);                                                           \
   }
 
 KAVO_DEFINE_LOG_WRITER_(LogError, LOG_LEVEL_ERROR)

@@ -28,7 +28,9 @@ void LogDebug(LogSite& site, unsigned channel, const char* format, ...) noexcept
 void LogEvent(LogSite& site, unsigned channel, const char* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 
 // The kernel's id of the calling thread, fetched anew for every line.
-inline int LogThreadId() noexcept { return ::gettid(); }
+inline int LogThreadId() noexcept {
+  return ::gettid();
+}
 
 // Lines that the default writer has held back so far, over all statements.
 unsigned long long LogLinesHeldBack() noexcept;
@@ -39,38 +41,40 @@ unsigned long long LogLinesHeldBack() noexcept;
 // templates included, logs under one unit whatever file a statement stands in.
 #define KAVO_LOG_FRAME_ "[%s:%d]tid:%d,%s(%d) : "
 
-#define KAVO_LOG_LINE_(writer, channel, unit, message, ...)                                                        \
-  do {                                                                                                             \
-    static constinit ::Qen::LogSite kavoLogSite;                                                                   \
-    ::Qen::writer(kavoLogSite, channel, KAVO_LOG_FRAME_ message "\r\n", unit, __LINE__, ::Qen::LogThreadId(),       \
-                  __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                                  \
+#define KAVO_LOG_LINE_(writer, channel, unit, message, ...)                                                   \
+  do {                                                                                                        \
+    static constinit ::Qen::LogSite kavoLogSite;                                                              \
+    ::Qen::writer(kavoLogSite, channel, KAVO_LOG_FRAME_ message "\r\n", unit, __LINE__, ::Qen::LogThreadId(), \
+                  __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                             \
   } while (false)
 
-#define KAVO_LOG_CHECKED_LINE_(writer, channel, level, unit, message, ...)                                         \
-  do {                                                                                                             \
-    if (::Qen::LogLevelEnabled(channel, level) == 1) {                                                             \
-      KAVO_LOG_LINE_(writer, channel, unit, message __VA_OPT__(, ) __VA_ARGS__);                                   \
-    }                                                                                                              \
+#define KAVO_LOG_CHECKED_LINE_(writer, channel, level, unit, message, ...)       \
+  do {                                                                           \
+    if (::Qen::LogLevelEnabled(channel, level) == 1) {                           \
+      KAVO_LOG_LINE_(writer, channel, unit, message __VA_OPT__(, ) __VA_ARGS__); \
+    }                                                                            \
   } while (false)
 
 #define KAVO_LOG_ERROR(unit, message, ...) \
   KAVO_LOG_LINE_(LogError, ::Qen::RUN_LOG_CHANNEL, unit, message __VA_OPT__(, ) __VA_ARGS__)
 #define KAVO_LOG_EVENT(unit, message, ...) \
   KAVO_LOG_LINE_(LogEvent, ::Qen::RUN_LOG_CHANNEL, unit, message __VA_OPT__(, ) __VA_ARGS__)
-#define KAVO_LOG_WARN(unit, message, ...)                                                                  \
-  KAVO_LOG_CHECKED_LINE_(LogWarn, ::Qen::RUN_LOG_CHANNEL, ::Qen::LOG_LEVEL_WARN, unit, message __VA_OPT__(, ) \
-                             __VA_ARGS__)
-#define KAVO_LOG_INFO(unit, message, ...)                                                                  \
-  KAVO_LOG_CHECKED_LINE_(LogInfo, ::Qen::RUN_LOG_CHANNEL, ::Qen::LOG_LEVEL_INFO, unit, message __VA_OPT__(, ) \
-                             __VA_ARGS__)
-#define KAVO_LOG_DEBUG(unit, message, ...)                                                                      \
-  KAVO_LOG_CHECKED_LINE_(LogDebug, ::Qen::DEBUG_LOG_CHANNEL, ::Qen::LOG_LEVEL_DEBUG, unit, message __VA_OPT__(, ) \
-                             __VA_ARGS__)
+#define KAVO_LOG_WARN(unit, message, ...)                                              \
+  KAVO_LOG_CHECKED_LINE_(LogWarn, ::Qen::RUN_LOG_CHANNEL, ::Qen::LOG_LEVEL_WARN, unit, \
+                         message __VA_OPT__(, ) __VA_ARGS__)
+#define KAVO_LOG_INFO(unit, message, ...)                                              \
+  KAVO_LOG_CHECKED_LINE_(LogInfo, ::Qen::RUN_LOG_CHANNEL, ::Qen::LOG_LEVEL_INFO, unit, \
+                         message __VA_OPT__(, ) __VA_ARGS__)
+#define KAVO_LOG_DEBUG(unit, message, ...)                                                 \
+  KAVO_LOG_CHECKED_LINE_(LogDebug, ::Qen::DEBUG_LOG_CHANNEL, ::Qen::LOG_LEVEL_DEBUG, unit, \
+                         message __VA_OPT__(, ) __VA_ARGS__)
 
 namespace Qen {
 
 // The unit names of the library.
 inline constexpr char TABLE_LOG_UNIT[] = "concurrent_tables_adapter.cpp";
 inline constexpr char POOL_LOG_UNIT[] = "memory_pool.cpp";
+inline constexpr char PARTITION_LOG_UNIT[] = "partition_map.cpp";
+inline constexpr char KAVO_ADAPTER_LOG_UNIT[] = "kavo_adapter.cpp";
 
 }  // namespace Qen

@@ -17,6 +17,7 @@
 //     setter and a thread counting itself in, at least one sees what the other did.
 #include "platform/log_sink.h"
 
+#include <cerrno>
 #include <limits>
 #include <type_traits>
 
@@ -115,7 +116,10 @@ int LogLevelEnabled(unsigned channel, int level) noexcept {
   if (sink->enabled == nullptr) {
     return level > LOG_LEVEL_DEBUG ? 1 : 0;
   }
-  return sink->enabled(sink->context, channel, level);
+  const int errnoBefore = errno;
+  const int answer = sink->enabled(sink->context, channel, level);
+  errno = errnoBefore;
+  return answer;
 }
 
 void RouteLogLine(LogSite& site, unsigned channel, int level, const char* format, va_list arguments) noexcept {

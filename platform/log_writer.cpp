@@ -111,6 +111,7 @@ void WriteHeldBackLine(unsigned long long count, const char* format, va_list arg
   constexpr std::size_t FRAME_BYTES = sizeof(text) - 64;
   std::size_t used = 0;
   if (std::strncmp(format, KAVO_LOG_FRAME_, sizeof(KAVO_LOG_FRAME_) - 1) == 0) {
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not follow a va_list through a call
     const int length = std::vsnprintf(text, FRAME_BYTES, KAVO_LOG_FRAME_, arguments);
     if (length > 0) {
       used = static_cast<std::size_t>(length) < FRAME_BYTES ? static_cast<std::size_t>(length) : FRAME_BYTES - 1;
@@ -128,13 +129,15 @@ void WriteLine(const char* format, va_list arguments) noexcept {
   char text[STACK_LINE_BYTES];
   const int length = std::vsnprintf(text, sizeof(text), format, arguments);
   if (length < 0) {
-    WriteText(format, std::strlen(format));
+    static constexpr char UNPRINTABLE[] = "a log line could not be formatted\r\n";
+    WriteText(UNPRINTABLE, sizeof(UNPRINTABLE) - 1);
   } else if (static_cast<std::size_t>(length) < sizeof(text)) {
     WriteText(text, static_cast<std::size_t>(length));
   } else {
     const std::size_t bytes = static_cast<std::size_t>(length) + 1;
     if (void* const memory = TryHeapAllocate(bytes)) {
       char* const longText = static_cast<char*>(memory);
+      // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): as above
       std::vsnprintf(longText, bytes, format, again);
       WriteText(longText, bytes - 1);
       HeapFree(memory, bytes);
@@ -154,7 +157,9 @@ void ReadLogEnvironment() noexcept {
   g_bound = LogBound(RateNamed(std::getenv("KAVO_LOG_RATE")));
 }
 
-int DefaultLogLevel() noexcept { return g_level; }
+int DefaultLogLevel() noexcept {
+  return g_level;
+}
 
 void WriteToStandardError(LogSite& site, int level, const char* format, va_list arguments) noexcept {
   // Error and event lines come unchecked, and any other may have been checked against a sink that is gone by now.

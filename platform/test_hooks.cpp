@@ -25,7 +25,9 @@ constinit thread_local FaultPlan t_plan{};
 
 }  // namespace
 
-void SetPointHandler(PointHandler handler) noexcept { g_handler.store(handler); }
+void SetPointHandler(PointHandler handler) noexcept {
+  g_handler.store(handler);
+}
 
 void Reach(const char* point) {
   if (const PointHandler handler = g_handler.load()) {
@@ -41,9 +43,13 @@ void FailAllocation(unsigned long long nth, bool stay) noexcept {
   }
 }
 
-unsigned long long AllocationsSeen() noexcept { return t_plan.seen; }
+unsigned long long AllocationsSeen() noexcept {
+  return t_plan.seen;
+}
 
-unsigned long long AllocationFailures() noexcept { return t_plan.failures; }
+unsigned long long AllocationFailures() noexcept {
+  return t_plan.failures;
+}
 
 bool ShouldFailAllocation() noexcept {
   if (t_plan.nth == 0) {
@@ -55,17 +61,29 @@ bool ShouldFailAllocation() noexcept {
   return fail;
 }
 
-long long HeapBytesInUse() noexcept { return g_heapBytes.load(); }
+long long HeapBytesInUse() noexcept {
+  return g_heapBytes.load();
+}
 
-long long MappedBytesInUse() noexcept { return g_mappedBytes.load(); }
+long long MappedBytesInUse() noexcept {
+  return g_mappedBytes.load();
+}
 
-void CountHeapBytes(long long change) noexcept { g_heapBytes.fetch_add(change); }
+void CountHeapBytes(long long change) noexcept {
+  g_heapBytes.fetch_add(change);
+}
 
-void CountMappedBytes(long long change) noexcept { g_mappedBytes.fetch_add(change); }
+void CountMappedBytes(long long change) noexcept {
+  g_mappedBytes.fetch_add(change);
+}
 
-void SetWaitLimit(unsigned long long sleeps) noexcept { g_waitLimit.store(sleeps); }
+void SetWaitLimit(unsigned long long sleeps) noexcept {
+  g_waitLimit.store(sleeps);
+}
 
-unsigned long long WaitLimit() noexcept { return g_waitLimit.load(); }
+unsigned long long WaitLimit() noexcept {
+  return g_waitLimit.load();
+}
 
 }  // namespace Qen::TestHooks
 

@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 
 #include "platform/test_hooks.h"
@@ -99,28 +101,35 @@ class Parking {
     return shared;
   }
 
-  static void Handle(const char* point) {
-    Shared& shared = TheShared();
-    for (Slot& slot : shared.slots) {
-      const char* const name = slot.point.load();
-      if (name != nullptr && std::strcmp(name, point) == 0) {
-        Pass(shared, slot);
-      }
-    }
+  static bool IsAt(const Slot& slot, const char* point) {
+    const char* const name = slot.point.load();
+    return name != nullptr && std::strcmp(name, point) == 0;
   }
 
-  static void Pass(Shared& shared, Slot& slot) {
-    std::unique_lock<std::mutex> lock(shared.mutex);
-    if (++slot.passages != slot.nth || slot.released) {
+  static void Handle(const char* point) {
+    Shared& shared = TheShared();
+    // Other points go by without the lock, so that they are not ordered by it.
+    if (std::none_of(std::begin(shared.slots), std::end(shared.slots),
+                     [point](const Slot& slot) { return IsAt(slot, point); })) {
       return;
     }
-    slot.parked = true;
-    ++slot.inside;
-    shared.changed.notify_all();
-    EXPECT_TRUE(shared.changed.wait_for(lock, PATIENCE, [&slot] { return slot.released; }))
-        << "nobody released the thread parked at " << slot.point.load();
-    --slot.inside;
-    shared.changed.notify_all();
+    std::unique_lock<std::mutex> lock(shared.mutex);
+    // All parkings of this point count the passage before one of them stops it.
+    Slot* stop = nullptr;
+    for (Slot& slot : shared.slots) {
+      if (IsAt(slot, point) && ++slot.passages == slot.nth && !slot.released) {
+        stop = &slot;
+      }
+    }
+    if (stop != nullptr) {
+      stop->parked = true;
+      ++stop->inside;
+      shared.changed.notify_all();
+      EXPECT_TRUE(shared.changed.wait_for(lock, PATIENCE, [stop] { return stop->released; }))
+          << "nobody released the thread parked at " << point;
+      --stop->inside;
+      shared.changed.notify_all();
+    }
   }
 
   Slot* m_slot = nullptr;
