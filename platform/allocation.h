@@ -78,7 +78,7 @@ struct HeapAllocator {
   friend bool operator==(const HeapAllocator&, const HeapAllocator&) noexcept { return true; }
 };
 
-// An owned range of zero-filled memory, aligned to a cache line, page-aligned when large. Untouched pages cost address
+// An owned range of zero-filled memory, aligned to a cache line, and to a page when large. Untouched pages cost address
 // space only. Large ranges are aligned to huge pages and ask for them, quietly without where there are none; small ones
 // come from the heap. A request larger than physical memory is refused, because the system would grant it and fail at
 // first touch.

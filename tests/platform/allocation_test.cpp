@@ -57,7 +57,7 @@ TEST_F(AllocationTest, RangeIsZeroAlignedWritableAndAccountedWhateverItsSize) {
       std::memset(data, 0xAB, bytes);
 
       const bool mapped = bytes > LARGEST_HEAP_RANGE;
-      const std::size_t alignment = bytes >= 2 * MIB ? 2 * MIB : mapped ? PageBytes() : alignof(std::max_align_t);
+      const std::size_t alignment = bytes >= 2 * MIB ? 2 * MIB : mapped ? PageBytes() : 64;
       EXPECT_EQ(reinterpret_cast<std::uintptr_t>(data) % alignment, 0u);
       EXPECT_EQ(HeapTaken(), mapped ? 0 : static_cast<long long>(bytes));
       const std::size_t pages = (bytes + PageBytes() - 1) / PageBytes();
