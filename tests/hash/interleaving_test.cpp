@@ -144,6 +144,22 @@ TEST_F(Interleaving, AClaimedCellIsLinkedByWhoeverMeetsIt) {
   EXPECT_EQ(m_table.BlockOf(16), other.block);
 }
 
+TEST_F(Interleaving, AnOfferLinksTheClaimOfItsOwnKeyThatItMeets) {
+  Fill({0});
+  Parking claimed("HashCore.Claimed");
+  Background<Offered> first([&] { return m_table.Offer(8); });
+  ASSERT_TRUE(claimed.WaitUntilParked());
+  ASSERT_EQ(m_table.CurrentGeneration()->CellAt(0).firstLink.Distance(), 0U);
+  Parking waiting("Driver.WaitForRecord");
+  Background<Offered> second([&] { return m_table.Offer(8); });
+  ASSERT_TRUE(waiting.WaitUntilParked());
+  EXPECT_EQ(m_table.CurrentGeneration()->CellAt(0).firstLink.Distance(), 1U);
+  waiting.Release();
+  claimed.Release();
+  ExpectCreated(8, first.Join());
+  EXPECT_EQ(second.Join().status, Qen::ENTRY_FOUND);
+}
+
 // A claim in the last free cell, not linked, while another offer finds no room: the map must not get the key too.
 TEST_F(Interleaving, AKeyClaimedInTheLastCellIsNotPutIntoTheMapAsWell) {
   Fill({0, 8, 16, 24, 32, 40, 48});
