@@ -2,8 +2,7 @@
 // outcome into a status code. Each failure ends in one line under the function's name; the steps below it log causes
 // under their own.
 #include "adapter/exception_boundary.h"
-#include "adapter/manager.h"
-#include "adapter/table_types.h"
+#include "adapter/table_call.h"
 #include "hash/hcore.h"
 #include "kavo.h"
 #include "platform/bounded_copy.h"
@@ -13,17 +12,10 @@ using namespace Qen;
 
 namespace {
 
-const BasicTable& AsBasic(const TableRef& ref) noexcept {
-  return *static_cast<const BasicTable*>(ref.table);
-}
-
-// KAVO_SUCCESS with the key's block, which Find promises for every record that it returns.
-int FindBlock(const TableRef& ref, long key, unsigned char*& block) {
-  if (ref.type != TABLE_TYPE_BASIC) [[unlikely]] {
-    return KAVO_UNSUPPORTED;
-  }
-  const BasicTable& table = AsBasic(ref);
-  HashValue* const record = table.Find(key);
+// KAVO_SUCCESS with the key's block, which is null for a key that a filter table only counts.
+template <class Table>
+int FindBlock(const Table& table, long key, unsigned char*& block) {
+  auto* const record = table.Find(key);
   if (record == nullptr) {
     return KAVO_INVALID;
   }
@@ -31,50 +23,89 @@ int FindBlock(const TableRef& ref, long key, unsigned char*& block) {
   return KAVO_SUCCESS;
 }
 
-int Update(const TableRef& ref, long key, const unsigned char* valuePtr, unsigned valueLen) {
-  if (ref.type != TABLE_TYPE_BASIC) [[unlikely]] {
-    return KAVO_UNSUPPORTED;
+// Without a block the address is null and the length stays.
+template <class Table>
+void GiveValue(const Table& table, unsigned char* block, unsigned char** valuePtr, unsigned* valueLen) {
+  if (block == nullptr) {
+    *valuePtr = nullptr;
+    return;
   }
-  const BasicTable& table = AsBasic(ref);
+  *valueLen = table.ValueLen();
+  *valuePtr = ValueBytes(block);
+}
+
+template <class Table>
+int Update(const Table& table, long key, const unsigned char* valuePtr, unsigned valueLen) {
   if (valueLen != table.ValueLen()) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
     return KAVO_INVALID;
   }
-  HashValue* const record = table.Find(key);
+  auto* const record = table.Find(key);
   if (record == nullptr) {
     return KAVO_INVALID;
   }
   return table.UpdateValue(record, valuePtr, valueLen);
 }
 
-int Insert(const BasicTable& table, long key, const unsigned char* valuePtr, unsigned valueLen, unsigned state) {
-  if (valueLen != table.ValueLen()) {
+// What the inserting functions are given. Only filter tables take null value bytes, and use the count.
+struct Offer {
+  long key;
+  unsigned char* valuePtr;
+  unsigned valueLen;
+  unsigned filterCount;
+};
+
+// The status of the table's insert.
+int InsertValue(const BasicTable& table, const Offer& offer, NewValue& newValue) {
+  BasicTable::OperationInfo info{offer.key, nullptr, MemKind::ORDINARY, &newValue};
+  return table.InsertOrFind(info).second;
+}
+
+int InsertValue(const FilterTable& table, const Offer& offer, NewValue& newValue) {
+  FilterTable::FilterOperationInfo info{offer.key, offer.valuePtr, MemKind::ORDINARY, offer.filterCount, &newValue};
+  return table.InsertValue(info).second;
+}
+
+template <class Table>
+int Insert(const Table& table, const Offer& offer, unsigned state) {
+  if (offer.valuePtr != nullptr && offer.valueLen != table.ValueLen()) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
     return KAVO_INVALID;
   }
-  BasicTable::OperationInfo info{key, nullptr, MemKind::ORDINARY};
-  const int status = table.InsertOrFind(info).second;
+  NewValue newValue{offer.valuePtr, ValueHeader::FromInsertState(state)};
+  const int status = InsertValue(table, offer, newValue);
   if (status < 0) {
     return status;
   }
   if (status == ENTRY_FOUND) {
     return KAVO_INVALID;
   }
-  const int ret = memcpy_s(ValueBytes(info.rawPtr), valueLen, valuePtr, valueLen);
-  if (ret != 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret = [%d]", ret);
+  if (newValue.copyResult != 0) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret = [%d]", newValue.copyResult);
     return KAVO_NO_MEMORY;
   }
-  ValueHeader::Store(info.rawPtr, ValueHeader::FromInsertState(state));
   return KAVO_SUCCESS;
 }
 
-int InsertOrUpdate(const BasicTable& table, long key, const unsigned char* valuePtr, unsigned valueLen) {
-  if (valueLen != table.ValueLen()) {
+// The copy's result. A new entry has its value already.
+int Overwrite(int status, const NewValue& newValue, unsigned char* block, unsigned len) {
+  if (status == ENTRY_INSERTED) {
+    return newValue.copyResult;
+  }
+  const int ret = memcpy_s(ValueBytes(block), len, newValue.bytes, len);
+  if (ret == 0) {
+    ValueHeader::Store(block, newValue.state);
+  }
+  return ret;
+}
+
+int InsertOrUpdate(const BasicTable& table, const Offer& offer) {
+  if (offer.valueLen != table.ValueLen()) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
     return KAVO_INVALID;
   }
-  BasicTable::OperationInfo info{key, nullptr, MemKind::ORDINARY};
+  NewValue newValue{offer.valuePtr, ValueHeader::CHANGED};
+  BasicTable::OperationInfo info{offer.key, nullptr, MemKind::ORDINARY, &newValue};
   const int status = table.InsertOrFind(info).second;
   if (status < 0) {
     return status;
@@ -83,13 +114,53 @@ int InsertOrUpdate(const BasicTable& table, long key, const unsigned char* value
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "rawPtr is nullptr!");
     return KAVO_INVALID;
   }
-  const int ret = memcpy_s(ValueBytes(info.rawPtr), valueLen, valuePtr, valueLen);
+  const int ret = Overwrite(status, newValue, info.rawPtr, offer.valueLen);
   if (ret != 0) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret[%d]", ret);
     return KAVO_NO_MEMORY;
   }
-  ValueHeader::Store(info.rawPtr, ValueHeader::CHANGED);
   return KAVO_SUCCESS;
+}
+
+int InsertOrUpdate(const FilterTable& table, const Offer& offer) {
+  if (offer.valuePtr != nullptr && offer.valueLen != table.ValueLen()) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
+    return KAVO_INVALID;
+  }
+  NewValue newValue{offer.valuePtr, ValueHeader::CHANGED};
+  FilterTable::FilterOperationInfo info{offer.key, offer.valuePtr, MemKind::ORDINARY, offer.filterCount, &newValue};
+  const int status = table.InsertOrUpdateFilterValue(info).second;
+  if (status < 0) {
+    return status;
+  }
+  if (info.rawPtr == nullptr || offer.valuePtr == nullptr) {
+    return KAVO_SUCCESS;  // counted, or nothing to write
+  }
+  const int ret = Overwrite(status, newValue, info.rawPtr, offer.valueLen);
+  if (ret != 0) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret = [%d]", ret);
+    return KAVO_NO_MEMORY;
+  }
+  return KAVO_SUCCESS;
+}
+
+struct Entry {
+  int status;
+  unsigned char* block;
+  MemKind memKind;
+};
+
+Entry InsertOrFind(const BasicTable& table, long key, unsigned /* filterCount */) {
+  BasicTable::OperationInfo info{key, nullptr, MemKind::PREPARED};
+  const int status = table.InsertOrFind(info).second;
+  return {status, info.rawPtr, info.memKind};
+}
+
+Entry InsertOrFind(const FilterTable& table, long key, unsigned filterCount) {
+  FilterTable::FilterOperationInfo info{key, nullptr, MemKind::PREPARED, filterCount};
+  const int status =
+      (filterCount == 0 ? table.InsertOrFindForDefaultKey(info) : table.InsertOrFindWithCounter(info)).second;
+  return {status, info.rawPtr, info.memKind};
 }
 
 }  // namespace
@@ -104,20 +175,19 @@ int KavoLookup(unsigned int tableId, long key, unsigned char** valuePtr, unsigne
     return KAVO_INVALID;
   }
   try {
-    const TableRef ref = g_manager->Resolve(static_cast<int>(tableId));
-    if (ref.type == TABLE_TYPE_EMPTY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "tableId[%d] is nullptr", static_cast<int>(tableId));
-      return KAVO_INVALID;
-    }
-    unsigned char* block = nullptr;
-    const int ret = FindBlock(ref, key, block);
+    KAVO_RESOLVE(ref, tableId);
+    const int ret = OnTable(ref, [&](const auto& table) {
+      unsigned char* block = nullptr;
+      const int found = FindBlock(table, key, block);
+      if (found == KAVO_SUCCESS) {
+        GiveValue(table, block, valuePtr, valueLen);
+      }
+      return found;
+    });
     if (ret != KAVO_SUCCESS) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookUpWithValLen failed, ret[%d] != 0", ret);
-      return ret;
     }
-    *valuePtr = ValueBytes(block);
-    *valueLen = AsBasic(ref).ValueLen();
-    return KAVO_SUCCESS;
+    return ret;
   }
   KAVO_CATCH_ALL
 }
@@ -132,22 +202,23 @@ int KavoLookupForUpdate(unsigned int tableId, long key, unsigned char** valuePtr
     return KAVO_INVALID;
   }
   try {
-    const TableRef ref = g_manager->Resolve(static_cast<int>(tableId));
-    if (ref.type == TABLE_TYPE_EMPTY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "tableId[%d] is nullptr", static_cast<int>(tableId));
-      return KAVO_INVALID;
-    }
-    unsigned char* block = nullptr;
-    const int ret = FindBlock(ref, key, block);
+    KAVO_RESOLVE(ref, tableId);
+    const int ret = OnTable(ref, [&](const auto& table) {
+      unsigned char* block = nullptr;
+      const int found = FindBlock(table, key, block);
+      if (found == KAVO_SUCCESS) {
+        if (block != nullptr) {
+          // The entry counts as changed from here on, before the caller has changed anything.
+          ValueHeader::Store(block, ValueHeader::CHANGED);
+        }
+        GiveValue(table, block, valuePtr, valueLen);
+      }
+      return found;
+    });
     if (ret != KAVO_SUCCESS) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookUpWithValLen failed, ret[%d] != 0", ret);
-      return ret;
     }
-    *valueLen = AsBasic(ref).ValueLen();
-    // The entry counts as changed from here on, before the caller has changed anything.
-    ValueHeader::Store(block, ValueHeader::CHANGED);
-    *valuePtr = ValueBytes(block);
-    return KAVO_SUCCESS;
+    return ret;
   }
   KAVO_CATCH_ALL
 }
@@ -162,12 +233,8 @@ int KavoUpdate(unsigned int tableId, long key, unsigned char* valuePtr, unsigned
     return KAVO_INVALID;
   }
   try {
-    const TableRef ref = g_manager->Resolve(static_cast<int>(tableId));
-    if (ref.type == TABLE_TYPE_EMPTY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "tableId[%d] is nullptr", static_cast<int>(tableId));
-      return KAVO_INVALID;
-    }
-    const int ret = Update(ref, key, valuePtr, valueLen);
+    KAVO_RESOLVE(ref, tableId);
+    const int ret = OnTable(ref, [&](const auto& table) { return Update(table, key, valuePtr, valueLen); });
     if (ret != KAVO_SUCCESS) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Update failed, ret[%d]", ret);
     }
@@ -176,26 +243,20 @@ int KavoUpdate(unsigned int tableId, long key, unsigned char* valuePtr, unsigned
   KAVO_CATCH_ALL
 }
 
-int KavoInsert(unsigned int tableId, long key, unsigned char* valuePtr, unsigned int valueLen,
-               unsigned int /* filterCount */, unsigned int state) {
+int KavoInsert(unsigned int tableId, long key, unsigned char* valuePtr, unsigned int valueLen, unsigned int filterCount,
+               unsigned int state) {
   if (key < 0) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsert failed, key < 0");
     return KAVO_INVALID;
   }
   try {
-    const TableRef ref = g_manager->Resolve(static_cast<int>(tableId));
-    if (ref.type == TABLE_TYPE_EMPTY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "tableId[%d] is nullptr", static_cast<int>(tableId));
+    KAVO_RESOLVE(ref, tableId);
+    if (ref.type == TABLE_TYPE_BASIC && valuePtr == nullptr) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsert failed, valuePtr == nullptr");
       return KAVO_INVALID;
     }
-    int ret = KAVO_UNSUPPORTED;
-    if (ref.type == TABLE_TYPE_BASIC) [[likely]] {
-      if (valuePtr == nullptr) {
-        KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsert failed, valuePtr == nullptr");
-        return KAVO_INVALID;
-      }
-      ret = Insert(AsBasic(ref), key, valuePtr, valueLen, state);
-    }
+    const Offer offer{key, valuePtr, valueLen, filterCount};
+    const int ret = OnTable(ref, [&](const auto& table) { return Insert(table, offer, state); });
     if (ret != KAVO_SUCCESS) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Insert failed, ret[%d]", ret);
     }
@@ -205,25 +266,19 @@ int KavoInsert(unsigned int tableId, long key, unsigned char* valuePtr, unsigned
 }
 
 int KavoInsertOrUpdate(unsigned int tableId, long key, unsigned char* valuePtr, unsigned int valueLen,
-                       unsigned int /* filterCount */) {
+                       unsigned int filterCount) {
   if (key < 0) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsertOrUpdate failed, key < 0");
     return KAVO_INVALID;
   }
   try {
-    const TableRef ref = g_manager->Resolve(static_cast<int>(tableId));
-    if (ref.type == TABLE_TYPE_EMPTY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "tableId[%d] is nullptr", static_cast<int>(tableId));
+    KAVO_RESOLVE(ref, tableId);
+    if (ref.type == TABLE_TYPE_BASIC && valuePtr == nullptr) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsertOrUpdate failed, valuePtr == nullptr");
       return KAVO_INVALID;
     }
-    int ret = KAVO_UNSUPPORTED;
-    if (ref.type == TABLE_TYPE_BASIC) [[likely]] {
-      if (valuePtr == nullptr) {
-        KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsertOrUpdate failed, valuePtr == nullptr");
-        return KAVO_INVALID;
-      }
-      ret = InsertOrUpdate(AsBasic(ref), key, valuePtr, valueLen);
-    }
+    const Offer offer{key, valuePtr, valueLen, filterCount};
+    const int ret = OnTable(ref, [&](const auto& table) { return InsertOrUpdate(table, offer); });
     if (ret != KAVO_SUCCESS) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "InsertOrUpdate failed, ret[%d]", ret);
     }
@@ -233,7 +288,7 @@ int KavoInsertOrUpdate(unsigned int tableId, long key, unsigned char* valuePtr, 
 }
 
 int KavoLookupOrInsert(unsigned int tableId, long key, unsigned char** valuePtr, unsigned int* valueLen,
-                       unsigned int* isFind, unsigned int /* filterCount */) {
+                       unsigned int* isFind, unsigned int filterCount) {
   if (valuePtr == nullptr || valueLen == nullptr || isFind == nullptr) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT,
                    "KavoLookupOrInsert failed, valuePtr == nullptr || valueLen == nullptr || isFind == nullptr ");
@@ -244,23 +299,22 @@ int KavoLookupOrInsert(unsigned int tableId, long key, unsigned char** valuePtr,
     return KAVO_INVALID;
   }
   try {
-    const TableRef ref = g_manager->Resolve(static_cast<int>(tableId));
-    if (ref.type == TABLE_TYPE_EMPTY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "tableId[%d] is nullptr", static_cast<int>(tableId));
-      return KAVO_INVALID;
+    KAVO_RESOLVE(ref, tableId);
+    const int ret = OnTable(ref, [&](const auto& table) {
+      const Entry entry = InsertOrFind(table, key, filterCount);
+      if (entry.status < 0) {
+        return entry.status;
+      }
+      GiveValue(table, entry.block, valuePtr, valueLen);
+      // A new entry whose block came from the prepared stock has a value already: to the caller it is as good as found.
+      // So is one without a block, which has no value that the caller could write.
+      *isFind = entry.status == ENTRY_FOUND || entry.memKind == MemKind::PREPARED ? 1 : 0;
+      return static_cast<int>(KAVO_SUCCESS);
+    });
+    if (ret != KAVO_SUCCESS) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookupOrInsertWithValLen failed, ret[%d]", ret);
     }
-    BasicTable::OperationInfo info{key, nullptr, MemKind::PREPARED};
-    const int status =
-        ref.type == TABLE_TYPE_BASIC ? AsBasic(ref).InsertOrFind(info).second : static_cast<int>(KAVO_UNSUPPORTED);
-    if (status < 0) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookupOrInsertWithValLen failed, ret[%d]", status);
-      return status;
-    }
-    *valueLen = AsBasic(ref).ValueLen();
-    *valuePtr = ValueBytes(info.rawPtr);
-    // A new entry whose block came from the prepared stock has a value already: to the caller it is as good as found.
-    *isFind = status == ENTRY_FOUND || info.memKind == MemKind::PREPARED ? 1 : 0;
-    return KAVO_SUCCESS;
+    return ret;
   }
   KAVO_CATCH_ALL
 }

@@ -1,5 +1,6 @@
 // The end of every exported function's body: no exception leaves the library. The handlers stand in the function
-// itself because their lines carry its name; on the success path they cost nothing.
+// itself because their lines carry its name; on the success path they cost nothing. KAVO_CATCH_ALL_AS names the unit
+// under which they log.
 #pragma once
 
 #include <exception>
@@ -9,20 +10,22 @@
 #include "kavo.h"
 #include "platform/log.h"
 
-#define KAVO_CATCH_ALL                                                                       \
-  catch (const std::system_error& error) {                                                   \
-    KAVO_LOG_ERROR(::Qen::TABLE_LOG_UNIT, "lock failed, exception caught:%s", error.what()); \
-    return KAVO_FAILED;                                                                      \
-  }                                                                                          \
-  catch (const std::bad_alloc& error) {                                                      \
-    KAVO_LOG_EVENT(::Qen::TABLE_LOG_UNIT, "new failed, exception caught:%s", error.what());  \
-    return KAVO_NO_MEMORY;                                                                   \
-  }                                                                                          \
-  catch (const std::exception& error) {                                                      \
-    KAVO_LOG_ERROR(::Qen::TABLE_LOG_UNIT, "exception caught:%s", error.what());              \
-    return KAVO_FAILED;                                                                      \
-  }                                                                                          \
-  catch (...) {                                                                              \
-    KAVO_LOG_ERROR(::Qen::TABLE_LOG_UNIT, "unknown exception caught");                       \
-    return KAVO_FAILED;                                                                      \
+#define KAVO_CATCH_ALL_AS(unit)                                             \
+  catch (const std::system_error& error) {                                  \
+    KAVO_LOG_ERROR(unit, "lock failed, exception caught:%s", error.what()); \
+    return KAVO_FAILED;                                                     \
+  }                                                                         \
+  catch (const std::bad_alloc& error) {                                     \
+    KAVO_LOG_EVENT(unit, "new failed, exception caught:%s", error.what());  \
+    return KAVO_NO_MEMORY;                                                  \
+  }                                                                         \
+  catch (const std::exception& error) {                                     \
+    KAVO_LOG_ERROR(unit, "exception caught:%s", error.what());              \
+    return KAVO_FAILED;                                                     \
+  }                                                                         \
+  catch (...) {                                                             \
+    KAVO_LOG_ERROR(unit, "unknown exception caught");                       \
+    return KAVO_FAILED;                                                     \
   }
+
+#define KAVO_CATCH_ALL KAVO_CATCH_ALL_AS(::Qen::TABLE_LOG_UNIT)

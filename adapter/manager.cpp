@@ -24,8 +24,15 @@ void ManagerEle::DeleHandle() noexcept {
   if (table == nullptr) {
     return;
   }
-  if (type.load(std::memory_order_relaxed) == TABLE_TYPE_BASIC) {
-    HeapDelete(static_cast<BasicTable*>(table));
+  switch (type.load(std::memory_order_relaxed)) {
+    case TABLE_TYPE_BASIC:
+      HeapDelete(static_cast<BasicTable*>(table));
+      break;
+    case TABLE_TYPE_FILTER:
+      HeapDelete(static_cast<FilterTable*>(table));
+      break;
+    default:
+      break;
   }
   handle.store(nullptr, std::memory_order_relaxed);
   type.store(TABLE_TYPE_EMPTY, std::memory_order_relaxed);

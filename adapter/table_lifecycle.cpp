@@ -1,4 +1,4 @@
-// The exported functions that create and destroy tables.
+// The exported functions that create, set up and destroy tables.
 #include "adapter/exception_boundary.h"
 #include "adapter/manager.h"
 #include "adapter/table_types.h"
@@ -13,6 +13,11 @@ namespace {
 
 // A block, header included, has a length of 32 bits.
 constexpr unsigned MAX_VALUE_LEN = 0xFFFFFFFF - VALUE_HEADER_BYTES;
+
+template <class Table>
+void* NewTable(int id, unsigned size, unsigned valueLen) {
+  return HeapNew<Table>(id, static_cast<unsigned long long>(size), valueLen);
+}
 
 }  // namespace
 
@@ -29,12 +34,13 @@ int KavoInitHashTable(unsigned int tableId, unsigned int size, unsigned int valu
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableId[%d] is existed.", id);
       return KAVO_EXISTS;
     }
-    if (tableType != TABLE_TYPE_BASIC) {
+    if (tableType != TABLE_TYPE_BASIC && tableType != TABLE_TYPE_FILTER) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableType err");
       return KAVO_INVALID;
     }
     // Built without a lock: making a large table holds nobody up.
-    ManagerEle ele(tableType, HeapNew<BasicTable>(id, static_cast<unsigned long long>(size), valueLen));
+    ManagerEle ele(tableType, tableType == TABLE_TYPE_BASIC ? NewTable<BasicTable>(id, size, valueLen)
+                                                            : NewTable<FilterTable>(id, size, valueLen));
     KAVO_TEST_POINT("KavoInitHashTable.built");
     if (!g_manager->Register(id, ele)) {
       // Another thread was faster. `ele` still owns the new table and destroys it.
@@ -57,6 +63,24 @@ int KavoUninitHashTable(unsigned int tableId) {
     // would keep the creation and destruction of all others waiting.
     ManagerEle taken = g_manager->Take(id);
     taken.DeleHandle();
+    return KAVO_SUCCESS;
+  }
+  KAVO_CATCH_ALL
+}
+
+int KavoSetFilterFreq(unsigned int tableId, unsigned int freq) {
+  try {
+    const int id = static_cast<int>(tableId);
+    const TableRef ref = g_manager->Resolve(id);
+    if (ref.type == TABLE_TYPE_EMPTY) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableId[%d] is not exit.", id);
+      return KAVO_INVALID;
+    }
+    if (ref.type != TABLE_TYPE_FILTER) {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "TableId[%d] is not for filter table.", id);
+      return KAVO_INVALID;
+    }
+    static_cast<const FilterTable*>(ref.table)->SetFilterFreq(freq);
     return KAVO_SUCCESS;
   }
   KAVO_CATCH_ALL

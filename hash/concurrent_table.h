@@ -5,6 +5,7 @@
 #include <new>
 
 #include "hash/hashtable.h"
+#include "hash/table_iterator.h"
 
 namespace Qen {
 
@@ -12,6 +13,7 @@ template <class Key, class Value, class KTraits, class VTraits>
 class ConcurrentTable {
  public:
   using Table = Hashtable<Key, Value, KTraits, VTraits>;
+  using iterator = TableIterator<Table, typename Table::Core, Key, Value>;
 
   // Entries expected of a table whose creator names none, and its cells.
   static constexpr unsigned long long DEFAULT_CAPACITY = 2'097'152;

@@ -1,21 +1,31 @@
-// The walk over the entries of one generation, in the order of its cells; at a cell that holds an overflow map, the map's
-// keys in increasing order come before the cell's own key.
+// The walk over the entries of one generation, in the order of its cells; at a cell that holds an overflow map, the
+// map's keys in increasing order come before the cell's own key.
 //
-// CONTRACT. Correct while no thread inserts into the table, from the first step to the last; whatever the host does
-// otherwise, nothing is read that was freed. One iterator is used by one thread at a time.
+// CONTRACT. Each entry is reported once while no thread inserts into the table, from the first step to the last. An
+// insert beside a walk breaks nothing: all that the walk reads stays until the table is destroyed, and a map is read
+// under its lock, shared. No key is missed then whose insert completed before the walk began, but one that is moved
+// meanwhile may be reported again. One iterator is used by one thread at a time. No step throws.
 //
-// WHICH ENTRIES ARE REPORTED. A moved entry has copies in several generations, and so has one whose move was given up half
-// way. The one that counts is where a search would end: its bucket here has not MOVED, and its bucket in every older
-// generation in use has. A cell's key is judged by its own home, which need not be that cell; a map's entry by the cell
-// that holds the map. Keys without a block (an insert that has not finished, or could not get one) are passed over.
+// WHICH ENTRIES ARE REPORTED. A moved entry has copies in several generations, and so has one whose move was given up
+// half way. The one that counts is where a search would end: its bucket here has not MOVED, and its bucket in every
+// older generation in use has. A cell's key is judged by its own home, which need not be that cell; a map's entry by
+// the cell that holds the map. Keys without a value record (an insert that has not finished, or could not get a block)
+// are passed over.
 #pragma once
 
 #include <cstdint>
+#include <shared_mutex>
+#include <system_error>
 
 #include "hash/hcore.h"
-#include "platform/prefetch.h"
+#include "platform/mutex.h"
 
 namespace Qen {
+
+struct NoHint {
+  template <class Core>
+  void operator()(const Core& /* core */, std::uint64_t /* index */) const noexcept {}
+};
 
 template <class Core, class Key, class Value>
 class GenerationIterator {
@@ -24,7 +34,8 @@ class GenerationIterator {
 
   // Stands at the first entry of `core`, or at its end. `oldest` is the oldest generation in use; `core` is that one or
   // follows it.
-  void Position(const Core* oldest, const Core* core) {
+  template <class Hint>
+  void Position(const Core* oldest, const Core* core, const Hint& hint) noexcept {
     m_oldest = oldest;
     m_core = core;
     m_mask = core->AddressableSize() - 1;
@@ -32,27 +43,25 @@ class GenerationIterator {
     m_inMap = false;
     m_key = static_cast<Key>(HCore::EMPTY_KEY);
     m_value = nullptr;
-    Next();
+    Next(hint);
   }
 
-  // At the end it changes nothing.
-  void Next() {
+  // At the end it changes nothing. `hint` is called with the generation and the index of each cell that the walk comes
+  // to, and may ask for memory that will be wanted some cells later (NoHint does not).
+  template <class Hint>
+  void Next(const Hint& hint) noexcept {
     if (m_inMap && StepInMap()) {
       return;
     }
     for (; m_index <= m_mask; ++m_index) {
+      hint(*m_core, m_index);
       auto& cell = m_core->CellAt(m_index);
       const Key key = cell.LoadKey();
       if (key == HCore::EMPTY_KEY) {
-        continue;
+        continue;  // such a cell has no map either: a map comes into being when all cells from here on are taken
       }
-      PrefetchForRead(m_core->CellAt(m_index + PREFETCH_CELLS).value.Get());
-      if (!m_inMap && cell.LoadMap() != nullptr) {
-        m_inMap = true;
-        m_mapEntry = cell.LoadMap()->entries.begin();
-        if (StandInMap()) {
-          return;
-        }
+      if (!m_inMap && cell.LoadMap() != nullptr && EnterMap()) {
+        return;
       }
       m_inMap = false;
       if (IsHere(key, m_core->HomeIndex(key)) && cell.value.Get() != nullptr) {
@@ -72,21 +81,42 @@ class GenerationIterator {
   Value* EntryRecord() const noexcept { return m_value; }
 
  private:
-  using MapEntry = typename decltype(Core::Map::entries)::iterator;
+  using Map = typename Core::Map;
+  using MapEntry = typename decltype(Map::entries)::iterator;
 
   static constexpr std::uint64_t END_BEHIND_MASK = 2;
-  // Far enough for a block to arrive from memory, near enough to be there still.
-  static constexpr std::uint64_t PREFETCH_CELLS = 24;
 
-  bool StepInMap() {
-    ++m_mapEntry;
-    return StandInMap();
+  // The map of the cell at m_index. Its entries stay where they are while others enter, so m_mapEntry outlives the
+  // lock.
+  Map& CurrentMap() const noexcept { return *m_core->CellAt(m_index).LoadMap(); }
+
+  // Where the lock reports an error it is done without: while nobody inserts, as the contract asks, nobody changes a
+  // map.
+  static std::shared_lock<SharedMutex> Lock(Map& map) noexcept {
+    try {
+      return std::shared_lock(map.mutex);
+    } catch (const std::system_error&) {
+      return {};
+    }
   }
 
-  // The first entry from m_mapEntry on that counts. The map's cell is the one at m_index.
-  bool StandInMap() {
-    auto& entries = m_core->CellAt(m_index).LoadMap()->entries;
-    for (; m_mapEntry != entries.end(); ++m_mapEntry) {
+  bool EnterMap() noexcept {
+    Map& map = CurrentMap();
+    const auto lock = Lock(map);
+    m_inMap = true;
+    m_mapEntry = map.entries.begin();
+    return StandInMap(map);
+  }
+  bool StepInMap() noexcept {
+    Map& map = CurrentMap();
+    const auto lock = Lock(map);
+    ++m_mapEntry;
+    return StandInMap(map);
+  }
+
+  // Stands at the first entry from m_mapEntry on that counts. False, at the map's end, when there is none.
+  bool StandInMap(Map& map) noexcept {
+    for (; m_mapEntry != map.entries.end(); ++m_mapEntry) {
       if (IsHere(m_mapEntry->first, m_index) && m_mapEntry->second.Get() != nullptr) {
         m_key = m_mapEntry->first;
         m_value = &m_mapEntry->second;

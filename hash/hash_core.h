@@ -33,6 +33,7 @@
 #include <exception>
 #include <new>
 
+#include "hash/generation_iterator.h"
 #include "hash/hash_cell.h"
 #include "hash/hcore.h"
 #include "hash/value_record.h"
@@ -49,6 +50,7 @@ class HashCore {
  public:
   using Cell = HashCell<Key, Value>;
   using Map = typename Cell::Map;
+  using iterator = GenerationIterator<HashCore, Key, Value>;
 
   // What one attempt to find or claim a key came to.
   enum class Outcome {

@@ -10,29 +10,32 @@ template <class Table, class Core, class Key, class Value>
 class TableIterator {
  public:
   // Stands at the table's first entry, or at its end.
-  explicit TableIterator(const Table& table) : m_oldest(table.CurrentGeneration()), m_core(m_oldest) {
-    m_it.Position(m_oldest, m_core);
-    PassEmptyGenerations();
+  explicit TableIterator(const Table& table) noexcept : m_oldest(table.CurrentGeneration()), m_core(m_oldest) {
+    m_it.Position(m_oldest, m_core, NoHint());
+    PassEmptyGenerations(NoHint());
   }
 
   bool AtEnd() const noexcept { return m_it.AtEnd(); }
   Key EntryKey() const noexcept { return m_it.EntryKey(); }
   Value* EntryRecord() const noexcept { return m_it.EntryRecord(); }
 
-  void Next() {
-    m_it.Next();
-    PassEmptyGenerations();
+  // At the end it changes nothing.
+  template <class Hint = NoHint>
+  void Next(const Hint& hint = Hint()) noexcept {
+    m_it.Next(hint);
+    PassEmptyGenerations(hint);
   }
 
  private:
-  void PassEmptyGenerations() {
+  template <class Hint>
+  void PassEmptyGenerations(const Hint& hint) noexcept {
     while (m_it.AtEnd()) {
       const Core* next = m_core->Next();
       if (next == nullptr) {
         return;
       }
       m_core = next;
-      m_it.Position(m_oldest, m_core);
+      m_it.Position(m_oldest, m_core, hint);
     }
   }
 

@@ -35,17 +35,18 @@
  *  - Value bytes are plain memory. The library orders no writer of a key's value against other readers or writers of
  *    the same value; callers that share a key's value between threads coordinate among themselves (for example with
  *    relaxed atomic accesses to its words). KavoInsert, KavoInsertOrUpdate and KavoUpdate write value bytes. A key
- *    that is new becomes visible to other threads before KavoInsert or KavoInsertOrUpdate has copied its bytes: until
- *    then its value reads as zeros, or as partly copied.
+ *    that KavoInsert or KavoInsertOrUpdate creates becomes visible to other threads together with its whole value.
  *
  *  What concurrent calls may count on, growth included:
  *
- *  - However many threads offer one new key at once, exactly one creates it, and all get the same address.
+ *  - However many threads offer one new key at once, exactly one creates it, and all get the same address. In a filter
+ *    table every occurrence is counted, exactly one call admits the key, and all calls that get its value get the same
+ *    address.
  *  - A lookup or update that starts after an insert of the key has returned finds the key.
  *  - A lookup that runs beside the first insert of its key finds it or answers KAVO_INVALID.
  *  - Lookups take no lock and wait for nobody, except for a reader-writer lock of the key's bucket in the rare bucket
- *    whose keys outgrew its cells. Inserts wait only for another thread's insert of the same key, for a bucket that
- *    is being moved to a larger table, or, when the table is full, for its growth, in which they help.
+ *    whose keys outgrew its cells. Inserts wait only for another thread's insert or admission of the same key, for a
+ *    bucket that is being moved to a larger table, or, when the table is full, for its growth, in which they help.
  *
  *  The library starts no threads; growth is done by the inserting threads. It may be loaded with dlopen; after dlclose
  *  it stays in the process until every thread has ended that inserted into a table whose id is 1024 or above. A thread
@@ -55,6 +56,9 @@
 #define KAVO_H
 
 #include <stdarg.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -64,17 +68,19 @@ extern "C" {
 /* STATUS CODES */
 
 #define KAVO_SUCCESS 0       /* Done. */
-#define KAVO_FAILED (-1)     /* An internal step could not be completed: a wait passed its limit, or a lock failed. */
+#define KAVO_FAILED (-1)     /* An internal step could not be completed: a wait passed its limit, or a lock failed. Or
+                                no partition map is installed for a query, or another one than is offered. */
 #define KAVO_EXISTS (-2)     /* What was to be created exists already. */
 #define KAVO_NO_MEMORY (-3)  /* Memory could not be obtained, or bytes could not be copied. */
 #define KAVO_INVALID (-4)    /* A bad argument, a table id that is not in use, a key that is absent (or, for KavoInsert,
                                 present), or a table of the wrong kind for the call. */
-#define KAVO_UNSUPPORTED (-6) /* The table is of a kind that the call does not handle. */
+#define KAVO_UNSUPPORTED (-6) /* The table is of a kind that the call does not handle, or there is no partition map to
+                                 remove. */
 
 /* TABLES */
 
 #define KAVO_TABLE_TYPE_BASIC 0  /* Every inserted key gets a value at once. */
-#define KAVO_TABLE_TYPE_FILTER 1 /* A key gets a value once it was offered often enough. Not available yet. */
+#define KAVO_TABLE_TYPE_FILTER 1 /* A key gets a value once it was offered often enough; see FILTER TABLES. */
 
 /*
  * Creates a table under an id that is not in use.
@@ -84,7 +90,7 @@ extern "C" {
  *              8. Cells for about twice as many entries and value memory for `size` entries are reserved at once, but
  *              cost no memory until they are used: a table for 10,000,000 entries is made in milliseconds.
  *   valueLen   value bytes of each entry, 1 to 4,294,967,291.
- *   tableType  KAVO_TABLE_TYPE_BASIC.
+ *   tableType  KAVO_TABLE_TYPE_BASIC or KAVO_TABLE_TYPE_FILTER.
  *
  * Returns KAVO_SUCCESS;
  *   KAVO_EXISTS     the id is in use, or was taken by another thread meanwhile; that table is untouched;
@@ -119,8 +125,8 @@ int KavoUninitHashTable(unsigned int tableId);
 /*
  * Finds a key.
  *
- *   valuePtr  out: the address of the value bytes.
- *   valueLen  out: the table's value length.
+ *   valuePtr  out: the address of the value bytes; null for a key that a filter table only counts.
+ *   valueLen  out: the table's value length; keeps what it held when the address is null.
  *
  * Returns KAVO_SUCCESS;
  *   KAVO_INVALID      a pointer is null, the key is negative, the table id is not in use, or the key is absent (or is
@@ -145,7 +151,7 @@ int KavoLookupForUpdate(unsigned int tableId, long key, unsigned char** valuePtr
  *
  * Returns KAVO_SUCCESS;
  *   KAVO_INVALID      `valuePtr` is null, the key is negative, the table id is not in use, the length is not the
- *                     table's, or the key is absent;
+ *                     table's, or the key is absent or, in a filter table, only counted;
  *   KAVO_NO_MEMORY    the bytes could not be copied (the ranges overlap; the value is zeroed then);
  *   KAVO_UNSUPPORTED  the table is of an unknown kind;
  *   KAVO_FAILED       a lock reported an error.
@@ -155,15 +161,15 @@ int KavoUpdate(unsigned int tableId, long key, unsigned char* valuePtr, unsigned
 /*
  * Inserts a key that is absent. A key that is present keeps its value.
  *
- *   valuePtr     in: the value bytes, copied into the table.
- *   valueLen     must be the table's value length.
- *   filterCount  not used by basic tables.
+ *   valuePtr     in: the value bytes, copied into the table. Null for a filter table's key that is only to be counted.
+ *   valueLen     must be the table's value length; not looked at where `valuePtr` may be null and is.
+ *   filterCount  filter tables: the count that a new key starts with. Not used by basic tables.
  *   state        the entry's export state, written as the caller names it: 2 stores state 0, 0 stores state 2, any
  *                other number is stored as it is.
  *
  * Returns KAVO_SUCCESS;
- *   KAVO_INVALID    the key is negative, the table id is not in use, `valuePtr` is null, the length is not the table's,
- *                   or the key is present already;
+ *   KAVO_INVALID    the key is negative, the table id is not in use, `valuePtr` is null (basic tables), the length is
+ *                   not the table's, or the key is present already, be it only counted;
  *   KAVO_NO_MEMORY  no memory for the entry or for the growth that it needed (the key is absent then, and may be
  *                   offered again at once), or the bytes could not be copied (the key is present with zero bytes);
  *   KAVO_FAILED     a wait for another thread passed its limit, no memory for a bucket's overflow map, or a lock
@@ -174,7 +180,8 @@ int KavoInsert(unsigned int tableId, long key, unsigned char* valuePtr, unsigned
                unsigned int state);
 
 /*
- * Inserts a key, or overwrites its value if it is present; sets its export state to 0.
+ * Inserts a key, or overwrites its value if it is present; sets its export state to 0. Nothing is written to a key that
+ * a filter table only counts, nor with a null `valuePtr`.
  *
  * Arguments as for KavoInsert; bytes that overlap the value they are to replace cannot be copied, as in KavoUpdate.
  * Returns KAVO_SUCCESS; KAVO_INVALID, KAVO_NO_MEMORY, KAVO_FAILED and KAVO_UNSUPPORTED as KavoInsert, but that a key
@@ -187,20 +194,316 @@ int KavoInsertOrUpdate(unsigned int tableId, long key, unsigned char* valuePtr, 
  * Finds a key, or inserts it with a value of zero bytes: the call for training, where the caller then works on the
  * value in place. Neither value bytes nor export state are written.
  *
- *   valuePtr     out: the address of the value bytes.
- *   valueLen     out: the table's value length.
- *   isFind       out: 1 when the key was present, 0 when this call created it (its value bytes are zero).
- *   filterCount  not used by basic tables.
+ *   valuePtr     out: the address of the value bytes; null for a key that a filter table only counts.
+ *   valueLen     out: the table's value length; keeps what it held when the address is null.
+ *   isFind       out: 0 when this call created the key with a value of zero bytes. 1 otherwise: the key was present, or
+ *                its value was written beforehand (see VALUES BEFORE KEYS), or it is new and only counted.
+ *   filterCount  filter tables: the occurrences that this call counts; 0 counts none and admits a new key at once. Not
+ *                used by basic tables.
  *
- * Exactly one of the threads that offer one new key at once gets `isFind` 0.
+ * Exactly one of the threads that offer one new key at once gets `isFind` 0; in a filter table at most one.
+ *
+ * CARE with `isFind` in filter tables: 1 does not mean that there is a value, nor that anybody has written it.
+ *   - A key that this call created and only counted answers 1, with a null address.
+ *   - A key that was counted before and is admitted by this call answers 1 as well, and its value bytes are zero.
+ *     Nothing tells this call from later ones: a caller whose values do not start as zeros needs a mark of its own in
+ *     them.
  *
  * Returns KAVO_SUCCESS;
  *   KAVO_INVALID    a pointer is null, the key is negative, or the table id is not in use;
- *   KAVO_NO_MEMORY  no memory for the entry or for the growth that it needed; the key is absent then;
+ *   KAVO_NO_MEMORY  no memory for the entry or for the growth that it needed; the key is absent then. Or no memory for
+ *                   the value of a counted key that was to be admitted: the occurrences are counted, and the next call
+ *                   that counts tries again;
  *   KAVO_FAILED, KAVO_UNSUPPORTED  as for KavoInsert.
  */
 int KavoLookupOrInsert(unsigned int tableId, long key, unsigned char** valuePtr, unsigned int* valueLen,
                        unsigned int* isFind, unsigned int filterCount);
+
+/* FILTER TABLES
+ *
+ * A filter table gives a key a value only once the key was offered often enough. Until then it costs a small record
+ * that counts its occurrences, and no value memory. A key is
+ *
+ *   absent    or
+ *   counted   it has a count and no value: its address is null; or
+ *   admitted  it has a value, and is treated as a basic table's key from then on, for the life of the table.
+ *
+ * How the functions on keys treat them, where that is not as in a basic table:
+ *
+ *                        absent                                counted
+ *   KavoLookup           KAVO_INVALID                          KAVO_SUCCESS, null address
+ *   KavoLookupForUpdate  KAVO_INVALID                          KAVO_SUCCESS, null address
+ *   KavoUpdate           KAVO_INVALID                          KAVO_INVALID
+ *   KavoInsert           with a value: admitted at once;       KAVO_INVALID
+ *                        without: counted, whatever the count
+ *   KavoInsertOrUpdate   as KavoInsert                         KAVO_SUCCESS; nothing is written or counted
+ *   KavoLookupOrInsert,  admitted at once, with count 0        KAVO_SUCCESS, null address; nothing is counted
+ *     filterCount 0
+ *   KavoLookupOrInsert,  counted; admitted at once if n        n is added to the count; admitted, with zero bytes,
+ *     filterCount n      occurrences are enough                once the count is enough
+ *
+ * A count is enough when it has reached the table's frequency, 100 unless set otherwise: at one occurrence a call, the
+ * hundredth call admits. Counts end at 4,294,967,295 and never wrap. See KavoLookupOrInsert for what its `isFind` does
+ * not say.
+ */
+
+/*
+ * Sets the frequency of a filter table: the count at which a key is admitted. 0 and 1 both admit a key at its first
+ * occurrence. A counted key is judged anew by the next call that counts an occurrence of it: lowering the frequency
+ * admits no key by itself, and raising it takes no value away.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID  the table id is not in use, or the table is not a filter table;
+ *   KAVO_FAILED   a lock reported an error.
+ *
+ * Threads: safe beside every other call; calls that run at the same time go by the old frequency or the new one.
+ */
+int KavoSetFilterFreq(unsigned int tableId, unsigned int freq);
+
+/* VALUES BEFORE KEYS
+ *
+ * A table can be loaded without copying any value: the caller writes the values into the table's own value memory, and
+ * then inserts the keys, which adopt them. For each table, in this order:
+ *
+ *   1. KavoInitHashTable, with `size` at least the number of values.
+ *   2. KavoPrepareMemForValues, once, before any key is inserted.
+ *   3. KavoGetMemForValue for the indexes 0, 1, 2 and so on, and write a value at each address.
+ *   4. KavoLookupOrInsert for each key, with `filterCount` 0 in a filter table. A key that adopts a value answers
+ *      `isFind` 1, as if it had been there.
+ *
+ * When one thread does step 4, the first to insert into this table, its i-th new key gets the value of index i. Of
+ * several threads each starts at an index of its own, and no one can say which key gets which value.
+ *
+ * Rules
+ *  - An index is handed to inserting threads from the moment that it is fetched. Finish writing all values, and let the
+ *    inserting threads start after that.
+ *  - A thread goes through the indexes once, around the end, and does not come back to one that it found not fetched
+ *    yet, or taken. So fetch without gaps and before the first insert.
+ *  - Only keys that KavoLookupOrInsert creates or admits adopt values. KavoInsert and KavoInsertOrUpdate copy theirs
+ *    into other memory. A key for which no fetched value is left gets zero bytes, and `isFind` 0 if it is new.
+ *  - A table may be converted after keys were inserted. They keep their values; the indexes whose memory they have (0,
+ *    1, 2 and so on when one thread called KavoInsert or KavoInsertOrUpdate) are refused, and the next index is the
+ *    first that a key adopts.
+ */
+
+/*
+ * Converts a table's value memory, once and for ever.
+ *
+ *   count  out: the number of indexes: the `size` that the table was created with, or what it stood for. Also written
+ *          when the table was converted before.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      `count` is null, the table id is not in use, or the table was converted before;
+ *   KAVO_NO_MEMORY    the table has no value memory to convert;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind;
+ *   KAVO_FAILED       a lock reported an error.
+ *
+ * Threads: no other call on this id may be in progress.
+ */
+int KavoPrepareMemForValues(unsigned int tableId, unsigned long long* count);
+
+/*
+ * Gives the memory of one value, zero-filled, and hands it to the keys that are inserted from now on.
+ *
+ *   index     0 to the count that KavoPrepareMemForValues gave, less one.
+ *   valuePtr  out: the address for the value bytes, which becomes the address of the key that adopts them.
+ *   valueLen  out: the table's value length.
+ *
+ * An index whose value no key has adopted yet gives the same memory again, as the caller left it.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      a pointer is null, the table id is not in use, the index is out of range, or its value belongs to
+ *                     a key already;
+ *   KAVO_NO_MEMORY    the table was not converted;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind;
+ *   KAVO_FAILED       a lock reported an error.
+ *
+ * Threads: several may fetch at once, an index on one thread at a time.
+ */
+int KavoGetMemForValue(unsigned int tableId, unsigned long long index, unsigned char** valuePtr,
+                       unsigned int* valueLen);
+
+/* PARTITION MAP
+ *
+ * Which parameter server owns a key. A process installs one map, a list of n server ids (psIds) of its own choice, and
+ * asks it for single keys or batches. Key k belongs to entry k mod n of the list. The map knows nothing of the tables.
+ *
+ * Keys are unsigned here, and any 64-bit value is one. They are not mixed: keys that agree modulo n all go to one
+ * server, and what one server gets agrees modulo n, which for an even n crowds its table into a part of the buckets.
+ * Hash keys that are not already well spread, with a one-to-one function, and use the hash as the key everywhere.
+ *
+ * Threads: every function is safe beside every other call. A query, a whole batch included, is answered by one map and
+ * never sees one half installed or half removed. InitPartitionMap and UninitPartitionMap wait for the queries that have
+ * begun, and later queries wait for them, so constant queries do not hold them up.
+ */
+
+/*
+ * Installs the map.
+ *
+ *   partitionNum  a number by which the caller tells maps apart; not 0. It takes no part in the mapping.
+ *   psNum         entries of the list, at least 1.
+ *   psId          in: the `psNum` ids, in order; copied, so the array need not outlive the call. An id that stands in
+ *                 the list several times gets as many shares of the keys.
+ *
+ * A map that is installed never changes; another one can be installed once UninitPartitionMap has removed it.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID    `partitionNum` or `psNum` is 0, or `psId` is null;
+ *   KAVO_EXISTS     exactly this map is installed already: same number, same ids, same order (a warning line);
+ *   KAVO_FAILED     another map is installed, or a lock reported an error;
+ *   KAVO_NO_MEMORY  no memory for the list.
+ * On failure the installed map, if there is one, is untouched.
+ */
+int InitPartitionMap(unsigned int partitionNum, unsigned int psNum, const unsigned int* psId);
+
+/*
+ * Removes the map. Queries that begin after that fail, until the next InitPartitionMap.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_UNSUPPORTED  no map is installed (a warning line);
+ *   KAVO_FAILED       a lock reported an error.
+ */
+int UninitPartitionMap(void);
+
+/*
+ * Finds the server of one key. Takes the map's lock shared once and allocates nothing.
+ *
+ *   psId  out: the id of the key's server.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID  `psId` is null;
+ *   KAVO_FAILED   no map is installed, or a lock reported an error.
+ */
+int QueryPartitionMapPsId(unsigned long long key, unsigned int* psId);
+
+/*
+ * Finds the servers of many keys: as QueryPartitionMapPsId for each, but the lock is taken once and all answers come
+ * from one map.
+ *
+ *   keys   in: `num` keys.
+ *   psIds  in: the address of a pointer to the caller's array for `num` ids; the pointer is not changed. Out: entry i of
+ *          the array is the id of the server of `keys`[i].
+ *   num    at least 1.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID  `keys`, `psIds` or the pointer that it points to is null, or `num` is 0;
+ *   KAVO_FAILED   no map is installed, or a lock reported an error.
+ */
+int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned int num);
+
+/* EXPORT
+ *
+ * A table's entries are handed out in batches, each into an array of the caller's. Values are not copied: an element
+ * points to the value bytes inside the table. Where an iteration stands is kept in a cursor, of which the caller holds
+ * the address:
+ *
+ *   KavoHtBatchElement elements[1024];
+ *   KavoHtBatchInfo batch = {elements, 1024, KAVO_EXPORT_ALL, 0};
+ *   void* iter = NULL;
+ *   long last = -1;
+ *   do {
+ *     unsigned int num = 0;
+ *     if (KavoBatchGetNext(tableId, &batch, &num, &iter) != KAVO_SUCCESS) {
+ *       break;
+ *     }
+ *     for (unsigned int i = num > 0 && elements[0].key == last; i < num; ++i) {
+ *       Save(elements[i].key, elements[i].value, valueLen);
+ *     }
+ *     if (num > 0) {
+ *       last = elements[num - 1].key;
+ *     }
+ *   } while (iter != NULL);
+ *
+ *  - An iteration begins with a null `iter`. A call that leaves it non-null has filled all of the elements, and there
+ *    may be more; pass it back unchanged. A call that leaves it null has reached the end; its elements are the last.
+ *    The array, its capacity and the mode may differ from call to call.
+ *  - The last entry of a full batch is looked at again by the next call, and reported a second time, as its first
+ *    element, if it still meets the mode. The example leaves the repeated element out. A marking export must not: an
+ *    entry that it reports again was changed meanwhile, or has no value. With `eleNum` 1 there is no repetition.
+ *  - Apart from that each entry is reported once, in no particular order, and every key whose insert has completed is,
+ *    if it meets the mode.
+ *  - No insert of a new key may run on the table from an iteration's first call to its last. One that does no less is
+ *    safe, but its key may be reported or not, and others twice. Lookups and updates may run.
+ *  - A cursor belongs to the table. It is freed when its iteration ends, and otherwise with the table: an iteration
+ *    may be given up at any time without a call, and leaves some hundred bytes until then. An address that is not a
+ *    cursor of the table, or not any more, is refused.
+ *  - One cursor is used by one thread at a time. Cursors do not affect each other, except that marking exports compete
+ *    for the entries that they mark.
+ *
+ * Which entries an export takes depends on its mode and on the entry's export state (see KEYS AND VALUES). In a filter
+ * table every mode takes all keys that have no value yet; for keys with a value, and in basic tables:
+ *
+ *   mode                           takes export state
+ *   0  KAVO_EXPORT_ALL             any
+ *   1  KAVO_EXPORT_MARKED          1
+ *   2  KAVO_EXPORT_UNMARKED_MARK   0, and sets it to 1
+ *   3  KAVO_EXPORT_UNMARKED        0
+ *   any other number m             none in basic tables; m in filter tables
+ *
+ * So after a full export that marked (2), a further one finds what was changed since: KavoUpdate, KavoInsertOrUpdate
+ * and KavoLookupForUpdate set the state back to 0. An entry is marked when it is put into the batch, so a caller that
+ * fails to save a batch marked by 2 finds its entries with 1. Marking and the writing of values are not ordered: a
+ * value whose writer is at work when the entry is marked counts as exported, so let writers finish first, or repeat
+ * KavoLookupForUpdate after writing.
+ */
+
+#define KAVO_EXPORT_ALL 0
+#define KAVO_EXPORT_MARKED 1
+#define KAVO_EXPORT_UNMARKED_MARK 2
+#define KAVO_EXPORT_UNMARKED 3
+
+/* One exported entry. Padding is neither read nor written. */
+typedef struct KavoHtBatchElement {
+  long key;
+  unsigned char* value; /* The value bytes, valid until the table is destroyed; null while a filter table's key has
+                           none. */
+  unsigned int count;   /* Filter tables: the key's occurrences. Not written for basic tables. */
+} KavoHtBatchElement;
+
+typedef struct KavoHtBatchInfo {
+  KavoHtBatchElement* elements; /* In: where the batch goes. Not null. */
+  unsigned int eleNum;          /* In: how many elements there are, and so the most entries that one call gives. */
+  unsigned int exportMode;      /* In: KAVO_EXPORT_... */
+  unsigned int tableType;       /* Out: KAVO_TABLE_TYPE_..., of the table. */
+} KavoHtBatchInfo;
+
+/*
+ * Gives the number of a table's entries and its value length. The entries are counted by a walk over the table, which
+ * takes as long as an export.
+ *
+ *   size          out: the number of entries.
+ *   valueLen      out: the table's value length.
+ *   admittedOnly  filter tables: count only keys that have a value. Not used by basic tables.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      a pointer is null, or the table id is not in use;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind;
+ *   KAVO_FAILED       a lock reported an error.
+ *
+ * Threads: no insert of a new key may run meanwhile, or the number is approximate.
+ */
+int KavoGetHtSizeAndVl(unsigned int tableId, unsigned long long* size, unsigned int* valueLen, bool admittedOnly);
+
+/*
+ * Gives the next batch of an iteration, as said above.
+ *
+ *   batchInfo  in and out: the batch.
+ *   realNum    out: how many elements were filled.
+ *   iter       in and out: the cursor; null on input begins an iteration, null on output ends it.
+ *
+ * With `eleNum` 0 the call sets `*realNum` to 0, touches neither the table nor the cursor, and succeeds, whatever
+ * `tableId` and `iter` are.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      `batchInfo`, its `elements`, `realNum` or `iter` is null, the table id is not in use, or `*iter` is
+ *                     not a cursor of this table;
+ *   KAVO_NO_MEMORY    no memory for a cursor; `*iter` stays null;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind;
+ *   KAVO_FAILED       a lock reported an error; the elements that `*realNum` counts are valid, and the iteration can go
+ *                     on with `*iter`.
+ * On failure `tableType` and `*realNum` may have been written; nothing else has changed.
+ */
+int KavoBatchGetNext(unsigned int tableId, KavoHtBatchInfo* batchInfo, unsigned int* realNum, void** iter);
 
 /* LOGGING
  *

@@ -12,6 +12,8 @@
 #include "hash/traits.h"
 #include "hash/value_record.h"
 #include "table/es_concurrent_table.h"
+#include "table/export_hints.h"
+#include "table/export_selection.h"
 
 namespace Qen {
 
@@ -21,6 +23,7 @@ class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Valu
 
  public:
   using Base::Base;
+  using typename Base::Cursor;
   using typename Base::OperationInfo;
 
   unsigned char* GetValue(Value* value) const override { return value->Get(); }
@@ -30,19 +33,48 @@ class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Valu
   int UpdateValue(Value* value, const unsigned char* src, unsigned len) const override {
     return Base::UpdateValue(value->Get(), src, len);
   }
+
+  void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool /* admittedOnly */) const override {
+    valueLen = this->ValueLen();
+    size = Base::CountEntries(*this, false, NoHint());
+  }
+
+  // An entry without a block is in no export; a walk does not report one.
+  bool IsMeetRequirements(unsigned mode, Value* value) const override {
+    unsigned char* const block = GetValue(value);
+    return block != nullptr && IsDue(mode, block);
+  }
+
+  // The element's count stays what the caller had there.
+  void SetBatchInfo(KavoHtBatchInfo& info, const Cursor& it, unsigned index) const override {
+    KavoHtBatchElement& element = info.elements[index];
+    element.key = it.EntryKey();
+    element.value = ValueBytes(GetValue(it.EntryRecord()));
+  }
+
+  void SetTableType(KavoHtBatchInfo& info) const override { info.tableType = KAVO_TABLE_TYPE_BASIC; }
+
+  int GetBatchNext(KavoHtBatchInfo& info, unsigned& realNum, void*& iter) const {
+    // A full export reads no header, and so no block.
+    return Base::GetBatchNext(*this, info, realNum, iter, BlockHint{info.exportMode != KAVO_EXPORT_ALL});
+  }
 };
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
 std::pair<Value*, int> BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(
     OperationInfo& info) const {
-  // Runs once, on the record of a key that this call created. The block becomes visible to others, zero-filled, with
-  // Attach.
+  // Runs once, on the record of a key that this call created. The block becomes visible to others with Attach, as it
+  // is by then.
   auto onInsert = [this, &info](Value& value) {
     const int ret = this->GetMemAndRawPtr(info.memKind, info.rawPtr);
-    if (ret == KAVO_SUCCESS) {
-      value.Attach(info.rawPtr);
+    if (ret != KAVO_SUCCESS) {
+      return ret;
     }
-    return ret;
+    if (info.newValue != nullptr) {
+      info.newValue->WriteTo(info.rawPtr, this->ValueLen());
+    }
+    value.Attach(info.rawPtr);
+    return static_cast<int>(KAVO_SUCCESS);
   };
   // Sees only records that have their block: the hash table waits for another thread's insert by itself.
   auto onFound = [&info](Value& value) {

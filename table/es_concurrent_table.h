@@ -7,7 +7,8 @@
 //    changes only what the members point to, and may run on any number of threads at once.
 //  - Value bytes are plain memory: who writes them beside another reader or writer of the same key is the caller's to
 //    settle. Headers are atomic (value_header.h).
-//  - Once built, the object never changes, and a block stays at its address until the table is destroyed.
+//  - Once built, the object never changes but for its export cursors, and a block stays at its address until the table
+//    is destroyed.
 //
 // The table keeps none of its creation parameters: capacity is the hash table's, table id and block size the pool's.
 #pragma once
@@ -22,6 +23,8 @@
 #include "platform/allocation.h"
 #include "platform/bounded_copy.h"
 #include "platform/log.h"
+#include "table/export_cursors.h"
+#include "table/new_value.h"
 #include "table/value_header.h"
 
 namespace Qen {
@@ -30,12 +33,14 @@ template <class TableId, class Key, class Value, class KTraits, class VTraits>
 class EsConcurrentTable {
  public:
   using Table = ConcurrentTable<Key, Value, KTraits, VTraits>;
+  using Cursor = typename Table::iterator;
 
   // The argument record of InsertOrFind.
   struct OperationInfo {
     Key key;
-    unsigned char* rawPtr;  // out: the entry's block, header first; set to null before the call
-    MemKind memKind;        // in: the stock wanted for a new entry; out: the stock that its block came from
+    unsigned char* rawPtr;         // out: the entry's block, header first; set to null before the call
+    MemKind memKind;               // in: the stock wanted for a new entry; out: the stock that its block came from
+    NewValue* newValue = nullptr;  // in: written into a new entry's block; null leaves the block as the pool gave it
   };
 
   // `size` is the number of entries expected, 0 for the default. `valueLen` must leave room for the header in 32 bits.
@@ -55,9 +60,26 @@ class EsConcurrentTable {
   // Overwrites an entry's value bytes and marks the entry changed.
   virtual int UpdateValue(Value* value, const unsigned char* src, unsigned len) const = 0;
 
+  // The number of entries, by a walk over the table, and the value length. With `admittedOnly` entries without a block
+  // are not counted.
+  virtual void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool admittedOnly) const = 0;
+
+  // Whether an export of this mode takes the entry. A marking export counts it as exported from here on.
+  virtual bool IsMeetRequirements(unsigned mode, Value* value) const = 0;
+
+  // Writes the entry at which `it` stands into element `index`.
+  virtual void SetBatchInfo(KavoHtBatchInfo& info, const Cursor& it, unsigned index) const = 0;
+
+  // Writes the kind of table into the record.
+  virtual void SetTableType(KavoHtBatchInfo& info) const = 0;
+
   // The key's record, which then has what its kind of table attaches; null when the key is absent or its insert has
   // not finished.
   Value* Find(const Key& key) const { return m_table->GetHashtable().Find(key); }
+
+  // The preallocation of values, as the pool's operations (memory_pool.h); see there when each may be called.
+  int PrepareMemForValues(unsigned long long& count) const { return m_pool->PrepareMemForValues(count); }
+  int GetMemForValue(unsigned long long index, unsigned char*& block) const;
 
   unsigned ValueLen() const noexcept { return m_pool->BlockSize() - VALUE_HEADER_BYTES; }
   unsigned long long Capacity() const { return m_table->Capacity(); }
@@ -71,11 +93,21 @@ class EsConcurrentTable {
   // The header is written first, so the entry counts as changed even when the copy fails.
   static int UpdateValue(unsigned char* block, const unsigned char* src, unsigned len);
 
+  // One batch of an export, of at least one element; `iter` null begins one, and is null again after its end. Here and
+  // below `self` is the table itself, under its own type, and `hint` is called with the cells that the walk comes to.
+  // KAVO_NO_MEMORY, KAVO_INVALID (`iter` is not a cursor of this table); throws what a lock throws.
+  template <class Self, class Hint>
+  static int GetBatchNext(const Self& self, KavoHtBatchInfo& info, unsigned& realNum, void*& iter, const Hint& hint);
+
+  template <class Self, class Hint>
+  static unsigned long long CountEntries(const Self& self, bool admittedOnly, const Hint& hint) noexcept;
+
  private:
-  // Fixed after construction. Destroyed from the last to the first: the blocks go before the records that point to
-  // them, and no record is followed by then.
+  // The first two are fixed after construction. Destroyed from the last to the first: the blocks go before the records
+  // that point to them, and no record is followed by then.
   HeapPtr<Table> m_table;
   HeapPtr<MemoryPool> m_pool;
+  mutable ExportCursors<Cursor> m_batchIters;
 };
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
@@ -111,6 +143,16 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetMemAndRawPtr(Me
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
+int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetMemForValue(unsigned long long index,
+                                                                             unsigned char*& block) const {
+  const int ret = m_pool->GetMemForValues(index, block);
+  if (ret != KAVO_SUCCESS) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "pool.GetMemForValues failed");
+  }
+  return ret;
+}
+
+template <class TableId, class Key, class Value, class KTraits, class VTraits>
 int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(unsigned char* block,
                                                                           const unsigned char* src, unsigned len) {
   ValueHeader::Store(block, ValueHeader::CHANGED);
@@ -123,3 +165,5 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(unsign
 }
 
 }  // namespace Qen
+
+#include "table/batch_export.h"

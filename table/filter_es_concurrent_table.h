@@ -3,8 +3,8 @@
 //
 // States of a key, with its filter record
 //
-//   absent      no record                              an insert that brings a value, or enough occurrences, goes
-//                                                      straight to admitted; any other to counted
+//   absent      no record                              an insert that brings a value, or enough occurrences, or that
+//                                                      counts nothing, goes straight to admitted; others to counted
 //   counted     admitted 0, value null                 left by the call whose count passes the threshold
 //   admitting   admitted 1, value null                 that call is taking the block; left by it: to admitted, or, when
 //                                                      there is no block, back to counted
@@ -12,8 +12,8 @@
 //
 // Promises
 //  - Each occurrence is counted once, whatever the table does meanwhile: a key has one record for the life of the
-//  table,
-//    to which all copies of its entry point, and a call counts once however often it has to look.
+//    table, to which all copies of its entry point, and a call counts once however often it has to look. A call that found
+//    the record has counted, even if it then fails; one that could not make the record has not.
 //  - A key is admitted by exactly one call, and its block is taken then and not before.
 //  - Whoever waits for the block of a key in admitting also watches for its return to counted, and then tries itself:
 //    a failed admission keeps nobody waiting.
@@ -36,6 +36,8 @@
 #include "platform/test_hooks.h"
 #include "platform/wait.h"
 #include "table/es_concurrent_table.h"
+#include "table/export_hints.h"
+#include "table/export_selection.h"
 
 namespace Qen {
 
@@ -44,15 +46,17 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
   using Base = EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>;
 
  public:
+  using typename Base::Cursor;
   using typename Base::OperationInfo;
   using Result = std::pair<Value*, int>;
 
   // The argument record of the filter operations.
   struct FilterOperationInfo {
     Key key;
-    unsigned char* rawPtr;      // in: not null when the caller brings a value; out: the entry's block, or null
-    MemKind memKind;            // as in OperationInfo
-    std::uint32_t filterCount;  // occurrences that this call adds
+    unsigned char* rawPtr;         // in: not null when the caller brings a value; out: the entry's block, or null
+    MemKind memKind;               // as in OperationInfo
+    std::uint32_t filterCount;     // occurrences that this call adds
+    NewValue* newValue = nullptr;  // as in OperationInfo
   };
 
   FilterEsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen)
@@ -66,6 +70,35 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
 
   // KAVO_INVALID, with a line, for a key that is not admitted.
   int UpdateValue(Value* value, const unsigned char* src, unsigned len) const override;
+
+  void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool admittedOnly) const override {
+    valueLen = this->ValueLen();
+    size =
+        admittedOnly ? Base::CountEntries(*this, true, RecordHint{false}) : Base::CountEntries(*this, false, NoHint());
+  }
+
+  // A key that is not admitted is in every export. Modes without a name take the entries that an insert gave that
+  // number as their state.
+  bool IsMeetRequirements(unsigned mode, Value* value) const override {
+    unsigned char* const block = GetValue(value);
+    return block == nullptr || (mode > LAST_EXPORT_MODE ? ValueHeader::Load(block) == mode : IsDue(mode, block));
+  }
+
+  void SetBatchInfo(KavoHtBatchInfo& info, const Cursor& it, unsigned index) const override {
+    KavoHtBatchElement& element = info.elements[index];
+    const FilterRecord& record = *it.EntryRecord()->Get();
+    // Acquire: the block's bytes, as in GetValue.
+    unsigned char* const block = record.value.load(std::memory_order_acquire);
+    element.key = it.EntryKey();
+    element.value = block == nullptr ? nullptr : ValueBytes(block);
+    element.count = record.count.load(std::memory_order_relaxed);  // a number of its own
+  }
+
+  void SetTableType(KavoHtBatchInfo& info) const override { info.tableType = KAVO_TABLE_TYPE_FILTER; }
+
+  int GetBatchNext(KavoHtBatchInfo& info, unsigned& realNum, void*& iter) const {
+    return Base::GetBatchNext(*this, info, realNum, iter, RecordHint{info.exportMode != KAVO_EXPORT_ALL});
+  }
 
   // Each answers the entry's record and 1 (new entry), 0 (it was there) or a negative status.
 
@@ -127,6 +160,9 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::MakeRecord(V
       return ret;
     }
     info.rawPtr = block;
+    if (info.newValue != nullptr) {
+      info.newValue->WriteTo(block, this->ValueLen());
+    }
     // Relaxed: Attach publishes the record with all that it holds.
     record->value.store(block, std::memory_order_relaxed);
     record->admitted.store(1, std::memory_order_relaxed);

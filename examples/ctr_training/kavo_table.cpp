@@ -35,11 +35,19 @@ std::string Describe(const char* call, unsigned table, int status) {
 
 }  // namespace
 
-KavoTable::KavoTable(unsigned id, unsigned size, unsigned floatsPerValue) : m_id(id) {
+KavoTable::KavoTable(unsigned id, unsigned size, unsigned floatsPerValue, unsigned admitAt) : m_id(id) {
   const auto valueLen = static_cast<unsigned>(floatsPerValue * sizeof(float));
-  const int status = KavoInitHashTable(id, size, valueLen, KAVO_TABLE_TYPE_BASIC);
+  const bool filters = admitAt > 1;
+  int status = KavoInitHashTable(id, size, valueLen, filters ? KAVO_TABLE_TYPE_FILTER : KAVO_TABLE_TYPE_BASIC);
   if (status != KAVO_SUCCESS) {
     throw KavoError(Describe("KavoInitHashTable", id, status));
+  }
+  if (filters) {
+    status = KavoSetFilterFreq(id, admitAt);
+    if (status != KAVO_SUCCESS) {
+      KavoUninitHashTable(id);
+      throw KavoError(Describe("KavoSetFilterFreq", id, status));
+    }
   }
 }
 
@@ -50,16 +58,26 @@ KavoTable::~KavoTable() {
   }
 }
 
-KavoTable::Entry KavoTable::LookupOrInsert(long key) const {
+KavoTable::Entry KavoTable::LookupOrInsert(long key, unsigned offers) const {
   unsigned char* value = nullptr;
   unsigned valueLen = 0;
   unsigned isFind = 0;
-  const int status = KavoLookupOrInsert(m_id, key, &value, &valueLen, &isFind, 0);
+  const int status = KavoLookupOrInsert(m_id, key, &value, &valueLen, &isFind, offers);
   if (status != KAVO_SUCCESS) {
     throw KavoError(fmt::format("{} for key {}", Describe("KavoLookupOrInsert", m_id, status), key));
   }
   // Values are aligned to 8 bytes, and all-zero bytes are floats of value 0.
   return {reinterpret_cast<float*>(value), isFind == 0};
+}
+
+std::uint64_t KavoTable::KeyCount(bool admittedOnly) const {
+  unsigned long long count = 0;
+  unsigned valueLen = 0;
+  const int status = KavoGetHtSizeAndVl(m_id, &count, &valueLen, admittedOnly);
+  if (status != KAVO_SUCCESS) {
+    throw KavoError(Describe("KavoGetHtSizeAndVl", m_id, status));
+  }
+  return count;
 }
 
 }  // namespace CtrTraining

@@ -2,6 +2,7 @@
 // throws KavoError, which names the call, the table and the code.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 
 namespace CtrTraining {
@@ -13,19 +14,24 @@ class KavoError : public std::runtime_error {
 
 class KavoTable {
  public:
-  // `size` is what the table is made for; it grows beyond by itself.
-  KavoTable(unsigned id, unsigned size, unsigned floatsPerValue);
+  // `size` is what the table is made for; it grows beyond by itself. A table that admits keys at their `admitAt`-th
+  // offer only counts them before, which costs a few bytes a key; 1 gives every key a value at once.
+  KavoTable(unsigned id, unsigned size, unsigned floatsPerValue, unsigned admitAt = 1);
   KavoTable(const KavoTable&) = delete;
   KavoTable& operator=(const KavoTable&) = delete;
   ~KavoTable();
 
   struct Entry {
-    float* value;  // stays the key's address as long as the table lives, growths included
-    bool created;  // true for exactly one of the threads that offer a new key; the value is all zeros then
+    float* value;  // null while the key is not admitted; then its address as long as the table lives, growths included
+    bool
+        created;  // true for exactly one of the threads that offer a new key, if that admits it; the value is all zeros
   };
 
-  // Safe from any number of threads.
-  Entry LookupOrInsert(long key) const;
+  // Counts `offers` of the key where the table counts. Safe from any number of threads.
+  Entry LookupOrInsert(long key, unsigned offers = 1) const;
+
+  // Keys that the table holds, or those of them that are admitted. While no thread inserts.
+  std::uint64_t KeyCount(bool admittedOnly) const;
 
  private:
   const unsigned m_id;

@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "ctr_training/click_generator.h"
 #include "ctr_training/click_log.h"
@@ -60,6 +61,10 @@ void Declare(CLI::App& app, Arguments& arguments) {
   app.add_option("--table-size", model.tableSize, "Entries that the tables are first made for")
       ->check(CLI::Range(1U, 1U << 30))
       ->capture_default_str();
+  app.add_option("--admit", model.admitAt,
+                 "Train again with vectors for features from this offer on only, and compare; 1: do not")
+      ->check(CLI::Range(1U, 1U << 30))
+      ->capture_default_str();
   app.add_option("--dim", model.dim, "Coordinates of a feature's vector")
       ->check(CLI::Range(1U, 256U))
       ->capture_default_str();
@@ -87,6 +92,36 @@ void WriteLog(ClickGenerator& generator, const std::string& file) {
   fmt::print("{} rows written to {}\n", generator.RowCount(), file);
 }
 
+struct Outcome {
+  TrainingResult result;
+  RunFacts facts;
+};
+
+// A model of its own, from empty tables to the end of the log.
+Outcome TrainOnce(RowSource& source, Arguments& arguments) {
+  TrainingOptions& training = arguments.training;
+  ProgressDisplay display;
+  training.report = [&display](const Progress& progress) { display.Show(progress); };
+
+  Outcome outcome;
+  RunFacts& facts = outcome.facts;
+  facts.threads = training.threads;
+  facts.tableSize = arguments.model.tableSize;
+  facts.dim = arguments.model.dim;
+  facts.admitAt = arguments.model.admitAt;
+  facts.firstEvaluated = training.firstEvaluated;
+  facts.rowCount = source.RowCount();
+  facts.truthKnown = source.KnowsTruth();
+  facts.residentBefore = ResidentBytes();
+
+  const LibraryLog libraryLog;
+  const Model model(arguments.model);
+  outcome.result = Train(source, model, training);
+  facts.growths = libraryLog.Growths();
+  facts.residentAfter = ResidentBytes();
+  return outcome;
+}
+
 void Run(Arguments& arguments) {
   std::unique_ptr<RowSource> source;
   if (arguments.log.empty()) {
@@ -100,26 +135,17 @@ void Run(Arguments& arguments) {
     source = std::make_unique<ClickLogFile>(arguments.log);
   }
 
-  TrainingOptions& training = arguments.training;
-  training.firstEvaluated = source->RowCount() / 2;
-  ProgressDisplay display;
-  training.report = [&display](const Progress& progress) { display.Show(progress); };
-
-  RunFacts facts;
-  facts.threads = training.threads;
-  facts.tableSize = arguments.model.tableSize;
-  facts.dim = arguments.model.dim;
-  facts.firstEvaluated = training.firstEvaluated;
-  facts.rowCount = source->RowCount();
-  facts.truthKnown = source->KnowsTruth();
-  facts.residentBefore = ResidentBytes();
-
-  const LibraryLog libraryLog;
-  const Model model(arguments.model);
-  const TrainingResult result = Train(*source, model, training);
-  facts.growths = libraryLog.Growths();
-  facts.residentAfter = ResidentBytes();
-  PrintReport(result, facts);
+  arguments.training.firstEvaluated = source->RowCount() / 2;
+  const unsigned admitAt = std::exchange(arguments.model.admitAt, 1);
+  const Outcome all = TrainOnce(*source, arguments);
+  PrintReport(all.result, all.facts);
+  if (admitAt > 1) {
+    fmt::print("\nthe same log, with vectors from a feature's offer {} on\n", admitAt);
+    arguments.model.admitAt = admitAt;
+    const Outcome filtered = TrainOnce(*source, arguments);
+    PrintReport(filtered.result, filtered.facts);
+    PrintComparison(all.result, all.facts, filtered.result, filtered.facts);
+  }
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     throw std::runtime_error("standard output: cannot be written");
   }

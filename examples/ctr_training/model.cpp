@@ -16,17 +16,22 @@ constexpr unsigned VECTORS_TABLE = 2;
 Model::Model(const ModelOptions& options)
     : m_options(options),
       m_weights(WEIGHTS_TABLE, options.tableSize, LinearParameter::FLOATS),
-      m_vectors(VECTORS_TABLE, options.tableSize, VectorParameter::Floats(options.dim)) {}
+      m_vectors(VECTORS_TABLE, options.tableSize, VectorParameter::Floats(options.dim), options.admitAt) {}
+
+std::uint64_t Model::FeatureCount(bool admittedOnly) const {
+  return m_vectors.KeyCount(admittedOnly);
+}
 
 Learner::Learner(const Model& model)
     : m_model(model), m_dim(model.Options().dim), m_coordinates(FIELDS * m_dim), m_sum(m_dim), m_gradient(m_dim) {
   m_weights.reserve(FIELDS);
   m_vectors.reserve(FIELDS);
+  m_vectorKeys.reserve(FIELDS);
 }
 
 double Learner::PredictThenLearn(const FeatureKeys& keys, bool clicked) {
   Find(keys);
-  const double logit = Predict(keys);
+  const double logit = Predict();
   const double probability = 1.0 / (1.0 + std::exp(-logit));
   Learn(static_cast<float>(probability - (clicked ? 1.0 : 0.0)));
   return logit;
@@ -35,27 +40,31 @@ double Learner::PredictThenLearn(const FeatureKeys& keys, bool clicked) {
 void Learner::Find(const FeatureKeys& keys) {
   m_weights.clear();
   m_vectors.clear();
+  m_vectorKeys.clear();
   m_intercept = LinearParameter(m_model.Weights().LookupOrInsert(INTERCEPT_KEY).value);
   for (const long key : keys) {
-    const KavoTable::Entry entry = m_model.Weights().LookupOrInsert(key);
-    m_newFeatures += entry.created ? 1 : 0;
-    m_weights.emplace_back(entry.value);
+    m_weights.emplace_back(m_model.Weights().LookupOrInsert(key).value);
   }
   for (const long key : keys) {
-    m_vectors.emplace_back(m_model.Vectors().LookupOrInsert(key).value, m_dim);
+    if (float* const value = m_model.Vectors().LookupOrInsert(key).value) {
+      m_vectors.emplace_back(value, m_dim);
+      m_vectorKeys.push_back(key);
+    }
   }
   m_lookups += 1 + 2 * keys.size();
 }
 
-double Learner::Predict(const FeatureKeys& keys) {
+double Learner::Predict() {
   const ModelOptions& options = m_model.Options();
   float logit = m_intercept.Weight(options.linear);
   std::fill(m_sum.begin(), m_sum.end(), 0.0F);
+  for (const LinearParameter& weight : m_weights) {
+    logit += weight.Weight(options.linear);
+  }
   float squares = 0.0F;
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    logit += m_weights[i].Weight(options.linear);
+  for (std::size_t i = 0; i < m_vectors.size(); ++i) {
     const std::span<float> vector(&m_coordinates[i * m_dim], m_dim);
-    m_vectors[i].Read(keys[i], options.vectors, vector);
+    m_vectors[i].Read(m_vectorKeys[i], options.vectors, vector);
     for (unsigned d = 0; d < m_dim; ++d) {
       m_sum[d] += vector[d];
       squares += vector[d] * vector[d];
@@ -72,8 +81,10 @@ double Learner::Predict(const FeatureKeys& keys) {
 void Learner::Learn(float error) {
   const ModelOptions& options = m_model.Options();
   m_intercept.Learn(error, options.linear);
-  for (std::size_t i = 0; i < m_weights.size(); ++i) {
-    m_weights[i].Learn(error, options.linear);
+  for (const LinearParameter& weight : m_weights) {
+    weight.Learn(error, options.linear);
+  }
+  for (std::size_t i = 0; i < m_vectors.size(); ++i) {
     const float* vector = &m_coordinates[i * m_dim];
     for (unsigned d = 0; d < m_dim; ++d) {
       m_gradient[d] = error * (m_sum[d] - vector[d]);

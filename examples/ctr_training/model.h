@@ -18,6 +18,7 @@ namespace CtrTraining {
 struct ModelOptions {
   unsigned dim = 4;
   unsigned tableSize = 8;  // of both tables at the start; small, to see them grow
+  unsigned admitAt = 1;    // a feature gets its vector at this offer; the model does with its weight before
   LinearParameter::Rates linear;
   VectorParameter::Rates vectors;
 };
@@ -29,6 +30,9 @@ class Model {
   const ModelOptions& Options() const { return m_options; }
   const KavoTable& Weights() const { return m_weights; }
   const KavoTable& Vectors() const { return m_vectors; }
+
+  // Features that turned up, or those of them that have a vector. While no thread trains.
+  std::uint64_t FeatureCount(bool admittedOnly) const;
 
  private:
   const ModelOptions m_options;
@@ -44,22 +48,22 @@ class Learner {
   double PredictThenLearn(const FeatureKeys& keys, bool clicked);
 
   std::uint64_t Lookups() const { return m_lookups; }
-  std::uint64_t NewFeatures() const { return m_newFeatures; }
 
  private:
   void Find(const FeatureKeys& keys);
-  double Predict(const FeatureKeys& keys);
+  double Predict();
   void Learn(float error);
 
   const Model& m_model;
   const unsigned m_dim;
   std::uint64_t m_lookups = 0;
-  std::uint64_t m_newFeatures = 0;
 
-  // Of the row in work. An address from the table stays good, so a row's keys are looked up once.
+  // Of the row in work, without the vectors that are not admitted. An address from the table stays good, so a row's
+  // keys are looked up once.
   LinearParameter m_intercept{nullptr};
   std::vector<LinearParameter> m_weights;
   std::vector<VectorParameter> m_vectors;
+  std::vector<long> m_vectorKeys;    // of the vectors
   std::vector<float> m_coordinates;  // all features' vectors, one after the other
   std::vector<float> m_sum;          // of those vectors
   std::vector<float> m_gradient;

@@ -54,6 +54,11 @@ std::string GapText(double share, std::uint64_t rowCount) {
   return text;
 }
 
+// Bytes that training made resident.
+std::uint64_t Grown(const RunFacts& facts) {
+  return facts.residentAfter > facts.residentBefore ? facts.residentAfter - facts.residentBefore : 0;
+}
+
 void PrintQuality(const TrainingResult& result, const RunFacts& facts) {
   const double constant = result.model.ConstantLogLoss();
   const double model = result.model.MeanLogLoss();
@@ -129,20 +134,39 @@ void PrintReport(const TrainingResult& result, const RunFacts& facts) {
   Line("rows learned", fmt::format("{} in {:.1f} s", Count(result.rows), result.seconds));
   Line("threads", std::to_string(facts.threads));
   Line("distinct features", Count(result.distinctFeatures));
+  if (facts.admitAt > 1) {
+    Line("of them admitted, with a vector",
+         fmt::format("{}, at offer {}", Count(result.admittedFeatures), facts.admitAt));
+  }
   Rule();
   PrintQuality(result, facts);
   Rule();
   Line("lookups", fmt::format("{}, {} a second", Count(result.lookups), CountRate(result.lookups, result.seconds)));
   Line("growths", fmt::format("{}, both tables together, from {} entries each", facts.growths, facts.tableSize));
   Line("resident memory", fmt::format("{:.1f} MiB", static_cast<double>(facts.residentAfter) / MIB));
-  const std::uint64_t grown =
-      facts.residentAfter > facts.residentBefore ? facts.residentAfter - facts.residentBefore : 0;
   if (result.distinctFeatures > 0) {
-    const double perFeature = static_cast<double>(grown) / static_cast<double>(result.distinctFeatures);
+    const double perFeature = static_cast<double>(Grown(facts)) / static_cast<double>(result.distinctFeatures);
     Line("memory per feature",
          fmt::format("{:.1f} bytes, of which {} are parameters", perFeature,
                      sizeof(float) * (LinearParameter::FLOATS + VectorParameter::Floats(facts.dim))));
   }
+  Rule();
+}
+
+void PrintComparison(const TrainingResult& all, const RunFacts& allFacts, const TrainingResult& filtered,
+                     const RunFacts& filteredFacts) {
+  const auto row = [](const char* name, const std::string& left, const std::string& right) {
+    fmt::print("{:<36}{:>16}{:>20}\n", name, left, right);
+  };
+  const auto mib = [](const RunFacts& facts) {
+    return fmt::format("{:.1f} MiB", static_cast<double>(Grown(facts)) / MIB);
+  };
+  const auto loss = [](const TrainingResult& result) { return fmt::format("{:.5f}", result.model.MeanLogLoss()); };
+  row("", "every feature", fmt::format("admitted at {}", filteredFacts.admitAt));
+  row("features with a vector", Count(all.admittedFeatures), Count(filtered.admittedFeatures));
+  row("memory made resident", mib(allFacts), mib(filteredFacts));
+  row("log loss of the trained model", loss(all), loss(filtered));
+  row("AUC", fmt::format("{:.5f}", all.model.Auc()), fmt::format("{:.5f}", filtered.model.Auc()));
   Rule();
 }
 

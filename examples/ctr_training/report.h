@@ -30,6 +30,7 @@ struct RunFacts {
   unsigned threads = 0;
   unsigned tableSize = 0;
   unsigned dim = 0;
+  unsigned admitAt = 1;
   std::uint64_t firstEvaluated = 0;
   std::uint64_t rowCount = 0;
   bool truthKnown = false;
@@ -42,5 +43,9 @@ struct RunFacts {
 std::uint64_t ResidentBytes();
 
 void PrintReport(const TrainingResult& result, const RunFacts& facts);
+
+// What it changes to admit features later: the run with every feature against the run with the filter.
+void PrintComparison(const TrainingResult& all, const RunFacts& allFacts, const TrainingResult& filtered,
+                     const RunFacts& filteredFacts);
 
 }  // namespace CtrTraining

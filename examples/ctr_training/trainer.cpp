@@ -113,7 +113,6 @@ class Epoch {
     m_result.model.Merge(tally.model);
     m_result.trueLoss += tally.trueLoss;
     m_result.lookups += learner.Lookups();
-    m_result.distinctFeatures += learner.NewFeatures();
   }
 
   // Blocks are handed out in order and a thread finishes the one it has, so the earliest bad line is always among the
@@ -149,6 +148,8 @@ TrainingResult Train(RowSource& source, const Model& model, const TrainingOption
     source.Rewind();
     Epoch(epoch, source, model, options, result).Run();
   }
+  result.distinctFeatures = model.FeatureCount(false);
+  result.admittedFeatures = model.FeatureCount(true);
   if (result.model.Rows() > 0) {
     result.trueLoss /= static_cast<double>(result.model.Rows());
   }

@@ -33,6 +33,7 @@ struct TrainingResult {
   std::vector<double> epochLoss;  // mean over all rows of each epoch; only the first is on rows never seen
   std::uint64_t rows = 0;         // of all epochs
   std::uint64_t distinctFeatures = 0;
+  std::uint64_t admittedFeatures = 0;  // those that have a vector
   std::uint64_t lookups = 0;
   double seconds = 0.0;
 };

@@ -22,26 +22,38 @@ struct Held {
   bool operator==(const Held&) const = default;
 };
 
-class FaultInjection : public testing::TestWithParam<unsigned> {
+struct Kind {
+  unsigned id;
+  unsigned type;
+};
+class FaultInjection : public testing::TestWithParam<Kind> {
  protected:
   // What the process keeps from an id's first table on is not counted: the buckets of the registry's map, and this
   // thread's position in the pool.
   void SetUp() override {
     unsigned char value[1] = {};
-    ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(GetParam(), 8, 1, KAVO_TABLE_TYPE_BASIC));
-    ASSERT_EQ(KAVO_SUCCESS, KavoInsert(GetParam(), 1, value, 1, 0, 0));
-    ASSERT_EQ(KAVO_SUCCESS, KavoUninitHashTable(GetParam()));
+    ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(id, 8, 1, type));
+    ASSERT_EQ(KAVO_SUCCESS, KavoInsert(id, 1, value, 1, 0, 0));
+    ASSERT_EQ(KAVO_SUCCESS, KavoUninitHashTable(id));
   }
+
+  const unsigned id = GetParam().id;
+  const unsigned type = GetParam().type;
 };
-INSTANTIATE_TEST_SUITE_P(Ids, FaultInjection, testing::Values(1U, 5000U));
+INSTANTIATE_TEST_SUITE_P(Tables, FaultInjection,
+                         testing::Values(Kind{1, KAVO_TABLE_TYPE_BASIC}, Kind{5000, KAVO_TABLE_TYPE_BASIC},
+                                         Kind{1, KAVO_TABLE_TYPE_FILTER}),
+                         [](const auto& param) {
+                           return (param.param.type == KAVO_TABLE_TYPE_BASIC ? "Basic" : "Filter") +
+                                  std::to_string(param.param.id);
+                         });
 
 TEST_P(FaultInjection, FailedCreationLeavesNothing) {
-  const unsigned id = GetParam();
   const std::string line = "new failed, exception caught:std::bad_alloc";
   const auto faults = KavoTest::ForEachFailingAllocation([&] {
     const Held before;
     KavoTest::LogCapture capture(KavoSetLogSink);
-    const int ret = KavoInitHashTable(id, 100'000, 8, KAVO_TABLE_TYPE_BASIC);
+    const int ret = KavoInitHashTable(id, 100'000, 8, type);
     if (!KavoTest::FaultWasInjected()) {
       EXPECT_EQ(KAVO_SUCCESS, ret);
       return;
@@ -65,9 +77,8 @@ TEST_P(FaultInjection, FailedCreationLeavesNothing) {
 TEST_P(FaultInjection, FailedInsertLeavesTheKeyAbsentAndMayBeRepeated) {
   constexpr long KEYS = 300;
   constexpr long STEP = 4096;
-  const unsigned id = GetParam();
   const Held before;
-  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(id, 8, 8, KAVO_TABLE_TYPE_BASIC));
+  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(id, 8, 8, type));
   unsigned char* address = nullptr;
   unsigned len = 0;
   unsigned found = 9;

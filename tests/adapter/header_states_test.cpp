@@ -10,12 +10,12 @@
 namespace Qen {
 namespace {
 
-class HeaderStates : public testing::Test {
+class HeaderStates : public testing::TestWithParam<unsigned> {
  protected:
   static constexpr unsigned LEN = 12;
   static constexpr unsigned OTHER = 4711;
 
-  void SetUp() override { ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(1, 64, LEN, KAVO_TABLE_TYPE_BASIC)); }
+  void SetUp() override { ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(1, 64, LEN, GetParam())); }
   void TearDown() override { EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(1)); }
 
   unsigned char* Address(long key) {
@@ -29,8 +29,9 @@ class HeaderStates : public testing::Test {
 
   std::array<unsigned char, LEN> value{};
 };
+INSTANTIATE_TEST_SUITE_P(Types, HeaderStates, testing::Values(KAVO_TABLE_TYPE_BASIC, KAVO_TABLE_TYPE_FILTER));
 
-TEST_F(HeaderStates, InsertSwapsTheFirstAndTheLastState) {
+TEST_P(HeaderStates, InsertSwapsTheFirstAndTheLastState) {
   Insert(10, 0);
   Insert(11, 1);
   Insert(12, 2);
@@ -41,7 +42,7 @@ TEST_F(HeaderStates, InsertSwapsTheFirstAndTheLastState) {
   EXPECT_EQ(OTHER, State(13));
 }
 
-TEST_F(HeaderStates, RefusedInsertAndPlainLookupsLeaveIt) {
+TEST_P(HeaderStates, RefusedInsertAndPlainLookupsLeaveIt) {
   Insert(1, OTHER);
   KavoTest::LogCapture quiet(KavoSetLogSink);
   EXPECT_EQ(KAVO_INVALID, KavoInsert(1, 1, value.data(), LEN, 0, 1));
@@ -54,7 +55,7 @@ TEST_F(HeaderStates, RefusedInsertAndPlainLookupsLeaveIt) {
   EXPECT_EQ(0U, State(2));
 }
 
-TEST_F(HeaderStates, ChangingOperationsMarkTheEntryChanged) {
+TEST_P(HeaderStates, ChangingOperationsMarkTheEntryChanged) {
   unsigned char* address = nullptr;
   unsigned len = 0;
   Insert(1, OTHER);
@@ -71,7 +72,7 @@ TEST_F(HeaderStates, ChangingOperationsMarkTheEntryChanged) {
 }
 
 // An update marks the entry before it copies, an insert-or-update after.
-TEST_F(HeaderStates, FailedCopies) {
+TEST_P(HeaderStates, FailedCopies) {
   KavoTest::LogCapture quiet(KavoSetLogSink);
   Insert(1, OTHER);
   EXPECT_EQ(KAVO_NO_MEMORY, KavoUpdate(1, 1, Address(1) + 1, LEN));
@@ -82,7 +83,7 @@ TEST_F(HeaderStates, FailedCopies) {
 }
 
 // A thread that is alone gets blocks in the order of their addresses, so the place of the next value is known.
-TEST_F(HeaderStates, InsertWhoseBytesOverlapTheNewValueLeavesAZeroedEntry) {
+TEST_P(HeaderStates, InsertWhoseBytesOverlapTheNewValueLeavesAZeroedEntry) {
   Insert(1, 1);
   Insert(2, 1);
   unsigned char* const next = Address(2) + (Address(2) - Address(1));

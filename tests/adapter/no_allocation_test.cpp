@@ -83,6 +83,21 @@ TEST_P(NoAllocation, ButForRunsOfFreshBlocks) {
   EXPECT_LT(Count([&](long key) { return LookupOrInsert(key); }), KEYS / 20);
 }
 
+TEST(NoAllocationInAFilterTable, ForCountingAPresentKey) {
+  unsigned char* address = nullptr;
+  unsigned len = 0;
+  unsigned found = 0;
+  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(2, 8, 8, KAVO_TABLE_TYPE_FILTER));
+  ASSERT_EQ(KAVO_SUCCESS, KavoLookupOrInsert(2, 1, &address, &len, &found, 1));
+  const long before = g_allocations;
+  for (int i = 0; i < 90; ++i) {
+    ASSERT_EQ(KAVO_SUCCESS, KavoLookupOrInsert(2, 1, &address, &len, &found, 1));
+  }
+  EXPECT_EQ(before, g_allocations);
+  EXPECT_EQ(nullptr, address);
+  ASSERT_EQ(KAVO_SUCCESS, KavoUninitHashTable(2));
+}
+
 TEST(AllocationCount, SeesAllocations) {
   const long before = g_allocations;
   ::operator delete(::operator new(1));

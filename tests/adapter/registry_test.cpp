@@ -80,7 +80,11 @@ TEST(Registry, UnknownKindIsUnsupported) {
   EXPECT_EQ(KAVO_UNSUPPORTED, KavoInsert(1, 1, value, 1, 0, 0));
   EXPECT_EQ(KAVO_UNSUPPORTED, KavoInsertOrUpdate(1, 1, value, 1, 0));
   EXPECT_EQ(KAVO_UNSUPPORTED, KavoLookupOrInsert(1, 1, &address, &len, &found, 0));
-  EXPECT_EQ(6U, capture.Lines().size());
+  unsigned long long count = 0;
+  EXPECT_EQ(KAVO_UNSUPPORTED, KavoPrepareMemForValues(1, &count));
+  EXPECT_EQ(KAVO_UNSUPPORTED, KavoGetMemForValue(1, 0, &address, &len));
+  EXPECT_EQ(KAVO_INVALID, KavoSetFilterFreq(1, 1));
+  EXPECT_EQ(9U, capture.Lines().size());
   EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(1));
 }
 

@@ -28,7 +28,7 @@ static void WriteLine(void* context, unsigned int channel, int level, const char
 }
 
 int main(void) {
-  enum { TABLE = 3, LEN = 8 };
+  enum { TABLE = 3, FILTER = 4, LEN = 8 };
   Lines lines = {0, ""};
   const KavoLogSink sink = {NULL, &WriteLine, &lines};
   unsigned char one[LEN] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -37,6 +37,12 @@ int main(void) {
   unsigned char* again = NULL;
   unsigned int len = 0;
   unsigned int found = 7;
+  KavoHtBatchElement elements[4];
+  KavoHtBatchInfo batch = {elements, 4, KAVO_EXPORT_UNMARKED_MARK, 9};
+  void* iter = NULL;
+  unsigned int num = 0;
+  unsigned long long size = 0;
+  unsigned long long count = 0;
 
   CHECK(KavoSetLogSink(&sink) == KAVO_SUCCESS);
   CHECK(KavoInitHashTable(TABLE, 100, LEN, KAVO_TABLE_TYPE_BASIC) == KAVO_SUCCESS);
@@ -50,6 +56,24 @@ int main(void) {
   CHECK(memcmp(address, one, LEN) == 0);
   CHECK(KavoLookupOrInsert(TABLE, 2, &again, &len, &found, 0) == KAVO_SUCCESS);
   CHECK(found == 0 && again != address);
+  CHECK(KavoGetHtSizeAndVl(TABLE, &size, &len, true) == KAVO_SUCCESS);
+  CHECK(size == 2 && len == LEN);
+  CHECK(KavoBatchGetNext(TABLE, &batch, &num, &iter) == KAVO_SUCCESS);
+  CHECK(num == 2 && iter == NULL && batch.tableType == KAVO_TABLE_TYPE_BASIC);
+  CHECK(elements[0].key == 1 && elements[0].value == address && elements[1].value == again);
+
+  CHECK(KavoInitHashTable(FILTER, 100, LEN, KAVO_TABLE_TYPE_FILTER) == KAVO_SUCCESS);
+  CHECK(KavoSetFilterFreq(FILTER, 2) == KAVO_SUCCESS);
+  CHECK(KavoPrepareMemForValues(FILTER, &count) == KAVO_SUCCESS);
+  CHECK(count == 100);
+  CHECK(KavoGetMemForValue(FILTER, 0, &address, &len) == KAVO_SUCCESS);
+  CHECK(len == LEN);
+  memcpy(address, two, LEN);
+  CHECK(KavoLookupOrInsert(FILTER, 5, &again, &len, &found, 1) == KAVO_SUCCESS);
+  CHECK(found == 1 && again == NULL);
+  CHECK(KavoLookupOrInsert(FILTER, 5, &again, &len, &found, 1) == KAVO_SUCCESS);
+  CHECK(found == 1 && again == address && memcmp(again, two, LEN) == 0);
+  CHECK(KavoUninitHashTable(FILTER) == KAVO_SUCCESS);
 
   CHECK(lines.count == 0);
   CHECK(KavoLookup(TABLE, 4, &address, &len) == KAVO_INVALID);

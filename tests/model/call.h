@@ -1,0 +1,88 @@
+// A call of an exported function, as data: what a random sequence is made of. Any call can be made in any state, so a
+// sequence stays valid whatever is left out of it. Which result a call must have is the reference model's business.
+#pragma once
+
+#include <array>
+#include <iosfwd>
+#include <vector>
+
+namespace KavoTest {
+
+enum class Function : unsigned char {
+  INIT_TABLE,
+  UNINIT_TABLE,
+  LOOKUP,
+  LOOKUP_FOR_UPDATE,
+  UPDATE,
+  INSERT,
+  INSERT_OR_UPDATE,
+  LOOKUP_OR_INSERT,
+  SET_FILTER_FREQ,
+  PREPARE_MEM,
+  GET_MEM,
+  SIZE_AND_LENGTH,
+  BATCH_GET_NEXT,
+  INIT_PARTITION_MAP,
+  UNINIT_PARTITION_MAP,
+  QUERY_PS_ID,
+  BATCH_PS_IDS,
+  // Steps of the caller itself.
+  WALK,         // a whole export, from its first batch to its last
+  SPOIL_CURSOR  // forgets a cursor, or puts an address in its place that is none
+};
+inline constexpr unsigned FUNCTION_COUNT = static_cast<unsigned>(Function::SPOIL_CURSOR) + 1;
+inline constexpr unsigned EXPORTED_COUNT = static_cast<unsigned>(Function::WALK);
+
+const char* NameOf(Function function);
+
+// Keys come from families, so that calls meet each other's keys, and meet in buckets. Families overlap.
+enum class KeyFamily : unsigned char {
+  DENSE,
+  TIMES_8,
+  TIMES_16,
+  TIMES_1024,
+  EQUAL_LOW_32,
+  RANDOM_62,
+  EXTREME,
+  NEGATIVE
+};
+inline constexpr unsigned FAMILY_COUNT = static_cast<unsigned>(KeyFamily::NEGATIVE) + 1;
+
+long KeyOf(KeyFamily family, unsigned index);
+
+// Where an inserting or updating call takes its bytes from. An address in the table that is not there falls back to a
+// buffer of the caller's.
+enum class Source : unsigned char { BUFFER, NOTHING, OWN_VALUE, OVERLAPPING, OTHER_VALUE };
+inline constexpr unsigned SOURCE_COUNT = static_cast<unsigned>(Source::OTHER_VALUE) + 1;
+
+enum class Length : unsigned char { RIGHT, ONE_LESS, ONE_MORE, ZERO, HUGE_LENGTH };
+inline constexpr unsigned LENGTH_COUNT = static_cast<unsigned>(Length::HUGE_LENGTH) + 1;
+
+inline constexpr std::array<unsigned, 5> TABLE_IDS{3, 1024, 1023, 4294967295U, 70000};
+inline constexpr unsigned CURSOR_COUNT = 4;
+
+struct Call {
+  Function function = Function::LOOKUP;
+  unsigned table = 0;  // into TABLE_IDS
+  KeyFamily family = KeyFamily::DENSE;
+  unsigned index = 0;  // of the first key in its family
+  unsigned count = 1;  // the call is made so often, with consecutive keys or indexes where it has them
+  Source source = Source::BUFFER;
+  Length length = Length::RIGHT;
+  unsigned number = 0;          // size, filterCount, freq, eleNum, psNum, or num
+  unsigned kind = 0;            // table type, state, export mode, partitionNum, or admittedOnly
+  unsigned valueLen = 8;        // of a new table
+  unsigned long long wide = 0;  // index of prepared memory, or key of the partition map
+  unsigned cursor = 0;
+  unsigned nulls = 0;       // a bit for each pointer argument that is null, the first one lowest
+  unsigned char bytes = 0;  // from which the value is made
+  bool writes = false;      // after a success, the caller writes the value in place
+
+  bool IsNull(unsigned pointer) const { return (nulls >> pointer & 1U) != 0; }
+};
+
+using Sequence = std::vector<Call>;
+
+std::ostream& operator<<(std::ostream& out, const Call& call);
+
+}  // namespace KavoTest

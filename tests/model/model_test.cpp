@@ -1,0 +1,80 @@
+// Random sequences of all exported functions, on one thread, against the reference model. A failing sequence is made as
+// short and simple as possible before it is printed; the printed seed repeats a run.
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "model/call_runner.h"
+#include "model/sequence_generator.h"
+#include "support/seed.h"
+
+namespace {
+
+using namespace KavoTest;
+
+constexpr int PARTS = 4;
+
+// In each part; KAVO_MODEL_SEQUENCES overrides what the build has set.
+int SequenceCount() {
+  const char* const given = std::getenv("KAVO_MODEL_SEQUENCES");
+  return given != nullptr ? std::atoi(given) : KAVO_DEFAULT_MODEL_SEQUENCES;
+}
+
+class Model : public testing::TestWithParam<int> {};
+
+TEST_P(Model, EverySequenceOfCallsGivesWhatTheReferenceModelSays) {
+  CallStatistics total;
+  unsigned sequences = 0;
+  unsigned grewThrice = 0;
+  unsigned hadMaps = 0;
+  const auto property = [&] {
+    const Sequence sequence = *Sequences();
+    CallRunner runner;
+    try {
+      for (const Call& call : sequence) {
+        runner.Run(call);
+      }
+      runner.Finish();
+    } catch (const Mismatch& mismatch) {
+      RC_FAIL(mismatch.what());
+    }
+    total.Add(runner.Statistics());
+    ++sequences;
+    grewThrice += runner.Statistics().growths >= 3 ? 1 : 0;
+    hadMaps += runner.Statistics().mapMisses > 0 ? 1 : 0;
+  };
+
+  const int count = SequenceCount();
+  rc::detail::TestMetadata metadata;
+  metadata.id = "Model/" + std::to_string(GetParam());
+  rc::detail::TestParams params;
+  params.seed = TestSeed() + static_cast<unsigned long>(GetParam());
+  params.maxSuccess = count;
+  const auto result = rc::detail::checkTestable(property, metadata, params);
+  rc::detail::printResultMessage(result, std::cout);
+  std::cout << std::endl;
+  ASSERT_TRUE(result.is<rc::detail::SuccessResult>());
+
+  std::printf("%u sequences: %u grew a table 3 times or more, %u met an overflow map; %lu growths, %lu map misses\n",
+              sequences, grewThrice, hadMaps, total.growths, total.mapMisses);
+  for (unsigned i = 0; i < EXPORTED_COUNT; ++i) {
+    std::printf("%-24s %9lu succeeded %9lu failed\n", NameOf(static_cast<Function>(i)), total.succeeded[i],
+                total.failed[i]);
+  }
+  // What the weights are for. Far below what they give, and far above nothing.
+  ASSERT_GE(sequences, static_cast<unsigned>(count));
+  EXPECT_GE(grewThrice, sequences / 5);
+  EXPECT_GE(hadMaps, sequences / 10);
+  for (unsigned i = 0; i < EXPORTED_COUNT; ++i) {
+    EXPECT_GE(total.succeeded[i], sequences / 50) << NameOf(static_cast<Function>(i));
+    EXPECT_GE(total.failed[i], sequences / 50) << NameOf(static_cast<Function>(i));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Parts, Model, testing::Range(0, PARTS));
+
+}  // namespace
