@@ -258,6 +258,31 @@ TEST_F(Iterator, CopiesLeftByAStoppedMoveAreNotReportedWhereverTheyMoveOn) {
   ExpectExactly(m_table, m_blocks);
 }
 
+// The oldest generation is done with bucket 0; its move from the second to the third stops half way.
+TEST_F(Iterator, CopiesOfAMoveStoppedInAMiddleGenerationAreNotReported) {
+  Fill({0, 4, 5, 6, 7});
+  LogCapture log(Qen::SetLogSink);
+  Parking marked("Mover.Marked", 5);  // buckets 0 to 3 have moved
+  std::thread mover([&] { EXPECT_EQ(m_table.Grow(), KAVO_SUCCESS); });
+  if (marked.WaitUntilParked()) {
+    for (long i = 1; i <= 60; ++i) {
+      Fill({i << 20});
+    }
+    Core* const second = m_table.FirstGeneration()->Next();
+    Core* third = nullptr;
+    EXPECT_EQ(m_table.MakeNewTable(second, third), KAVO_SUCCESS);
+    Qen::TestHooks::FailAllocation(4);
+    EXPECT_NE(m_table.MoveOldEntryToNewTable(second, third), KAVO_SUCCESS);
+    Qen::TestHooks::FailAllocation(0);
+    EXPECT_EQ(CopiesIn(*third, 1L << 20), 1U);
+    EXPECT_EQ(CopiesIn(*third, 60L << 20), 0U);
+    ExpectExactly(m_table, m_blocks);
+  }
+  marked.Release();
+  mover.join();
+  ExpectExactly(m_table, m_blocks);
+}
+
 // What the host should not do, and what comes of it: nothing breaks, and nothing is missed that was there before.
 TEST_F(Iterator, AMapThatGrowsUnderTheWalkIsWalkedInOrder) {
   for (long key = 0; key < 64; key += 8) {

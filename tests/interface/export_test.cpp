@@ -120,7 +120,7 @@ TEST_F(Export, LooksAtTheLastEntryOfAFullBatchAgain) {
 
 TEST_F(Export, InBatchesOfOneEndsAndRepeatsNothing) {
   Fill(20, STATE_MARKED);
-  for (const unsigned mode : {KAVO_EXPORT_ALL, KAVO_EXPORT_MARKED}) {
+  for (const unsigned mode : {unsigned{KAVO_EXPORT_ALL}, unsigned{KAVO_EXPORT_MARKED}}) {
     const std::multiset<long> keys = AllOf(Batches(1, mode));
     EXPECT_EQ(20U, keys.size());
     EXPECT_EQ(20U, std::set<long>(keys.begin(), keys.end()).size());

@@ -37,7 +37,7 @@ struct Profile {
 
 constexpr std::initializer_list<unsigned> EXPORT_MODES{0, 0, 1, 2, 2, 3, 3, 4, 7, 4294967295U};
 constexpr std::initializer_list<unsigned> STATES{0, 0, 1, 2, 2, 3, 7, 4294967295U};
-constexpr std::initializer_list<unsigned> COUNTS{0, 0, 1, 1, 1, 2, 50, 99, 100, 150, 4294967290U, 4294967295U};
+constexpr std::initializer_list<unsigned> COUNTS{0, 0, 1, 1, 1, 2, 49, 50, 99, 100, 150, 4294967290U, 4294967295U};
 constexpr std::initializer_list<KeyFamily> COMMON_FAMILIES{
     KeyFamily::DENSE,      KeyFamily::DENSE,        KeyFamily::TIMES_8,  KeyFamily::TIMES_16,
     KeyFamily::TIMES_1024, KeyFamily::EQUAL_LOW_32, KeyFamily::RANDOM_62};
@@ -185,6 +185,12 @@ Sequence SequenceOf(const rc::Random& random, int size) {
     sequence.push_back(TableOf(dice, 1, dice.Between(1, 100), dice.OneIn(2)));
   }
   Call call;
+  if (profile.filter && dice.OneIn(2)) {
+    // Single occurrences soon admit.
+    call.function = Function::SET_FILTER_FREQ;
+    call.number = dice.Between(0, 4);
+    sequence.push_back(call);
+  }
   if (dice.OneIn(2)) {
     call.function = Function::INIT_PARTITION_MAP;
     call.number = dice.Between(1, 4);
@@ -257,12 +263,25 @@ rc::Seq<Call> Simpler(const Call& call) {
   return rc::seq::fromContainer(std::move(simpler));
 }
 
+// Without its first half, its second, then without each quarter, and so on to single calls.
+rc::Seq<Sequence> Shorter(const Sequence& sequence) {
+  std::vector<Sequence> shorter;
+  for (std::size_t length = (sequence.size() + 1) / 2; length > 0; length = length == 1 ? 0 : (length + 1) / 2) {
+    for (std::size_t at = 0; at < sequence.size(); at += length) {
+      shorter.push_back(sequence);
+      const auto first = shorter.back().begin() + static_cast<std::ptrdiff_t>(at);
+      shorter.back().erase(first, first + static_cast<std::ptrdiff_t>(std::min(length, sequence.size() - at)));
+    }
+  }
+  return rc::seq::fromContainer(std::move(shorter));
+}
+
 }  // namespace
 
 rc::Gen<Sequence> Sequences() {
   return [](const rc::Random& random, int size) {
     return rc::shrinkable::shrinkRecur(SequenceOf(random, size), [](const Sequence& sequence) {
-      return rc::seq::concat(rc::shrink::removeChunks(sequence), rc::shrink::eachElement(sequence, Simpler));
+      return rc::seq::concat(Shorter(sequence), rc::shrink::eachElement(sequence, Simpler));
     });
   };
 }

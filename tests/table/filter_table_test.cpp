@@ -215,6 +215,7 @@ TEST_F(FilterTableTest, GrowthKeepsRecordsCountsAndBlocks) {
 
 TEST_F(FilterTableTest, FailedAdmissionKeepsTheCountAndTheNextOfferAdmits) {
   UseUpStock(m_table);
+  Qen::TestHooks::SetWaitLimit(1);  // there is nobody to wait for
   EXPECT_EQ(nullptr, Offer(m_table, 1, 99).block);
   {
     const NoMemory noMemory;
@@ -227,6 +228,7 @@ TEST_F(FilterTableTest, FailedAdmissionKeepsTheCountAndTheNextOfferAdmits) {
   const Answer admitted = Offer(m_table, 1);
   EXPECT_EQ(ENTRY_FOUND, admitted.status);
   EXPECT_NE(nullptr, admitted.block);
+  Qen::TestHooks::SetWaitLimit(0);
 }
 
 // The fault hits the record or the block; the key is absent and may be offered again.
