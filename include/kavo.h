@@ -421,7 +421,7 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
  *    element, if it still meets the mode. The example leaves the repeated element out. A marking export must not: an
  *    entry that it reports again was changed meanwhile, or has no value. With `eleNum` 1 there is no repetition.
  *  - Apart from that each entry is reported once, in no particular order, and every key whose insert has completed is,
- *    if it meets the mode.
+ *    if it meets the mode. Iterations between which nothing was inserted go over the entries in the same order.
  *  - No insert of a new key may run on the table from an iteration's first call to its last. One that does no less is
  *    safe, but its key may be reported or not, and others twice. Lookups and updates may run.
  *  - A cursor belongs to the table. It is freed when its iteration ends, and otherwise with the table: an iteration
