@@ -495,8 +495,8 @@ int KavoGetHtSizeAndVl(unsigned int tableId, unsigned long long* size, unsigned 
  * `tableId` and `iter` are.
  *
  * Returns KAVO_SUCCESS;
- *   KAVO_INVALID      `batchInfo`, its `elements`, `realNum` or `iter` is null, the table id is not in use, or `*iter` is
- *                     not a cursor of this table;
+ *   KAVO_INVALID      `batchInfo`, its `elements`, `realNum` or `iter` is null, the table id is not in use, or `*iter`
+ *                     is not a cursor of this table;
  *   KAVO_NO_MEMORY    no memory for a cursor; `*iter` stays null;
  *   KAVO_UNSUPPORTED  the table is of an unknown kind;
  *   KAVO_FAILED       a lock reported an error; the elements that `*realNum` counts are valid, and the iteration can go

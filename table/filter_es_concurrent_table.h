@@ -277,6 +277,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::FindOrAdmit(
       if (count <= Threshold()) {
         return KAVO_SUCCESS;  // counted
       }
+      KAVO_TEST_POINT("FilterTable.MayAdmit");
       if (record.admitted.compare_exchange_strong(admitted, 1, std::memory_order_relaxed)) {
         KAVO_TEST_POINT("FilterTable.Admitting");
         const int ret = this->GetMemAndRawPtr(info.memKind, info.rawPtr);

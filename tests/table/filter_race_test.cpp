@@ -65,6 +65,23 @@ TEST_F(FilterRace, OneOfTwoAdmittersTakesTheBlockAndTheOtherWaitsForIt) {
   EXPECT_EQ(4U, CountOf(m_table, KEY));
 }
 
+TEST_F(FilterRace, OfTwoThatMayAdmitOneDoes) {
+  Parking first("FilterTable.MayAdmit", 1);
+  Parking second("FilterTable.MayAdmit", 2);
+  Parking admitting("FilterTable.Admitting", 0);  // counts only
+  auto one = OfferInBackground();
+  ASSERT_TRUE(first.WaitUntilParked());
+  auto other = OfferInBackground();
+  ASSERT_TRUE(second.WaitUntilParked());
+  first.Release();
+  second.Release();
+  const Answer admitted = one.get();
+  EXPECT_NE(nullptr, admitted.block);
+  EXPECT_EQ(admitted, other.get());
+  EXPECT_EQ(admitted, Offer(m_table, KEY));
+  EXPECT_EQ(1U, admitting.Passages());
+}
+
 TEST_F(FilterRace, WaiterTakesOverAFailedAdmission) {
   Parking admitting("FilterTable.Admitting");
   auto first = OfferInBackground(true);
