@@ -12,8 +12,8 @@
 //
 // Promises
 //  - Each occurrence is counted once, whatever the table does meanwhile: a key has one record for the life of the
-//    table, to which all copies of its entry point, and a call counts once however often it has to look. A call that found
-//    the record has counted, even if it then fails; one that could not make the record has not.
+//    table, to which all copies of its entry point, and a call counts once however often it has to look. A call that
+//    found the record has counted, even if it then fails; one that could not make the record has not.
 //  - A key is admitted by exactly one call, and its block is taken then and not before.
 //  - Whoever waits for the block of a key in admitting also watches for its return to counted, and then tries itself:
 //    a failed admission keeps nobody waiting.

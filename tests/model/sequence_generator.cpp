@@ -246,6 +246,12 @@ rc::Seq<Call> Simpler(const Call& call) {
     with(&Call::count, call.count / 2);
     with(&Call::count, call.count - 1);
   }
+  if (call.count > 1) {  // its other end
+    const unsigned left = call.count > 2 ? call.count / 2 : 1;
+    with(&Call::count, left);
+    simpler.back().index += call.count - left;
+    simpler.back().wide += call.count - left;
+  }
   with(&Call::nulls, 0U);
   with(&Call::source, Source::BUFFER);
   with(&Call::length, Length::RIGHT);
@@ -255,9 +261,18 @@ rc::Seq<Call> Simpler(const Call& call) {
   with(&Call::family, KeyFamily::DENSE);
   with(&Call::index, 0U);
   with(&Call::index, call.index / 2);
-  with(&Call::number, call.number / 2);
+  if (call.function != Function::INIT_TABLE) {
+    with(&Call::number, call.number / 2);
+  } else if (call.number > 8) {
+    // Not by halves: what no memory holds would become what some machine's does. Nor 0, the default size, whose cells
+    // take long to walk.
+    with(&Call::number, 8U);
+    simpler.back().valueLen = std::min(call.valueLen, 8U);
+  }
   with(&Call::kind, 0U);
-  with(&Call::valueLen, 8U);
+  if (call.number <= 1000) {
+    with(&Call::valueLen, 8U);
+  }
   with(&Call::bytes, static_cast<unsigned char>(0));
   with(&Call::wide, 0ULL);
   return rc::seq::fromContainer(std::move(simpler));
