@@ -1,5 +1,6 @@
-// Time and resident memory of making a table for a given number of entries, and of filling it: once with KavoInsert into
-// the table's stock of blocks, once with KavoLookupOrInsert, which takes fresh ones, and once grown from 8 entries.
+// Time and resident memory of making a table for a given number of entries, and of filling it: once with KavoInsert
+// into the table's stock of blocks, once with KavoLookupOrInsert, which takes fresh ones, and once grown from 8
+// entries.
 //
 //   footprint [ENTRIES [VALUE_BYTES]]
 #include <unistd.h>

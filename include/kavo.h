@@ -67,15 +67,20 @@ extern "C" {
 
 /* STATUS CODES */
 
-#define KAVO_SUCCESS 0       /* Done. */
-#define KAVO_FAILED (-1)     /* An internal step could not be completed: a wait passed its limit, or a lock failed. Or
-                                no partition map is installed for a query, or another one than is offered. */
-#define KAVO_EXISTS (-2)     /* What was to be created exists already. */
-#define KAVO_NO_MEMORY (-3)  /* Memory could not be obtained, or bytes could not be copied. */
-#define KAVO_INVALID (-4)    /* A bad argument, a table id that is not in use, a key that is absent (or, for KavoInsert,
-                                present), or a table of the wrong kind for the call. */
-#define KAVO_UNSUPPORTED (-6) /* The table is of a kind that the call does not handle, or there is no partition map to
-                                 remove. */
+#define KAVO_SUCCESS 0        /* Done. */
+#define KAVO_FAILED (-1)      /* An internal step could not be completed (see below). */
+#define KAVO_EXISTS (-2)      /* What was to be created exists already. */
+#define KAVO_NO_MEMORY (-3)   /* Memory could not be obtained, or bytes could not be copied. */
+#define KAVO_INVALID (-4)     /* The call cannot be served as asked (see below). */
+#define KAVO_UNSUPPORTED (-6) /* A table of a kind that the call does not handle, or no partition map to remove. */
+
+/*
+ * KAVO_FAILED: a wait for another thread passed its limit, or a lock reported an error; or no partition map is installed
+ * for a query, or another one than is offered.
+ *
+ * KAVO_INVALID: a bad argument, a table id that is not in use, a key that is absent (or, for KavoInsert, present), or a
+ * table of the wrong kind for the call.
+ */
 
 /* TABLES */
 
@@ -381,8 +386,8 @@ int QueryPartitionMapPsId(unsigned long long key, unsigned int* psId);
  * from one map.
  *
  *   keys   in: `num` keys.
- *   psIds  in: the address of a pointer to the caller's array for `num` ids; the pointer is not changed. Out: entry i of
- *          the array is the id of the server of `keys`[i].
+ *   psIds  in: the address of a pointer to the caller's array for `num` ids; the pointer is not changed. Out: entry i
+ *          of the array is the id of the server of `keys`[i].
  *   num    at least 1.
  *
  * Returns KAVO_SUCCESS;

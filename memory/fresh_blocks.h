@@ -78,7 +78,7 @@ class FreshBlocks {
   // Guarded by m_mutex.
   Mutex m_mutex;
   unsigned char* m_spare = nullptr;  // blocks given back; each begins with the address of the next
-  Run* m_runs = nullptr;  // every run, newest first
+  Run* m_runs = nullptr;             // every run, newest first
   std::vector<ZeroedRange, HeapAllocator<ZeroedRange>> m_chunks;
   unsigned char* m_chunkNext = nullptr;  // the first block not yet in a run
   unsigned long long m_chunkLeft = 0;    // blocks from there to the end of the chunk

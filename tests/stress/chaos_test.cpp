@@ -54,7 +54,9 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
     std::array<std::atomic<unsigned>, KEYS> creators{};
     std::atomic<unsigned> wrong{0};
     // Few buckets in the first generations, some in all.
-    const auto keyOf = [](std::size_t i) { return static_cast<long>(i % 3 == 0 ? i << 20 : i % 3 == 1 ? i * 8 : 1000 + i); };
+    const auto keyOf = [](std::size_t i) {
+      return static_cast<long>(i % 3 == 0 ? i << 20 : i % 3 == 1 ? i * 8 : 1000 + i);
+    };
     const auto offer = [&](std::size_t i, const Hazards& hazards) {
       unsigned char* block = nullptr;
       bool created = false;

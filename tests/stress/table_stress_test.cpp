@@ -22,7 +22,9 @@ namespace {
 constexpr unsigned TABLE = 77;
 constexpr unsigned VALUE_LEN = 24;  // creator's mark, key, scribble
 
-std::uint64_t Proof(long key) { return static_cast<std::uint64_t>(key) * 0x9E3779B97F4A7C15ULL | 1; }
+std::uint64_t Proof(long key) {
+  return static_cast<std::uint64_t>(key) * 0x9E3779B97F4A7C15ULL | 1;
+}
 
 struct Workload {
   const char* name;
@@ -32,10 +34,18 @@ struct Workload {
   long (*key)(long i, std::mt19937_64& random);
 };
 
-long Dense(long i, std::mt19937_64&) { return i; }
-long Random(long, std::mt19937_64& random) { return static_cast<long>(random() >> 2); }
-long EqualLowBits(long i, std::mt19937_64&) { return (i << 32) + 5; }
-long Multiples(long i, std::mt19937_64&) { return i << 20; }
+long Dense(long i, std::mt19937_64&) {
+  return i;
+}
+long Random(long, std::mt19937_64& random) {
+  return static_cast<long>(random() >> 2);
+}
+long EqualLowBits(long i, std::mt19937_64&) {
+  return (i << 32) + 5;
+}
+long Multiples(long i, std::mt19937_64&) {
+  return i << 20;
+}
 long Mixed(long i, std::mt19937_64& random) {
   return i % 8 == 0 ? EqualLowBits(i, random) : i % 8 == 1 ? Multiples(i, random) : Random(i, random);
 }
