@@ -75,8 +75,8 @@ extern "C" {
 #define KAVO_UNSUPPORTED (-6) /* A table of a kind that the call does not handle, or no partition map to remove. */
 
 /*
- * KAVO_FAILED: a wait for another thread passed its limit, or a lock reported an error; or no partition map is installed
- * for a query, or another one than is offered.
+ * KAVO_FAILED: a wait for another thread passed its limit, or a lock reported an error; or no partition map is
+ * installed for a query, or another one than is offered.
  *
  * KAVO_INVALID: a bad argument, a table id that is not in use, a key that is absent (or, for KavoInsert, present), or a
  * table of the wrong kind for the call.
