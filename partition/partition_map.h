@@ -2,8 +2,7 @@
 //
 // Contract
 //  - Any number of threads query at once. A query, a batch included, holds `m_lock` shared from start to end and so
-//  sees
-//    one map; Init and Uninit hold it exclusively, their log lines included, and are not starved by queries.
+//    sees one map; Init and Uninit hold it exclusively, their log lines included, and are not starved by queries.
 //  - Key k belongs to entry k mod n of the target list. Keys are not mixed, and the partition count takes no part.
 //  - Results are status codes. A lock that reports an error throws std::system_error.
 //

@@ -3,14 +3,11 @@
 //
 // Contract
 //  - Used like std::shared_mutex, through std::lock_guard and std::shared_lock. Exclusion is that of `m_lock` alone;
-//  the
-//    gate only decides who may ask for it.
-//  - A writer waits for the readers that hold the lock, and for those that were past the gate, when it announced
-//  itself:
-//    one acquisition a thread at most. Readers that come later wait until it is done.
+//    the gate only decides who may ask for it.
+//  - A writer waits for the readers that hold the lock, and for those that were past the gate when it announced
+//    itself: one acquisition a thread at most. Readers that come later wait until it is done.
 //  - A reader waits for two writers at most, even if writers follow each other without a pause: one at the gate, and
-//  one
-//    at `m_lock` that came through the gate after it. Both locks let waiting readers in when a writer leaves.
+//    one at `m_lock` that came through the gate after it. Both locks let waiting readers in when a writer leaves.
 //  - Not recursive, not even for readers: a second acquisition could wait for a writer that waits for the first. Where
 //    the platform reports a self-deadlock, std::system_error is thrown and nothing has changed.
 //
