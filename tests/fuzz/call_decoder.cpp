@@ -72,6 +72,7 @@ Call DecodeCall(const unsigned char* bytes) {
     case Function::PREPARE_MEM:
     case Function::SIZE_AND_LENGTH:
     case Function::UNINIT_PARTITION_MAP:
+    case Function::SET_LOG_SINK:
     case Function::WALK:
     case Function::SPOIL_CURSOR:
       call.count = 1;

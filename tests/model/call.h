@@ -26,6 +26,7 @@ enum class Function : unsigned char {
   UNINIT_PARTITION_MAP,
   QUERY_PS_ID,
   BATCH_PS_IDS,
+  SET_LOG_SINK,
   // Steps of the caller itself.
   WALK,         // a whole export, from its first batch to its last
   SPOIL_CURSOR  // forgets a cursor, or puts an address in its place that is none

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string>
 
+#include "model/call_outputs.h"
+
 namespace KavoTest {
 namespace {
 
@@ -22,8 +24,9 @@ void CallStatistics::Add(const CallStatistics& other) {
 }
 
 CallRunner::CallRunner() {
-  const KavoLogSink sink{&CallRunner::WantsLines, &CallRunner::TakeLine, this};
-  static_cast<void>(KavoSetLogSink(&sink));
+  Call call;
+  call.function = Function::SET_LOG_SINK;
+  SetLogSink(call);
 }
 
 // Whatever a mismatch has left behind goes too.
@@ -99,11 +102,19 @@ void CallRunner::RunOnce(const Call& call, unsigned repetition) {
       return QueryPsId(call, call.wide + repetition);
     case Function::BATCH_PS_IDS:
       return BatchPsIds(call);
+    case Function::SET_LOG_SINK:
+      return SetLogSink(call);
     case Function::WALK:
       return Walk(id, call.number, call.kind);
     default:
       return SpoilCursor(call);
   }
+}
+
+// The runner's own sink again, or one that is refused, and then the runner's own stays.
+void CallRunner::SetLogSink(const Call& call) {
+  const KavoLogSink sink{&CallRunner::WantsLines, Unless(call.IsNull(0), &CallRunner::TakeLine), this};
+  Compare(call.function, call.IsNull(0) ? KAVO_INVALID : KAVO_SUCCESS, [&sink] { return KavoSetLogSink(&sink); });
 }
 
 void CallRunner::InitTable(const Call& call, unsigned id) {

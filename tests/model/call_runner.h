@@ -50,6 +50,7 @@ class CallRunner {
   }
 
   void RunOnce(const Call& call, unsigned repetition);
+  void SetLogSink(const Call& call);
   void InitTable(const Call& call, unsigned id);
   void Lookup(const Call& call, unsigned id, long key);
   void LookupOrInsert(const Call& call, unsigned id, long key);

@@ -71,7 +71,7 @@ Function FunctionOf(Dice& dice, const Profile& profile) {
     return profile.prepares ? dice.OneOf({PREPARE_MEM, GET_MEM, GET_MEM}) : LOOKUP_OR_INSERT;
   }
   if (roll < 97) {
-    return dice.OneOf({INIT_PARTITION_MAP, UNINIT_PARTITION_MAP, QUERY_PS_ID, BATCH_PS_IDS});
+    return dice.OneOf({INIT_PARTITION_MAP, UNINIT_PARTITION_MAP, QUERY_PS_ID, BATCH_PS_IDS, SET_LOG_SINK});
   }
   return dice.OneOf({INIT_TABLE, UNINIT_TABLE, UNINIT_TABLE, PREPARE_MEM, GET_MEM});
 }
@@ -116,6 +116,10 @@ Call CallOf(Dice& dice, const Profile& profile) {
     case Function::SIZE_AND_LENGTH:
     case Function::UNINIT_PARTITION_MAP:
       call.count = 1;
+      break;
+    case Function::SET_LOG_SINK:
+      call.count = 1;
+      call.nulls = dice.Below(2);
       break;
     case Function::SET_FILTER_FREQ:
       call.count = 1;
