@@ -10,8 +10,4 @@ if(KAVO_SANITIZE)
   target_compile_options(kavo_flags INTERFACE -fsanitize=${KAVO_SANITIZE} -fno-omit-frame-pointer
                                               -fno-sanitize-recover=all)
   target_link_options(kavo_flags INTERFACE -fsanitize=${KAVO_SANITIZE})
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Under a sanitizer's instrumentation g++ 12 gives this warning for the standard library's own headers.
-    target_compile_options(kavo_flags INTERFACE -Wno-maybe-uninitialized)
-  endif()
 endif()
