@@ -58,12 +58,12 @@ struct Offer {
 // The status of the table's insert.
 int InsertValue(const BasicTable& table, const Offer& offer, NewValue& newValue) {
   BasicTable::OperationInfo info{offer.key, nullptr, MemKind::ORDINARY, &newValue};
-  return table.InsertOrFind(info).second;
+  return table.InsertOrFind(info);
 }
 
 int InsertValue(const FilterTable& table, const Offer& offer, NewValue& newValue) {
   FilterTable::FilterOperationInfo info{offer.key, offer.valuePtr, MemKind::ORDINARY, offer.filterCount, &newValue};
-  return table.InsertValue(info).second;
+  return table.InsertValue(info);
 }
 
 template <class Table>
@@ -106,7 +106,7 @@ int InsertOrUpdate(const BasicTable& table, const Offer& offer) {
   }
   NewValue newValue{offer.valuePtr, ValueHeader::CHANGED};
   BasicTable::OperationInfo info{offer.key, nullptr, MemKind::ORDINARY, &newValue};
-  const int status = table.InsertOrFind(info).second;
+  const int status = table.InsertOrFind(info);
   if (status < 0) {
     return status;
   }
@@ -129,7 +129,7 @@ int InsertOrUpdate(const FilterTable& table, const Offer& offer) {
   }
   NewValue newValue{offer.valuePtr, ValueHeader::CHANGED};
   FilterTable::FilterOperationInfo info{offer.key, offer.valuePtr, MemKind::ORDINARY, offer.filterCount, &newValue};
-  const int status = table.InsertOrUpdateFilterValue(info).second;
+  const int status = table.InsertOrUpdateFilterValue(info);
   if (status < 0) {
     return status;
   }
@@ -152,14 +152,13 @@ struct Entry {
 
 Entry InsertOrFind(const BasicTable& table, long key, unsigned /* filterCount */) {
   BasicTable::OperationInfo info{key, nullptr, MemKind::PREPARED};
-  const int status = table.InsertOrFind(info).second;
+  const int status = table.InsertOrFind(info);
   return {status, info.rawPtr, info.memKind};
 }
 
 Entry InsertOrFind(const FilterTable& table, long key, unsigned filterCount) {
   FilterTable::FilterOperationInfo info{key, nullptr, MemKind::PREPARED, filterCount};
-  const int status =
-      (filterCount == 0 ? table.InsertOrFindForDefaultKey(info) : table.InsertOrFindWithCounter(info)).second;
+  const int status = (filterCount == 0 ? table.InsertOrFindForDefaultKey(info) : table.InsertOrFindWithCounter(info));
   return {status, info.rawPtr, info.memKind};
 }
 

@@ -1,6 +1,7 @@
 // The exported functions that create, set up and destroy tables.
 #include "adapter/exception_boundary.h"
 #include "adapter/manager.h"
+#include "adapter/table_call.h"
 #include "adapter/table_types.h"
 #include "kavo.h"
 #include "platform/allocation.h"
@@ -10,6 +11,8 @@
 using namespace Qen;
 
 namespace {
+
+static_assert(KAVO_REHASH_GRADUAL == REHASH_GRADUAL && KAVO_REHASH_WHOLE_TABLE == REHASH_WHOLE_TABLE);
 
 // A block, header included, has a length of 32 bits.
 constexpr unsigned MAX_VALUE_LEN = 0xFFFFFFFF - VALUE_HEADER_BYTES;
@@ -64,6 +67,21 @@ int KavoUninitHashTable(unsigned int tableId) {
     ManagerEle taken = g_manager->Take(id);
     taken.DeleHandle();
     return KAVO_SUCCESS;
+  }
+  KAVO_CATCH_ALL
+}
+
+int KavoSetRehashMode(unsigned int tableId, unsigned int mode) {
+  if (mode != KAVO_REHASH_GRADUAL && mode != KAVO_REHASH_WHOLE_TABLE) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoSetRehashMode failed, mode[%u]", mode);
+    return KAVO_INVALID;
+  }
+  try {
+    KAVO_RESOLVE(ref, tableId);
+    return OnTable(ref, [&](const auto& table) {
+      table.SetRehashType(static_cast<std::uint8_t>(mode));
+      return KAVO_SUCCESS;
+    });
   }
   KAVO_CATCH_ALL
 }

@@ -78,6 +78,13 @@ class BucketFlags {
     m_bits.fetch_and(static_cast<std::uint8_t>(~HCore::MAP_BUILDING), std::memory_order_release);
   }
 
+#ifdef KAVO_TESTING
+  // See HashCell::Clear.
+  void Clear() noexcept {
+    m_bits.store(0, std::memory_order_relaxed);
+  }
+#endif
+
  private:
   Atomic<std::uint8_t> m_bits;
 };

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "hash/hash_core_migration.h"
+#include "platform/on_exit.h"
 
 namespace Qen {
 
@@ -24,19 +25,13 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::MakeNewTable(Core* old, Cor
   if (next != nullptr) {
     return KAVO_SUCCESS;
   }
-  struct Permit {
-    explicit Permit(Atomic<bool>& permit) noexcept : m_permit(permit) {
-      m_permit.store(false, std::memory_order_relaxed);
-    }
-    ~Permit() { m_permit.store(true, std::memory_order_relaxed); }  // also after a failure
-    Permit(const Permit&) = delete;
-    Permit& operator=(const Permit&) = delete;
-    Atomic<bool>& m_permit;
-  } permit(m_buildPermit);
+  m_buildPermit.store(false, std::memory_order_relaxed);
+  const OnExit permit([this]() noexcept { m_buildPermit.store(true, std::memory_order_relaxed); });
   KAVO_TEST_POINT("Chain.Building");
   try {
     const int ret = SetNextHashCore(MakeHeapPtr<Core>(2 * old->TableSize()));
     next = old->Next();
+    m_growths.fetch_add(1, std::memory_order_relaxed);  // a statistic
     return ret;
   } catch (const std::exception& e) {
     KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
@@ -76,6 +71,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::DeleteOldTable(Core* old) {
       return ret;  // if an older one than `old` still holds entries, whoever empties that leaves both
     }
     left->MarkDeleted();
+    m_giveBackDue.store(true, std::memory_order_release);  // pairs with GiveBackSome: the mark
     KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "table[%llu] is deleted, root is [%llu]", left->TableSize(),
                    left->Next()->TableSize());
   }
@@ -93,10 +89,26 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::UpdateHashCore(Core*& left)
     return KAVO_FAILED;
   }
   if (current->IsEmptied()) {
-    root->store(current->Next(), std::memory_order_release);
+    root->store(current->Next(), std::memory_order_seq_cst);  // see GiveBackSome
     left = current;
   }
   return KAVO_SUCCESS;
+}
+
+// Where a generation stands, counted from the current one: 1 is the current one itself, 0 one that was left by now.
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCoreMigration<Key, Value, KTraits, VTraits>::HashTableGetSeqNum(const Core* core) const {
+  const Atomic<Core*>* root = m_root.load(std::memory_order_acquire);  // as in SetNextHashCore
+  const Core* generation = root == nullptr ? nullptr : root->load(std::memory_order_acquire);
+  if (generation == nullptr) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Can't find hashTable!");
+  }
+  for (int position = 1; generation != nullptr; ++position, generation = generation->Next()) {
+    if (generation == core) {
+      return position;
+    }
+  }
+  return 0;
 }
 
 }  // namespace Qen

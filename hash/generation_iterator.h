@@ -30,6 +30,8 @@ struct NoHint {
 template <class Core, class Key, class Value>
 class GenerationIterator {
  public:
+  using Pointee = typename Value::Pointee;
+
   GenerationIterator() noexcept = default;
 
   // Stands at the first entry of `core`, or at its end. `oldest` is the oldest generation in use; `core` is that one or
@@ -42,7 +44,7 @@ class GenerationIterator {
     m_index = 0;
     m_inMap = false;
     m_key = static_cast<Key>(HCore::EMPTY_KEY);
-    m_value = nullptr;
+    m_block = nullptr;
     Next(hint);
   }
 
@@ -64,21 +66,19 @@ class GenerationIterator {
         return;
       }
       m_inMap = false;
-      if (IsHere(key, m_core->HomeIndex(key)) && cell.value.Get() != nullptr) {
-        m_key = key;
-        m_value = &cell.value;
+      if (IsHere(key, m_core->HomeIndex(key)) && StandAt(key, cell.value)) {
         ++m_index;
         return;
       }
     }
     m_index = m_mask + END_BEHIND_MASK;
     m_key = static_cast<Key>(HCore::EMPTY_KEY);
-    m_value = nullptr;
+    m_block = nullptr;
   }
 
   bool AtEnd() const noexcept { return m_index == m_mask + END_BEHIND_MASK; }
   Key EntryKey() const noexcept { return m_key; }
-  Value* EntryRecord() const noexcept { return m_value; }
+  Pointee* EntryBlock() const noexcept { return m_block; }
 
  private:
   using Map = typename Core::Map;
@@ -117,13 +117,18 @@ class GenerationIterator {
   // Stands at the first entry from m_mapEntry on that counts. False, at the map's end, when there is none.
   bool StandInMap(Map& map) noexcept {
     for (; m_mapEntry != map.entries.end(); ++m_mapEntry) {
-      if (IsHere(m_mapEntry->first, m_index) && m_mapEntry->second.Get() != nullptr) {
-        m_key = m_mapEntry->first;
-        m_value = &m_mapEntry->second;
+      if (IsHere(m_mapEntry->first, m_index) && StandAt(m_mapEntry->first, m_mapEntry->second)) {
         return true;
       }
     }
     return false;
+  }
+
+  // False for a record without a block.
+  bool StandAt(Key key, const Value& record) noexcept {
+    m_block = record.Get();
+    m_key = m_block == nullptr ? static_cast<Key>(HCore::EMPTY_KEY) : key;
+    return m_block != nullptr;
   }
 
   bool IsHere(Key key, std::uint64_t bucket) const noexcept {
@@ -144,7 +149,7 @@ class GenerationIterator {
   const Core* m_oldest = nullptr;
   const Core* m_core = nullptr;
   Key m_key = static_cast<Key>(HCore::EMPTY_KEY);
-  Value* m_value = nullptr;
+  Pointee* m_block = nullptr;
   // The next cell to look at, or the one whose map is being walked; m_mask + 2 at the end.
   std::uint64_t m_index = END_BEHIND_MASK;
   std::uint64_t m_mask = 0;

@@ -35,6 +35,12 @@ class ChainLink {
     m_distance.store(static_cast<std::uint8_t>(distance), std::memory_order_release);
   }
 
+#ifdef KAVO_TESTING
+  void Clear() noexcept {
+    m_distance.store(0, std::memory_order_relaxed);
+  }  // see HashCell::Clear
+#endif
+
  private:
   Atomic<std::uint8_t> m_distance;
 };
@@ -54,6 +60,12 @@ class ChunkClaim {
   // Relaxed: only keeps others from taking it; that a generation is empty is known from its count of finished chunks.
   void Finish() noexcept { m_state.store(FINISHED, std::memory_order_relaxed); }
 
+#ifdef KAVO_TESTING
+  void Clear() noexcept {
+    m_state.store(UNCLAIMED, std::memory_order_relaxed);
+  }  // see HashCell::Clear
+#endif
+
  private:
   static constexpr std::uint8_t UNCLAIMED = 0;
   static constexpr std::uint8_t CLAIMED = 1;
@@ -67,8 +79,8 @@ class HashCell {
  public:
   using Map = OverflowMap<Key, Value>;
 
-  // Relaxed: the key says only whose cell this is; its block is acquired from the record.
-  Key LoadKey() const noexcept { return Decode(m_storedKey.load(std::memory_order_relaxed)); }
+  // Acquire: whoever finds nothing looks at HashCore::IsDeleted next, and not before.
+  Key LoadKey() const noexcept { return Decode(m_storedKey.load(std::memory_order_acquire)); }
 
   // Claims the cell for `key` if it is empty; otherwise `observed` is the key that it holds. Strong, because a cell
   // passed over by mistake would break the rule that a chain's gaps are taken. Relaxed: the claim is published by the
@@ -87,9 +99,27 @@ class HashCell {
   Map* LoadMap() const noexcept { return m_mapHolder.load(std::memory_order_acquire); }
   void StoreMap(Map* map) noexcept { m_mapHolder.store(map, std::memory_order_release); }
 
+#ifdef KAVO_TESTING
+  // What giving the cell's page back to the system does to it, for generations that are too small to have pages: so
+  // that small tables too meet their late readers. Relaxed: the system orders nothing either.
+  void Clear() noexcept {
+    flags.Clear();
+    moveClaim.Clear();
+    firstLink.Clear();
+    nextLink.Clear();
+    m_storedKey.store(0, std::memory_order_relaxed);
+    value.Clear();
+    m_mapHolder.store(nullptr, std::memory_order_relaxed);
+  }
+#endif
+
  private:
-  static std::uint64_t Encode(Key key) noexcept { return ~static_cast<std::uint64_t>(key); }
-  static Key Decode(std::uint64_t stored) noexcept { return static_cast<Key>(~stored); }
+  static std::uint64_t Encode(Key key) noexcept {
+    return ~static_cast<std::uint64_t>(key);
+  }
+  static Key Decode(std::uint64_t stored) noexcept {
+    return static_cast<Key>(~stored);
+  }
   static_assert(HCore::EMPTY_KEY == -1, "the stored form of the empty key must be zero");
 
   // In the order of the drawing above.

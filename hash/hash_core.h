@@ -24,6 +24,10 @@
 //   I6  Once MOVING is set no key enters: claims fail their confirmation, and the map is entered only after a look at
 //       the flags under its lock. What the mover finds is all there is; it waits only for records in FILLING and for
 //       a map being built, whose owners wait for nobody.
+//   I7  The cells of a left generation (m_deleted) may turn to zero at any moment, under a thread that came from the
+//       time when it was in use: their memory goes back to the system. Whatever block a search finds is right all the
+//       same. What zero cells could make a thread believe counts only after a look at m_deleted that came later:
+//       that a key is absent, a claim confirmed, a map created or entered, a bucket or chunk its own to move.
 //
 // Definitions: insertion in hash_core_insert.h, lookup in hash_core_lookup.h. Moves: hash_core_migration.h.
 #pragma once
@@ -39,6 +43,7 @@
 #include "hash/value_record.h"
 #include "platform/allocation.h"
 #include "platform/atomic.h"
+#include "platform/cache_line.h"
 #include "platform/log.h"
 #include "platform/test_hooks.h"
 #include "platform/wait.h"
@@ -50,12 +55,19 @@ class HashCore {
  public:
   using Cell = HashCell<Key, Value>;
   using Map = typename Cell::Map;
+  using Pointee = typename Value::Pointee;
   using iterator = GenerationIterator<HashCore, Key, Value>;
+
+  // What a search for a key ended at.
+  struct Entry {
+    Pointee* block = nullptr;  // the key's, if it has one: not its record, whose cell may be given back
+    Value* record = nullptr;   // FILLING and the caller's to fill; its cell stays until it is filled
+  };
 
   // What one attempt to find or claim a key came to.
   enum class Outcome {
-    FOUND,      // the record has its block
-    CLAIMED,    // the record is FILLING and the caller's to fill; the claim is confirmed
+    FOUND,      // the entry has the key's block
+    CLAIMED,    // the entry has the record; the claim is confirmed
     BUSY,       // another thread owns the record (FILLING)
     MOVING,     // the bucket is being moved, or was: wait for the end of the move, then look at the flags again
     AGAIN,      // look at the flags again at once
@@ -75,22 +87,23 @@ class HashCore {
   HashCore& operator=(const HashCore&) = delete;
   ~HashCore();
 
-  // The key's record in this generation if it has a block, else null.
-  Value* FindValueProcess(const Key& key) const;
-  Value* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags) const;
+  // The key's block in this generation, else null.
+  Pointee* FindValueProcess(const Key& key) const;
+  // `flags` was read before, and has no MOVED. Null means absent only if this generation is not left (I7).
+  Pointee* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags) const;
 
   // Finds `key` or claims a place for it, here or where its bucket has moved to; `core` is the generation where that
-  // ended. ENTRY_FOUND: `valueRecord` is the key's; it may still be FILLING, then ask again. ENTRY_INSERTED: the
-  // record is the caller's to fill. MUST_GROW: this generation must grow; with a record, the key is claimed as for
-  // ENTRY_INSERTED, without one nothing was stored. KAVO_FAILED, KAVO_NO_MEMORY.
-  int InsertOrFindProcess(const Key& key, Value*& valueRecord, HashCore*& core);
+  // ended. ENTRY_FOUND: `entry` has the key's block; without one another thread is filling the record, ask again.
+  // ENTRY_INSERTED: the entry's record is the caller's to fill. MUST_GROW: this generation must grow; with a record,
+  // the key is claimed as for ENTRY_INSERTED, without one nothing was stored. KAVO_FAILED, KAVO_NO_MEMORY.
+  int InsertOrFindProcess(const Key& key, Entry& entry, HashCore*& core);
 
   // The steps of InsertOrFindProcess in this generation's bucket `home`, for callers that place entries. `flags` was
   // read before and has no MOVED. FindOrClaimCell answers IN_MAP and NO_ROOM for the map steps to go on from.
-  Outcome FindOrClaimCell(const Key& key, std::uint64_t home, std::uint8_t flags, Purpose purpose, Value*& valueRecord);
-  Outcome MapFindOrInsert(const Key& key, std::uint64_t home, std::uint8_t flags, Value*& valueRecord);
+  Outcome FindOrClaimCell(const Key& key, std::uint64_t home, std::uint8_t flags, Purpose purpose, Entry& entry);
+  Outcome MapFindOrInsert(const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
   // Creates the bucket's map with `key` as its first entry. IN_MAP: another thread does, or did.
-  Outcome TryCreateMap(const Key& key, std::uint64_t home, Value*& valueRecord);
+  Outcome TryCreateMap(const Key& key, std::uint64_t home, Entry& entry);
 
   // Waits while the bucket's map is being built. IN_MAP: it is there. AGAIN: its creation was withdrawn. FAILED: after
   // a line.
@@ -122,13 +135,31 @@ class HashCore {
 
   // A whole-table move is shared out in chunks of this many cells.
   unsigned long long ChunkSize() const noexcept;
-  unsigned long long ChunkCount() const noexcept { return AddressableSize() / ChunkSize(); }
-  // Acquire and release: whoever finds the generation emptied sees all copies, whoever made them.
-  void CountFinishedChunk() noexcept { m_finishedChunks.fetch_add(1, std::memory_order_acq_rel); }
-  bool IsEmptied() const noexcept { return m_finishedChunks.load(std::memory_order_acquire) == ChunkCount(); }
 
-  // Set under the chain's delete mutex when the current generation has passed this one. Acquire and release: so has
-  // whoever sees it.
+  // Each bucket is counted once, by the thread that set MOVED, after that. Acquire and release: whoever finds the
+  // generation emptied sees all copies, whoever made them. Relaxed for the entries: a statistic.
+  void CountMoved(unsigned long long buckets, unsigned long long entries) noexcept {
+    m_movedEntries.fetch_add(entries, std::memory_order_relaxed);
+    m_movedBuckets.fetch_add(buckets, std::memory_order_acq_rel);
+  }
+  bool IsEmptied() const noexcept { return m_movedBuckets.load(std::memory_order_acquire) == AddressableSize(); }
+  unsigned long long MovedEntries() const noexcept { return m_movedEntries.load(std::memory_order_relaxed); }
+
+  // The next buckets for a thread that sweeps. A hint, hence relaxed.
+  std::uint64_t TakeSweepPosition(std::uint64_t buckets) noexcept {
+    return m_sweepPosition.fetch_add(buckets, std::memory_order_relaxed) & (AddressableSize() - 1);
+  }
+
+  // Gives the next piece of the cells' memory back to the system; false when there is none left. Of a left generation,
+  // by one thread at a time.
+  bool GiveBackCells() noexcept;
+  // Bytes of cells that were not given back. Relaxed: a statistic.
+  unsigned long long CellBytes() const noexcept {
+    return m_cellMemory.Bytes() - m_givenBack.load(std::memory_order_relaxed);
+  }
+
+  // Left: set under the chain's delete mutex when the current generation has passed this one. Acquire and release: so
+  // has whoever sees it. See I7 for whoever came earlier.
   bool IsDeleted() const noexcept { return m_deleted.load(std::memory_order_acquire); }
   void MarkDeleted() noexcept { m_deleted.store(true, std::memory_order_release); }
 
@@ -146,29 +177,34 @@ class HashCore {
   bool IsSameBucket(const Key& a, const Key& b) const noexcept { return HomeIndex(a) == HomeIndex(b); }
 
   Outcome LinearSearch(const Key& key, std::uint64_t home, std::uint8_t flags, std::uint64_t tail, ChainLink* link,
-                       Value*& valueRecord);
-  Outcome Examine(std::uint64_t home, std::uint8_t flags, Value& record, Value*& valueRecord);
-  Outcome ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record, Value*& valueRecord);
-  Outcome LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags, Value*& valueRecord);
+                       Entry& entry);
+  Outcome Examine(std::uint64_t home, std::uint8_t flags, Value& record, Entry& entry);
+  Outcome ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record, Entry& entry);
+  Outcome LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
   HashCore* FindOrInsertCellInNext(std::uint64_t home);
-  Value* MapFind(const Key& key, std::uint64_t home) const;
+  Pointee* MapFind(const Key& key, std::uint64_t home) const;
   void OwnMap(Map* map) noexcept;
 
   // Fixed after construction.
-  unsigned long long m_linearSearchLen = HCore::LINEAR_SEARCH_LEN;
-  unsigned long long m_tableSize = 0;
-  unsigned long long m_mask = 0;
-  unsigned long long m_maxMapNum = 0;
-  ZeroedRange m_cellMemory;
   Cell* m_cells = nullptr;
+  unsigned long long m_mask = 0;
+  unsigned long long m_tableSize = 0;
+  unsigned long long m_linearSearchLen = HCore::LINEAR_SEARCH_LEN;
+  unsigned long long m_maxMapNum = 0;
 
-  // Atomic, written by any thread as the accessors say.
+  // Atomic, written by any thread as the accessors say. Those that change once share the lines above, which every
+  // operation reads; those that change often are kept off them.
   Atomic<HashCore*> m_nextHashCore{nullptr};
   Atomic<bool> m_deleted{false};
-  Atomic<unsigned> m_rehashNum{0};
   Atomic<unsigned long long> m_mapNum{0};  // only ever grows; the threshold test is approximate, hence relaxed
-  Atomic<unsigned long long> m_finishedChunks{0};
-  Atomic<Map*> m_ownedMaps{nullptr};  // list of all maps of this generation, for its destruction
+  Atomic<Map*> m_ownedMaps{nullptr};       // list of all maps of this generation, for its destruction
+  ZeroedRange m_cellMemory;
+  Atomic<unsigned long long> m_givenBack{0};
+  CacheLinePadding m_padding;
+  Atomic<unsigned> m_rehashNum{0};
+  Atomic<unsigned long long> m_movedBuckets{0};
+  Atomic<unsigned long long> m_movedEntries{0};
+  Atomic<std::uint64_t> m_sweepPosition{0};
 };
 
 template <class Key, class Value, class KTraits, class VTraits>
@@ -226,6 +262,27 @@ int HashCore<Key, Value, KTraits, VTraits>::RehashAcquire(const unsigned long lo
       return KAVO_FAILED;
     }
   }
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+bool HashCore<Key, Value, KTraits, VTraits>::GiveBackCells() noexcept {
+  constexpr std::size_t PIECE_BYTES = 4U << 20;                          // two huge pages
+  const std::size_t from = m_givenBack.load(std::memory_order_relaxed);  // of one thread at a time
+  if (from >= m_cellMemory.Bytes()) {
+    return false;
+  }
+  const std::size_t rest = m_cellMemory.Bytes() - from;
+  const std::size_t bytes = rest < PIECE_BYTES ? rest : PIECE_BYTES;
+  if (!m_cellMemory.GiveBack(from, bytes)) {
+#ifdef KAVO_TESTING
+    for (unsigned long long i = 0; i < m_tableSize; ++i) {
+      m_cells[i].Clear();
+    }
+#endif
+    return false;  // from the heap, or refused: it stays until the table is destroyed
+  }
+  m_givenBack.store(from + bytes, std::memory_order_relaxed);
+  return from + bytes < m_cellMemory.Bytes();
 }
 
 // Release: pairs with the destructor's acquire; carries the list's links.

@@ -10,7 +10,7 @@
 namespace Qen {
 
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCore<Key, Value, KTraits, VTraits>::InsertOrFindProcess(const Key& key, Value*& valueRecord, HashCore*& core) {
+int HashCore<Key, Value, KTraits, VTraits>::InsertOrFindProcess(const Key& key, Entry& entry, HashCore*& core) {
   HashCore* generation = this;
   for (;;) {
     core = generation;
@@ -18,12 +18,11 @@ int HashCore<Key, Value, KTraits, VTraits>::InsertOrFindProcess(const Key& key, 
     const std::uint8_t flags = generation->CellAt(home).flags.Load();
     Outcome outcome = Outcome::MOVING;
     if ((flags & HCore::BUCKET_MOVED) == 0) {
-      outcome = generation->FindOrClaimCell(key, home, flags, Purpose::INSERT, valueRecord);
+      outcome = generation->FindOrClaimCell(key, home, flags, Purpose::INSERT, entry);
       if (outcome == Outcome::IN_MAP) {
-        outcome = generation->MapFindOrInsert(key, home, flags, valueRecord);
+        outcome = generation->MapFindOrInsert(key, home, flags, entry);
       } else if (outcome == Outcome::NO_ROOM) {
-        outcome =
-            generation->IsOverMapThreshold() ? Outcome::FULL : generation->LinearAndMap(key, home, flags, valueRecord);
+        outcome = generation->IsOverMapThreshold() ? Outcome::FULL : generation->LinearAndMap(key, home, flags, entry);
       }
     }
     switch (outcome) {
@@ -51,7 +50,7 @@ int HashCore<Key, Value, KTraits, VTraits>::InsertOrFindProcess(const Key& key, 
 }
 
 // Where to look next for a key whose bucket here is being moved or has moved: the next generation, or this one again
-// if the move was given up. Null after a line.
+// if the move was given up and the generation is in use. Null after a line.
 template <class Key, class Value, class KTraits, class VTraits>
 HashCore<Key, Value, KTraits, VTraits>* HashCore<Key, Value, KTraits, VTraits>::FindOrInsertCellInNext(
     std::uint64_t home) {
@@ -59,7 +58,7 @@ HashCore<Key, Value, KTraits, VTraits>* HashCore<Key, Value, KTraits, VTraits>::
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashAcquire failed!");
     return nullptr;
   }
-  if ((CellAt(home).flags.Load() & HCore::BUCKET_MOVED) == 0) {
+  if ((CellAt(home).flags.Load() & HCore::BUCKET_MOVED) == 0 && !IsDeleted()) {
     return this;
   }
   HashCore* next = Next();
@@ -71,7 +70,7 @@ HashCore<Key, Value, KTraits, VTraits>* HashCore<Key, Value, KTraits, VTraits>::
 
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::FindOrClaimCell(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                             Purpose purpose, Value*& valueRecord) -> Outcome {
+                                                             Purpose purpose, Entry& entry) -> Outcome {
   const bool moving = (flags & HCore::BUCKET_MOVING) != 0;
   Cell& homeCell = CellAt(home);
   Key homeKey = homeCell.LoadKey();
@@ -80,11 +79,11 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindOrClaimCell(const Key& key, std
       return Outcome::MOVING;
     }
     if (homeCell.ClaimKey(key, homeKey)) {
-      return ConfirmClaim(home, flags, homeCell.value, valueRecord);
+      return ConfirmClaim(home, flags, homeCell.value, entry);
     }
   }
   if (homeKey == key) {
-    return Examine(home, flags, homeCell.value, valueRecord);
+    return Examine(home, flags, homeCell.value, entry);
   }
   std::uint64_t tail = home;
   ChainLink* link = &homeCell.firstLink;
@@ -92,7 +91,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindOrClaimCell(const Key& key, std
     tail += distance;
     Cell& cell = CellAt(tail);
     if (cell.LoadKey() == key) {
-      return Examine(home, flags, cell.value, valueRecord);
+      return Examine(home, flags, cell.value, entry);
     }
     link = &cell.nextLink;
   }
@@ -106,13 +105,13 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindOrClaimCell(const Key& key, std
   if (purpose == Purpose::INSERT && IsOverMapThreshold()) {
     return Outcome::FULL;
   }
-  return LinearSearch(key, home, flags, tail, link, valueRecord);
+  return LinearSearch(key, home, flags, tail, link, entry);
 }
 
 // The probe behind the chain's end (I2). Positions are not reduced, so that distances stay differences.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                          std::uint64_t tail, ChainLink* link, Value*& valueRecord)
+                                                          std::uint64_t tail, ChainLink* link, Entry& entry)
     -> Outcome {
   const std::uint64_t reach = m_linearSearchLen < m_mask ? m_linearSearchLen : m_mask;
   for (std::uint64_t position = tail + 1; position <= tail + reach; ++position) {
@@ -124,12 +123,12 @@ auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::u
     if (cellKey == HCore::EMPTY_KEY && cell.ClaimKey(key, cellKey)) {
       KAVO_TEST_POINT("HashCore.Claimed");
       link->Set(position - tail);
-      return ConfirmClaim(home, flags, cell.value, valueRecord);
+      return ConfirmClaim(home, flags, cell.value, entry);
     }
     if (cellKey == key) {
       KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "key is already existed!");
       link->Set(position - tail);  // its owner may not have come to it yet
-      return Examine(home, flags, cell.value, valueRecord);
+      return Examine(home, flags, cell.value, entry);
     }
     if (IsSameBucket(cellKey, key)) {
       link->Set(position - tail);
@@ -143,57 +142,55 @@ auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::u
 // The record of a key that is stored already.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::Examine(std::uint64_t home, std::uint8_t flags, Value& record,
-                                                     Value*& valueRecord) -> Outcome {
-  const RecordState state = record.State();
-  if (state == RecordState::ATTACHED) {
-    valueRecord = &record;  // final, moved or not
-    return Outcome::FOUND;
+                                                     Entry& entry) -> Outcome {
+  entry.block = record.Get();
+  if (entry.block != nullptr) {
+    return Outcome::FOUND;  // final, moved or not
   }
   if ((flags & HCore::BUCKET_MOVING) != 0) {
     return Outcome::MOVING;
   }
-  if (state == RecordState::VACANT && record.TakeOver()) {
-    return ConfirmClaim(home, flags, record, valueRecord);
-  }
-  valueRecord = &record;
-  return Outcome::BUSY;
+  return record.TakeOver() ? ConfirmClaim(home, flags, record, entry) : Outcome::BUSY;
 }
 
 // I3. The caller owns `record` (FILLING); its key is claimed and linked.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record,
-                                                          Value*& valueRecord) -> Outcome {
+                                                          Entry& entry) -> Outcome {
   KAVO_TEST_POINT("HashCore.Linked");
-  if (!CellAt(home).flags.ConfirmInPlace(flags)) {
+  if (!CellAt(home).flags.ConfirmInPlace(flags) || IsDeleted()) {
     record.Withdraw();
     return Outcome::MOVING;
   }
   KAVO_TEST_POINT("HashCore.Confirmed");
-  valueRecord = &record;
+  entry.record = &record;
   return Outcome::CLAIMED;
 }
 
 // No cell within reach: into the bucket's map, which this thread creates unless another does.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                          Value*& valueRecord) -> Outcome {
-  Outcome outcome = TryCreateMap(key, home, valueRecord);
+                                                          Entry& entry) -> Outcome {
+  Outcome outcome = TryCreateMap(key, home, entry);
   if (outcome == Outcome::NO_MEMORY) {
     KAVO_LOG_EVENT(TABLE_LOG_UNIT, "Memory application failed.");
     return Outcome::FAILED;
   }
-  return outcome == Outcome::IN_MAP ? MapFindOrInsert(key, home, flags, valueRecord) : outcome;
+  return outcome == Outcome::IN_MAP ? MapFindOrInsert(key, home, flags, entry) : outcome;
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::uint64_t home, Value*& valueRecord)
-    -> Outcome {
+auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::uint64_t home, Entry& entry) -> Outcome {
   Cell& homeCell = CellAt(home);
   std::uint8_t observed = homeCell.flags.Load();
   if (!homeCell.flags.TryBeginMap(observed)) {
     return HasMapBits(observed) ? Outcome::IN_MAP : Outcome::MOVING;
   }
   KAVO_TEST_POINT("HashCore.MapBegun");
+  if (IsDeleted()) {
+    homeCell.flags.WithdrawMap();
+    return Outcome::MOVING;
+  }
   HeapPtr<Map> map;
   Value* record = nullptr;
   try {
@@ -210,13 +207,13 @@ auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::u
   KAVO_TEST_POINT("HashCore.MapBuilt");
   homeCell.flags.PublishMap();
   // The creation was decided by the flags, and a mover that came after waits for it: the claim needs no confirmation.
-  valueRecord = record;
+  entry.record = record;
   return Outcome::CLAIMED;
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::MapFindOrInsert(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                             Value*& valueRecord) -> Outcome {
+                                                             Entry& entry) -> Outcome {
   const Outcome ready = MapExistAcquire(home);
   if (ready != Outcome::IN_MAP) {
     if (ready == Outcome::FAILED) {
@@ -226,15 +223,19 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapFindOrInsert(const Key& key, std
     return ready;
   }
   Cell& homeCell = CellAt(home);
-  Map& map = *homeCell.LoadMap();
+  Map* const published = homeCell.LoadMap();
+  if (published == nullptr) {
+    return Outcome::AGAIN;  // I7
+  }
+  Map& map = *published;
   Value* record = nullptr;
   {
     std::shared_lock lock(map.mutex);
-    const auto entry = map.entries.find(key);
-    record = entry == map.entries.end() ? nullptr : &entry->second;
+    const auto place = map.entries.find(key);
+    record = place == map.entries.end() ? nullptr : &place->second;
   }
   if (record != nullptr) {
-    return Examine(home, flags, *record, valueRecord);
+    return Examine(home, flags, *record, entry);
   }
   if ((flags & HCore::BUCKET_MOVING) != 0) {
     return Outcome::MOVING;
@@ -243,20 +244,20 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapFindOrInsert(const Key& key, std
     KAVO_TEST_POINT("HashCore.MapEntering");
     std::unique_lock lock(map.mutex);
     // I6: a mover sets MOVING and then takes this lock once.
-    if ((homeCell.flags.Load() & (HCore::BUCKET_MOVING | HCore::BUCKET_MOVED)) != 0) {
+    if ((homeCell.flags.Load() & (HCore::BUCKET_MOVING | HCore::BUCKET_MOVED)) != 0 || IsDeleted()) {
       return Outcome::MOVING;
     }
-    const auto [entry, isNew] = map.entries.try_emplace(key);
+    const auto [place, isNew] = map.entries.try_emplace(key);
+    record = &place->second;
     if (isNew) {
-      valueRecord = &entry->second;
+      entry.record = record;
       return Outcome::CLAIMED;
     }
-    record = &entry->second;
   } catch (const std::bad_alloc& e) {
     KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
     return Outcome::NO_MEMORY;
   }
-  return Examine(home, flags, *record, valueRecord);
+  return Examine(home, flags, *record, entry);
 }
 
 template <class Key, class Value, class KTraits, class VTraits>

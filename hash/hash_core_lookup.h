@@ -6,7 +6,7 @@
 namespace Qen {
 
 template <class Key, class Value, class KTraits, class VTraits>
-Value* HashCore<Key, Value, KTraits, VTraits>::FindValueProcess(const Key& key) const {
+auto HashCore<Key, Value, KTraits, VTraits>::FindValueProcess(const Key& key) const -> Pointee* {
   const std::uint64_t home = HomeIndex(key);
   return FindInBucket(key, home, CellAt(home).flags.Load());
 }
@@ -15,12 +15,12 @@ Value* HashCore<Key, Value, KTraits, VTraits>::FindValueProcess(const Key& key) 
 // block, and if it went into the map then MAP_READY was set before: one reading of the flags is enough. A record
 // without a block belongs to an insert that has not finished, and reads as absent.
 template <class Key, class Value, class KTraits, class VTraits>
-Value* HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::uint64_t home,
-                                                            std::uint8_t flags) const {
+auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags) const
+    -> Pointee* {
   Cell& homeCell = CellAt(home);
   const Key homeKey = homeCell.LoadKey();
   if (homeKey == key) {
-    return homeCell.value.Get() != nullptr ? &homeCell.value : nullptr;
+    return homeCell.value.Get();
   }
   if (homeKey == HCore::EMPTY_KEY) {
     return nullptr;  // an insert fills the home cell first: the bucket has no keys at all
@@ -30,7 +30,7 @@ Value* HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std:
     position += distance;
     Cell& cell = CellAt(position);
     if (cell.LoadKey() == key) {
-      return cell.value.Get() != nullptr ? &cell.value : nullptr;
+      return cell.value.Get();
     }
     distance = cell.nextLink.Distance();
   }
@@ -41,13 +41,16 @@ Value* HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std:
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
-Value* HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home) const {
-  Map& map = *CellAt(home).LoadMap();
+auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home) const -> Pointee* {
+  Map* const map = CellAt(home).LoadMap();
+  if (map == nullptr) {
+    return nullptr;  // I7: the flags were read before
+  }
   {
-    std::shared_lock lock(map.mutex);
-    const auto entry = map.entries.find(key);
-    if (entry != map.entries.end()) {
-      return entry->second.Get() != nullptr ? &entry->second : nullptr;
+    std::shared_lock lock(map->mutex);
+    const auto entry = map->entries.find(key);
+    if (entry != map->entries.end()) {
+      return entry->second.Get();
     }
   }
   KAVO_LOG_ERROR(TABLE_LOG_UNIT, "key is not exist in map! bucketHead[%llu], tableSize[%llu]",

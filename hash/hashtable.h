@@ -13,9 +13,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <utility>
-
 #include "hash/hash_core_migration.h"
+#include "platform/on_exit.h"
 
 namespace Qen {
 
@@ -23,7 +22,10 @@ template <class Key, class Value, class KTraits, class VTraits>
 class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
  public:
   using Core = HashCore<Key, Value, KTraits, VTraits>;
-  using Callback = std::function<int(Value&)>;
+  using Entry = typename Core::Entry;
+  using Pointee = typename Value::Pointee;
+  using InsertCallback = std::function<int(Value&)>;
+  using FoundCallback = std::function<int(Pointee&)>;
 
   // The first generation has at least `size` cells. Throws std::bad_alloc after its line.
   explicit Hashtable(const unsigned long long& size);
@@ -31,14 +33,23 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Hashtable& operator=(const Hashtable&) = delete;
   ~Hashtable();
 
-  // The key's record, which has its block, or null when the key is absent or its first insert has not finished.
-  Value* Find(const Key& key) const;
+  // The key's block, or null when the key is absent or its first insert has not finished.
+  Pointee* Find(const Key& key) const;
 
   // `insertCallback` attaches a block to the record of a key that this call created, as its last step; non-zero means
-  // that it could not. `foundCallback` examines a record with its block; it runs once, and what it answers is the
-  // call's status. Answers the record and 1 (inserted), 0 (found) or a negative status; the record is null after a
-  // failure.
-  std::pair<Value*, int> InsertOrFind(const Key& key, const Callback& insertCallback, const Callback& foundCallback);
+  // that it could not. `foundCallback` is given the block of a key that was there; it runs once, and what it answers is
+  // the call's status. Answers 1 (inserted), 0 (found) or a negative status. Nobody may touch the record after its
+  // block was attached: its cell may be given back.
+  int InsertOrFind(const Key& key, const InsertCallback& insertCallback, const FoundCallback& foundCallback);
+
+  // REHASH_GRADUAL or REHASH_WHOLE_TABLE. While no insert runs.
+  void SetRehashType(std::uint8_t type) noexcept { this->m_rehashType.store(type, std::memory_order_relaxed); }
+
+  // What the iterator of a walk does when it begins and ends: see HashCoreMigration::BeginWalk.
+  const Core* BeginWalk() noexcept {
+    HashCoreMigration<Key, Value, KTraits, VTraits>::BeginWalk();
+    return this->m_curHashCore.load(std::memory_order_seq_cst);  // see GiveBackSome
+  }
 
   Core* CurrentGeneration() const noexcept {
     return this->m_curHashCore.load(std::memory_order_acquire);  // see the field
@@ -46,10 +57,11 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Core* FirstGeneration() const noexcept { return m_firstHashCore; }
 
  private:
-  int FoundProcess(Value& record, const Callback& foundCallback, Waiter& waiter, bool& again);
-  int AssignValue(Value& record, const Callback& insertCallback);
-  int MigrateHashCore(Core* core);
+  int FoundProcess(Pointee* block, const FoundCallback& foundCallback, Waiter& waiter, bool& again);
+  int AssignValue(Value& record, const InsertCallback& insertCallback);
+  int MigrateHashCore(const Key& key, Core* core);
   void LeaveIfEmptied(Core* core) noexcept;
+  void ShareGrowth(Core* start) noexcept;
 
   // Owns the chain: each generation leads to the next. Fixed after construction.
   Core* m_firstHashCore = nullptr;
@@ -65,6 +77,7 @@ Hashtable<Key, Value, KTraits, VTraits>::Hashtable(const unsigned long long& siz
     throw std::bad_alloc();
   }
   this->m_curHashCore.store(m_firstHashCore, std::memory_order_release);  // see the field
+  this->m_giveBack = m_firstHashCore;
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
@@ -76,16 +89,19 @@ Hashtable<Key, Value, KTraits, VTraits>::~Hashtable() {
   }
 }
 
-// While the key's bucket has MOVED the key is in the next generation. No second look, no fence: an insert that
-// completed before this lookup began is either here, or was made in a later generation after MOVED was set, and then
-// this lookup sees MOVED.
+// While the key's bucket has MOVED the key is in the next generation. An insert that completed before this lookup began
+// is either here, or was made in a later generation after MOVED was set, and then this lookup sees MOVED; or, if the
+// cells were given back meanwhile and read as an empty bucket in place, it sees that the generation was left.
 template <class Key, class Value, class KTraits, class VTraits>
-Value* Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key) const {
+auto Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key) const -> Pointee* {
   for (const Core* core = CurrentGeneration(); core != nullptr; core = core->Next()) {
     const std::uint64_t home = core->HomeIndex(key);
     const std::uint8_t flags = core->CellAt(home).flags.Load();
     if ((flags & HCore::BUCKET_MOVED) == 0) {
-      return core->FindInBucket(key, home, flags);
+      Pointee* const block = core->FindInBucket(key, home, flags);
+      if (block != nullptr || !core->IsDeleted()) {
+        return block;
+      }
     }
   }
   return nullptr;
@@ -93,63 +109,62 @@ Value* Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key) const {
 
 // Every run, the first and each further one, is dispatched in the same way.
 template <class Key, class Value, class KTraits, class VTraits>
-std::pair<Value*, int> Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(const Key& key,
-                                                                             const Callback& insertCallback,
-                                                                             const Callback& foundCallback) {
+int Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(const Key& key, const InsertCallback& insertCallback,
+                                                          const FoundCallback& foundCallback) {
   Waiter waiter(HCore::WAIT_INTERVAL_US, HCore::MAX_WAIT_TIME);
   for (;;) {
-    Value* record = nullptr;
+    Entry entry;
     Core* core = nullptr;
     Core* const start = CurrentGeneration();
-    int ret = start->InsertOrFindProcess(key, record, core);
+    int ret = start->InsertOrFindProcess(key, entry, core);
     if (core != start) [[unlikely]] {
       LeaveIfEmptied(start);
     }
     if (ret == ENTRY_FOUND) {
       bool again = false;
-      ret = FoundProcess(*record, foundCallback, waiter, again);
+      ret = FoundProcess(entry.block, foundCallback, waiter, again);
       if (again) {
         continue;
       }
-      return {ret == KAVO_SUCCESS ? record : nullptr, ret};
+      return ret;
     }
     if (ret < 0) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "InsertOrFind failed!");
-      return {nullptr, ret};
+      return ret;
     }
-    const bool stored = record != nullptr;  // claimed by this call, within the threshold or over it
+    const bool stored = entry.record != nullptr;  // claimed by this call, within the threshold or over it
     if (stored) {
-      const int assigned = AssignValue(*record, insertCallback);
+      const int assigned = AssignValue(*entry.record, insertCallback);
       if (assigned != KAVO_SUCCESS) {
         KAVO_LOG_ERROR(TABLE_LOG_UNIT, "assignValue failed!");
-        return {nullptr, assigned};
-      }
-      if (ret == ENTRY_INSERTED) {
-        return {record, ENTRY_INSERTED};
+        return assigned;
       }
     }
-    ret = MigrateHashCore(core);
-    if (ret == KAVO_NO_MEMORY) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "no enough mem!");
-    } else if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "MigrateHashCore failed!");
+    if (ret == MUST_GROW) {
+      ret = MigrateHashCore(key, core);
+      if (ret == KAVO_NO_MEMORY) {
+        KAVO_LOG_ERROR(TABLE_LOG_UNIT, "no enough mem!");
+      } else if (ret != KAVO_SUCCESS) {
+        KAVO_LOG_ERROR(TABLE_LOG_UNIT, "MigrateHashCore failed!");
+      }
+      if (ret != KAVO_SUCCESS && !stored) {
+        return ret;
+      }
     }
     if (stored) {
-      return {record, ENTRY_INSERTED};  // whatever became of the growth
-    }
-    if (ret != KAVO_SUCCESS) {
-      return {nullptr, ret};
+      ShareGrowth(start);
+      return ENTRY_INSERTED;  // whatever became of the growth
     }
   }
 }
 
-// A record without its block belongs to another thread's insert: look the key up again shortly, from the flags on, for
-// that insert may be withdrawn or its bucket move meanwhile.
+// A key without its block belongs to another thread's insert: look it up again shortly, from the flags on, for that
+// insert may be withdrawn or its bucket move meanwhile.
 template <class Key, class Value, class KTraits, class VTraits>
-int Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Value& record, const Callback& foundCallback, Waiter& waiter,
-                                                          bool& again) {
-  if (record.Get() != nullptr) {
-    return foundCallback(record);
+int Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Pointee* block, const FoundCallback& foundCallback,
+                                                          Waiter& waiter, bool& again) {
+  if (block != nullptr) {
+    return foundCallback(*block);
   }
   KAVO_TEST_POINT("Driver.WaitForRecord");
   again = waiter.Pause();
@@ -162,20 +177,14 @@ int Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Value& record, const C
 // The caller owns `record` (FILLING). When this fails, or throws, the record is VACANT: the mover of the bucket need
 // not wait for it, and the next offer of the key takes it over.
 template <class Key, class Value, class KTraits, class VTraits>
-int Hashtable<Key, Value, KTraits, VTraits>::AssignValue(Value& record, const Callback& insertCallback) {
-  struct Ownership {
-    explicit Ownership(Value& owned) noexcept : m_owned(owned) {}
-    ~Ownership() {
-      if (m_owned.State() == RecordState::FILLING) {
-        m_owned.Withdraw();
-      }
-    }
-    Ownership(const Ownership&) = delete;
-    Ownership& operator=(const Ownership&) = delete;
-    Value& m_owned;
-  } const ownership(record);
+int Hashtable<Key, Value, KTraits, VTraits>::AssignValue(Value& record, const InsertCallback& insertCallback) {
+  OnExit withdraw([&record]() noexcept { record.Withdraw(); });
   KAVO_TEST_POINT("Driver.Attaching");
-  return insertCallback(record) == KAVO_SUCCESS ? KAVO_SUCCESS : KAVO_NO_MEMORY;
+  if (insertCallback(record) != KAVO_SUCCESS) {
+    return KAVO_NO_MEMORY;
+  }
+  withdraw.Dismiss();
+  return KAVO_SUCCESS;
 }
 
 // An insert was sent on from `core`. If all of it has been sent on and it is still current, whoever emptied it failed
@@ -192,14 +201,28 @@ void Hashtable<Key, Value, KTraits, VTraits>::LeaveIfEmptied(Core* core) noexcep
   }
 }
 
-// Brings about the end of `core`, which is full. The caller holds nothing. Does not throw: the insert that brought this
-// about may have been done by now.
+// The part of a new key's insert in a growth under way, its own work being done: a few buckets of the oldest generation
+// in use, a piece of a left one's memory.
 template <class Key, class Value, class KTraits, class VTraits>
-int Hashtable<Key, Value, KTraits, VTraits>::MigrateHashCore(Core* core) {
+void Hashtable<Key, Value, KTraits, VTraits>::ShareGrowth(Core* start) noexcept {
+  if (start->Next() != nullptr && this->m_rehashType.load(std::memory_order_relaxed) == REHASH_GRADUAL) [[unlikely]] {
+    this->Sweep(start);
+  }
+  if (this->IsGiveBackDue()) [[unlikely]] {
+    static_cast<void>(this->GiveBackSome());
+  }
+}
+
+// Makes room in `core`, which is full: for the key's bucket, or for all. The caller holds nothing. Does not throw: the
+// insert that brought this about may have been done by now.
+template <class Key, class Value, class KTraits, class VTraits>
+int Hashtable<Key, Value, KTraits, VTraits>::MigrateHashCore(const Key& key, Core* core) {
   // Release: pairs with the loads in the chain; the pointer is the same whoever stores it.
   this->m_root.store(&this->m_curHashCore, std::memory_order_release);
   try {
     switch (this->m_rehashType.load(std::memory_order_relaxed)) {  // set before the first insert
+      case REHASH_GRADUAL:
+        return this->RehashCheck(core, core->HomeIndex(key));
       case REHASH_WHOLE_TABLE:
         return this->BeginWholeTableMigration(core);
       default:

@@ -14,14 +14,13 @@ struct KTraits {
 };
 
 struct VTraits {
-  static unsigned char* Block(const HashValue& value) noexcept { return value.Get(); }
+  static unsigned char* Block(unsigned char& block) noexcept { return &block; }
 };
 
 struct FVTraits {
-  static unsigned char* Block(const FHashValue& value) noexcept {
-    const FilterRecord* record = value.Get();
-    // Acquire: pairs with the release store at admission, which publishes the block.
-    return record == nullptr ? nullptr : record->value.load(std::memory_order_acquire);
+  // Acquire: pairs with the release store at admission, which publishes the block.
+  static unsigned char* Block(const FilterRecord& record) noexcept {
+    return record.value.load(std::memory_order_acquire);
   }
 };
 

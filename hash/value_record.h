@@ -21,9 +21,11 @@ namespace Qen {
 
 enum class RecordState { FILLING, VACANT, ATTACHED };
 
-template <class Pointee>
+template <class PointeeType>
 class ValueRecord {
  public:
+  using Pointee = PointeeType;
+
   // What everybody outside the core sees: the block, or null while there is none.
   // Acquire: pairs with Attach; whoever sees the pointer sees what was written to the block before.
   Pointee* Get() const noexcept {
@@ -46,6 +48,13 @@ class ValueRecord {
   // Owner of FILLING only. Relaxed: VACANT carries no data, and whoever takes the record over validates its claim
   // against the bucket's flags like a new one.
   void Withdraw() noexcept { m_word.store(VACANT_WORD, std::memory_order_relaxed); }
+
+#ifdef KAVO_TESTING
+  // See HashCell::Clear.
+  void Clear() noexcept {
+    m_word.store(FILLING_WORD, std::memory_order_relaxed);
+  }
+#endif
 
   // Makes the caller the owner of FILLING if the record is VACANT. Relaxed: ownership is published by the validation
   // that must follow.

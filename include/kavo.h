@@ -120,6 +120,27 @@ int KavoInitHashTable(unsigned int tableId, unsigned int size, unsigned int valu
  */
 int KavoUninitHashTable(unsigned int tableId);
 
+/* How a table moves its entries into a larger one when it is full. */
+#define KAVO_REHASH_GRADUAL 1     /* A few entries with each insert: no insert pays for a whole table. For serving. */
+#define KAVO_REHASH_WHOLE_TABLE 2 /* All at once, by every thread that inserts. The mode of a new table. */
+
+/*
+ * Chooses how a table grows. Nothing is moved by the call itself.
+ *
+ * With whole-table growth the inserts that meet a full table stop until everything was copied, which takes seconds for
+ * tens of millions of entries; when it is over, every entry is found in one place again. With gradual growth an insert
+ * of a new key copies a few entries more while a growth is under way, some microseconds; lookups may have to look into
+ * two tables then. What concurrent calls may count on is the same.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      `mode` is neither of the two, or the table id is not in use;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind;
+ *   KAVO_FAILED       a lock reported an error.
+ *
+ * Threads: before the first insert, or while no call that inserts is in progress on this id.
+ */
+int KavoSetRehashMode(unsigned int tableId, unsigned int mode);
+
 /* KEYS AND VALUES
  *
  * Each entry has, beside its value, an export state, a 32-bit word that the caller never sees. The functions below say

@@ -159,6 +159,11 @@ ZeroedRange::~ZeroedRange() {
   Release();
 }
 
+bool ZeroedRange::GiveBack(std::size_t offset, std::size_t bytes) noexcept {
+  return m_bytes > MAX_HEAP_RANGE_BYTES &&
+         ::madvise(static_cast<char*>(m_data) + offset, MappingBytes(bytes), MADV_DONTNEED) == 0;
+}
+
 void ZeroedRange::Release() noexcept {
   if (m_data == nullptr) {
     return;

@@ -95,6 +95,11 @@ class ZeroedRange {
   ZeroedRange& operator=(const ZeroedRange&) = delete;
   ~ZeroedRange();
 
+  // Gives pages back to the system: their bytes read zero from here on, and cost nothing until they are written again.
+  // False, and nothing changed, for a range from the heap, or when the system refused. `offset` is a multiple of the
+  // page size, and so is `bytes` unless they end the range.
+  bool GiveBack(std::size_t offset, std::size_t bytes) noexcept;
+
   void* Data() const noexcept { return m_data; }
   std::size_t Bytes() const noexcept { return m_bytes; }
 

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <type_traits>
-#include <utility>
 
 #include "hash/hashtable.h"
 #include "hash/traits.h"
@@ -26,12 +25,12 @@ class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Valu
   using typename Base::Cursor;
   using typename Base::OperationInfo;
 
-  unsigned char* GetValue(Value* value) const override { return value->Get(); }
+  unsigned char* GetValue(unsigned char* value) const override { return value; }
 
-  std::pair<Value*, int> InsertOrFind(OperationInfo& info) const override;
+  int InsertOrFind(OperationInfo& info) const override;
 
-  int UpdateValue(Value* value, const unsigned char* src, unsigned len) const override {
-    return Base::UpdateValue(value->Get(), src, len);
+  int UpdateValue(unsigned char* value, const unsigned char* src, unsigned len) const override {
+    return Base::UpdateBlock(value, src, len);
   }
 
   void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool /* admittedOnly */) const override {
@@ -40,16 +39,15 @@ class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Valu
   }
 
   // An entry without a block is in no export; a walk does not report one.
-  bool IsMeetRequirements(unsigned mode, Value* value) const override {
-    unsigned char* const block = GetValue(value);
-    return block != nullptr && IsDue(mode, block);
+  bool IsMeetRequirements(unsigned mode, unsigned char* value) const override {
+    return value != nullptr && IsDue(mode, value);
   }
 
   // The element's count stays what the caller had there.
   void SetBatchInfo(KavoHtBatchInfo& info, const Cursor& it, unsigned index) const override {
     KavoHtBatchElement& element = info.elements[index];
     element.key = it.EntryKey();
-    element.value = ValueBytes(GetValue(it.EntryRecord()));
+    element.value = ValueBytes(it.EntryBlock());
   }
 
   void SetTableType(KavoHtBatchInfo& info) const override { info.tableType = KAVO_TABLE_TYPE_BASIC; }
@@ -61,8 +59,7 @@ class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Valu
 };
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-std::pair<Value*, int> BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(
-    OperationInfo& info) const {
+int BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(OperationInfo& info) const {
   // Runs once, on the record of a key that this call created. The block becomes visible to others with Attach, as it
   // is by then.
   auto onInsert = [this, &info](Value& value) {
@@ -76,16 +73,16 @@ std::pair<Value*, int> BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTra
     value.Attach(info.rawPtr);
     return static_cast<int>(KAVO_SUCCESS);
   };
-  // Sees only records that have their block: the hash table waits for another thread's insert by itself.
-  auto onFound = [&info](Value& value) {
-    info.rawPtr = value.Get();
+  // The hash table waits for another thread's insert by itself.
+  auto onFound = [&info](unsigned char& block) {
+    info.rawPtr = &block;
     return KAVO_SUCCESS;
   };
   // Callables of two pointers stay inside the function objects; larger ones would be allocated in every call.
   static_assert(sizeof(onInsert) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onInsert)>);
   static_assert(sizeof(onFound) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onFound)>);
   const std::function<int(Value&)> insertCallback(onInsert);
-  const std::function<int(Value&)> foundCallback(onFound);
+  const std::function<int(unsigned char&)> foundCallback(onFound);
   return this->HashTableOwner().GetHashtable().InsertOrFind(info.key, insertCallback, foundCallback);
 }
 

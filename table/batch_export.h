@@ -35,7 +35,7 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetBatchNext(const
   // Set before the walk: a lock that fails at its end must not take the caller's way back to the cursor.
   iter = cursor;
   for (; !cursor->AtEnd(); cursor->Next(hint)) {
-    if (!self.IsMeetRequirements(mode, cursor->EntryRecord())) {
+    if (!self.IsMeetRequirements(mode, cursor->EntryBlock())) {
       continue;
     }
     self.SetBatchInfo(info, *cursor, realNum);
@@ -60,7 +60,7 @@ unsigned long long EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::Cou
                                                                                           const Hint& hint) noexcept {
   unsigned long long count = 0;
   for (Cursor it(self.HashTableOwner().GetHashtable()); !it.AtEnd(); it.Next(hint)) {
-    if (!admittedOnly || self.GetValue(it.EntryRecord()) != nullptr) {
+    if (!admittedOnly || self.GetValue(it.EntryBlock()) != nullptr) {
       ++count;
     }
   }

@@ -13,9 +13,9 @@
 // The table keeps none of its creation parameters: capacity is the hash table's, table id and block size the pool's.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <new>
-#include <utility>
 
 #include "hash/concurrent_table.h"
 #include "kavo.h"
@@ -35,6 +35,9 @@ class EsConcurrentTable {
   using Table = ConcurrentTable<Key, Value, KTraits, VTraits>;
   using Cursor = typename Table::iterator;
 
+  // What an entry's record points to: for each key one, for the life of the table.
+  using Pointee = typename Value::Pointee;
+
   // The argument record of InsertOrFind.
   struct OperationInfo {
     Key key;
@@ -50,22 +53,22 @@ class EsConcurrentTable {
   EsConcurrentTable(const EsConcurrentTable&) = delete;
   EsConcurrentTable& operator=(const EsConcurrentTable&) = delete;
 
-  // The block of an entry's record; null when the record has none.
-  virtual unsigned char* GetValue(Value* value) const = 0;
+  // The block of an entry; null when it has none.
+  virtual unsigned char* GetValue(Pointee* value) const = 0;
 
   // Finds the key, or inserts it with a block from the pool. The status is 1 for a new entry, 0 for one that was
   // there, negative for a failure; 0 and 1 come with the block in `info.rawPtr`. Does not allocate.
-  virtual std::pair<Value*, int> InsertOrFind(OperationInfo& info) const = 0;
+  virtual int InsertOrFind(OperationInfo& info) const = 0;
 
   // Overwrites an entry's value bytes and marks the entry changed.
-  virtual int UpdateValue(Value* value, const unsigned char* src, unsigned len) const = 0;
+  virtual int UpdateValue(Pointee* value, const unsigned char* src, unsigned len) const = 0;
 
   // The number of entries, by a walk over the table, and the value length. With `admittedOnly` entries without a block
   // are not counted.
   virtual void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool admittedOnly) const = 0;
 
   // Whether an export of this mode takes the entry. A marking export counts it as exported from here on.
-  virtual bool IsMeetRequirements(unsigned mode, Value* value) const = 0;
+  virtual bool IsMeetRequirements(unsigned mode, Pointee* value) const = 0;
 
   // Writes the entry at which `it` stands into element `index`.
   virtual void SetBatchInfo(KavoHtBatchInfo& info, const Cursor& it, unsigned index) const = 0;
@@ -73,9 +76,11 @@ class EsConcurrentTable {
   // Writes the kind of table into the record.
   virtual void SetTableType(KavoHtBatchInfo& info) const = 0;
 
-  // The key's record, which then has what its kind of table attaches; null when the key is absent or its insert has
-  // not finished.
-  Value* Find(const Key& key) const { return m_table->GetHashtable().Find(key); }
+  // Null when the key is absent or its insert has not finished.
+  Pointee* Find(const Key& key) const { return m_table->GetHashtable().Find(key); }
+
+  // REHASH_GRADUAL or REHASH_WHOLE_TABLE. While no insert runs.
+  void SetRehashType(std::uint8_t type) const noexcept { m_table->GetHashtable().SetRehashType(type); }
 
   // The preallocation of values, as the pool's operations (memory_pool.h); see there when each may be called.
   int PrepareMemForValues(unsigned long long& count) const { return m_pool->PrepareMemForValues(count); }
@@ -91,7 +96,7 @@ class EsConcurrentTable {
   int GetMemAndRawPtr(MemKind& kind, unsigned char*& rawPtr) const;
 
   // The header is written first, so the entry counts as changed even when the copy fails.
-  static int UpdateValue(unsigned char* block, const unsigned char* src, unsigned len);
+  static int UpdateBlock(unsigned char* block, const unsigned char* src, unsigned len);
 
   // One batch of an export, of at least one element; `iter` null begins one, and is null again after its end. Here and
   // below `self` is the table itself, under its own type, and `hint` is called with the cells that the walk comes to.
@@ -153,7 +158,7 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetMemForValue(uns
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(unsigned char* block,
+int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateBlock(unsigned char* block,
                                                                           const unsigned char* src, unsigned len) {
   ValueHeader::Store(block, ValueHeader::CHANGED);
   const int ret = memcpy_s(ValueBytes(block), len, src, len);

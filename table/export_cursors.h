@@ -25,7 +25,7 @@ class ExportCursors {
   // A new cursor, at the first entry of `table`; one allocation. Null when there is no memory. Throws what a lock
   // throws.
   template <class Table>
-  Cursor* Open(const Table& table) {
+  Cursor* Open(Table& table) {
     Cursors opened;
     try {
       opened.emplace_front(table);

@@ -27,7 +27,6 @@
 #include <limits>
 #include <new>
 #include <type_traits>
-#include <utility>
 
 #include "hash/filter_record.h"
 #include "hash/hashtable.h"
@@ -48,7 +47,6 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
  public:
   using typename Base::Cursor;
   using typename Base::OperationInfo;
-  using Result = std::pair<Value*, int>;
 
   // The argument record of the filter operations.
   struct FilterOperationInfo {
@@ -63,13 +61,13 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
       : Base(tableId, size, valueLen), m_records(BlockLayout{sizeof(FilterRecord), 0}) {}
 
   // Null while the key is not admitted.
-  unsigned char* GetValue(Value* value) const override { return VTraits::Block(*value); }
+  unsigned char* GetValue(FilterRecord* record) const override { return VTraits::Block(*record); }
 
   // Insert-or-find that counts one occurrence.
-  Result InsertOrFind(OperationInfo& info) const override;
+  int InsertOrFind(OperationInfo& info) const override;
 
   // KAVO_INVALID, with a line, for a key that is not admitted.
-  int UpdateValue(Value* value, const unsigned char* src, unsigned len) const override;
+  int UpdateValue(FilterRecord* record, const unsigned char* src, unsigned len) const override;
 
   void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool admittedOnly) const override {
     valueLen = this->ValueLen();
@@ -79,14 +77,14 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
 
   // A key that is not admitted is in every export. Modes without a name take the entries that an insert gave that
   // number as their state.
-  bool IsMeetRequirements(unsigned mode, Value* value) const override {
-    unsigned char* const block = GetValue(value);
+  bool IsMeetRequirements(unsigned mode, FilterRecord* record) const override {
+    unsigned char* const block = GetValue(record);
     return block == nullptr || (mode > LAST_EXPORT_MODE ? ValueHeader::Load(block) == mode : IsDue(mode, block));
   }
 
   void SetBatchInfo(KavoHtBatchInfo& info, const Cursor& it, unsigned index) const override {
     KavoHtBatchElement& element = info.elements[index];
-    const FilterRecord& record = *it.EntryRecord()->Get();
+    const FilterRecord& record = *it.EntryBlock();
     // Acquire: the block's bytes, as in GetValue.
     unsigned char* const block = record.value.load(std::memory_order_acquire);
     element.key = it.EntryKey();
@@ -100,16 +98,16 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
     return Base::GetBatchNext(*this, info, realNum, iter, RecordHint{info.exportMode != KAVO_EXPORT_ALL});
   }
 
-  // Each answers the entry's record and 1 (new entry), 0 (it was there) or a negative status.
+  // Each answers 1 (new entry), 0 (it was there) or a negative status.
 
   // Inserts, with the value's block if the caller brings one; a key that is there stays as it is.
-  Result InsertValue(FilterOperationInfo& info) const;
+  int InsertValue(FilterOperationInfo& info) const;
   // Inserts likewise, or gives the block of a key that is there. Counts nothing.
-  Result InsertOrUpdateFilterValue(FilterOperationInfo& info) const;
+  int InsertOrUpdateFilterValue(FilterOperationInfo& info) const;
   // Inserts with a block at once, or finds. Counts nothing.
-  Result InsertOrFindForDefaultKey(FilterOperationInfo& info) const;
+  int InsertOrFindForDefaultKey(FilterOperationInfo& info) const;
   // Counts `filterCount` occurrences, and admits the key once its count has passed the threshold.
-  Result InsertOrFindWithCounter(FilterOperationInfo& info) const;
+  int InsertOrFindWithCounter(FilterOperationInfo& info) const;
 
   // The new-entry step of the first two.
   int AssignFilterValue(FilterOperationInfo& info, Value& value) const;
@@ -122,8 +120,8 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
  private:
   static constexpr std::uint32_t MAX_COUNT = std::numeric_limits<std::uint32_t>::max();
 
-  Result Run(const Key& key, const std::function<int(Value&)>& onInsert,
-             const std::function<int(Value&)>& onFound) const {
+  int Run(const Key& key, const std::function<int(Value&)>& onInsert,
+          const std::function<int(FilterRecord&)>& onFound) const {
     return this->HashTableOwner().GetHashtable().InsertOrFind(key, onInsert, onFound);
   }
   // Relaxed: a number of its own; an operation may decide with the old one.
@@ -184,27 +182,26 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::AssignFilter
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertValue(FilterOperationInfo& info) const
-    -> Result {
+int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertValue(FilterOperationInfo& info) const {
   return Run(
       info.key, [this, &info](Value& value) { return AssignFilterValue(info, value); },
-      [](Value&) { return KAVO_SUCCESS; });
+      [](FilterRecord&) { return KAVO_SUCCESS; });
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrUpdateFilterValue(
-    FilterOperationInfo& info) const -> Result {
+int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrUpdateFilterValue(
+    FilterOperationInfo& info) const {
   return Run(
       info.key, [this, &info](Value& value) { return AssignFilterValue(info, value); },
-      [&info](Value& value) {
-        info.rawPtr = VTraits::Block(value);
+      [&info](FilterRecord& record) {
+        info.rawPtr = VTraits::Block(record);
         return KAVO_SUCCESS;
       });
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFindForDefaultKey(
-    FilterOperationInfo& info) const -> Result {
+int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFindForDefaultKey(
+    FilterOperationInfo& info) const {
   return Run(
       info.key,
       [this, &info](Value& value) {
@@ -213,15 +210,15 @@ auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFin
         }
         KAVO_CATCH_NO_RECORD
       },
-      [&info](Value& value) {
-        info.rawPtr = VTraits::Block(value);
+      [&info](FilterRecord& record) {
+        info.rawPtr = VTraits::Block(record);
         return KAVO_SUCCESS;
       });
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFindWithCounter(
-    FilterOperationInfo& info) const -> Result {
+int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFindWithCounter(
+    FilterOperationInfo& info) const {
   const auto onInsert = [this, &info](Value& value) {
     try {
       return MakeRecord(value, info, info.filterCount > Threshold());
@@ -229,8 +226,7 @@ auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFin
     KAVO_CATCH_NO_RECORD
   };
   // Runs once in a call: the hash table waits by itself for a record that is not there yet. So the call counts once.
-  const auto onFound = [this, &info](Value& value) {
-    FilterRecord& record = *value.Get();
+  const auto onFound = [this, &info](FilterRecord& record) {
     return FindOrAdmit(record, AddCount(record, info.filterCount), info);
   };
   static_assert(sizeof(onInsert) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onInsert)>);
@@ -239,12 +235,12 @@ auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFin
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-auto FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(OperationInfo& info) const -> Result {
+int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(OperationInfo& info) const {
   FilterOperationInfo counting{info.key, nullptr, info.memKind, 1};
-  const Result result = InsertOrFindWithCounter(counting);
+  const int status = InsertOrFindWithCounter(counting);
   info.rawPtr = counting.rawPtr;
   info.memKind = counting.memKind;
-  return result;
+  return status;
 }
 
 // The count that this call stored; it saturates. Relaxed: the count is a number of its own, and the block is acquired
@@ -313,14 +309,15 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::ValueAcquire
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(Value* value, const unsigned char* src,
+int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(FilterRecord* record,
+                                                                                const unsigned char* src,
                                                                                 unsigned len) const {
-  unsigned char* const block = GetValue(value);
+  unsigned char* const block = GetValue(record);
   if (block == nullptr) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "rawPtr is nullptr!");
     return KAVO_INVALID;
   }
-  return Base::UpdateValue(block, src, len);
+  return Base::UpdateBlock(block, src, len);
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>

@@ -18,11 +18,12 @@ using Qen::MUST_GROW;
 class Generation : public ::testing::Test {
  protected:
   int Insert(Core& core, long key) {
-    m_record = nullptr;
+    m_entry = {};
     m_core = nullptr;
-    const int ret = core.InsertOrFindProcess(key, m_record, m_core);
-    if (m_record != nullptr && m_record->Get() == nullptr) {
-      m_record->Attach(m_blocks + 8 * ++m_used);
+    const int ret = core.InsertOrFindProcess(key, m_entry, m_core);
+    if (m_entry.record != nullptr) {
+      m_entry.block = m_blocks + 8 * ++m_used;
+      m_entry.record->Attach(m_entry.block);
     }
     return ret;
   }
@@ -36,18 +37,18 @@ class Generation : public ::testing::Test {
 
   alignas(8) unsigned char m_blocks[8 * 4096] = {};
   int m_used = 0;
-  Qen::HashValue* m_record = nullptr;
+  Core::Entry m_entry;
   Core* m_core = nullptr;
 };
 
-TEST_F(Generation, FirstOfferInsertsAndSecondFindsTheSameRecord) {
+TEST_F(Generation, FirstOfferInsertsAndSecondFindsTheSameBlock) {
   Core core(8);
   EXPECT_EQ(Insert(core, 5), ENTRY_INSERTED);
-  const Qen::HashValue* record = m_record;
+  const unsigned char* block = m_entry.block;
   EXPECT_EQ(m_core, &core);
   EXPECT_EQ(Insert(core, 5), ENTRY_FOUND);
-  EXPECT_EQ(m_record, record);
-  EXPECT_EQ(core.FindValueProcess(5), record);
+  EXPECT_EQ(m_entry.block, block);
+  EXPECT_EQ(core.FindValueProcess(5), block);
   EXPECT_EQ(core.CellAt(5).LoadKey(), 5);
   EXPECT_EQ(core.FindValueProcess(13), nullptr);  // same bucket, other key
 }
@@ -73,8 +74,8 @@ TEST_F(Generation, KeysThatDifferAboveTheBucketBitsAreToldApart) {
   for (const long key : keys) {
     EXPECT_EQ(Insert(core, key), ENTRY_INSERTED);
   }
-  EXPECT_NE(core.FindValueProcess(keys[0])->Get(), core.FindValueProcess(keys[1])->Get());
-  EXPECT_NE(core.FindValueProcess(keys[1])->Get(), core.FindValueProcess(keys[2])->Get());
+  EXPECT_NE(core.FindValueProcess(keys[0]), core.FindValueProcess(keys[1]));
+  EXPECT_NE(core.FindValueProcess(keys[1]), core.FindValueProcess(keys[2]));
 }
 
 TEST_F(Generation, AProbeEndsAtTheHomeCellAndThenTheKeyGoesToAMap) {
@@ -84,7 +85,7 @@ TEST_F(Generation, AProbeEndsAtTheHomeCellAndThenTheKeyGoesToAMap) {
   }
   EXPECT_EQ(core.MapNum(), 0U);
   EXPECT_EQ(Insert(core, 67), MUST_GROW);
-  EXPECT_NE(m_record, nullptr);
+  EXPECT_NE(m_entry.record, nullptr);
   EXPECT_EQ(core.MapNum(), 1U);
   EXPECT_EQ(core.CellAt(3).flags.Load(), Qen::HCore::MAP_READY);
   for (long key = 3; key <= 67; key += 8) {
@@ -96,13 +97,13 @@ TEST_F(Generation, OverTheThresholdOnlyWhatNeedsNoProbeIsStored) {
   Core core(1024);
   FillBehindBucketZero(core);
   EXPECT_EQ(Insert(core, 1024), MUST_GROW);  // creates bucket 0's map
-  EXPECT_NE(m_record, nullptr);
+  EXPECT_NE(m_entry.record, nullptr);
   EXPECT_EQ(Insert(core, 500), MUST_GROW);  // an empty home cell
-  EXPECT_NE(m_record, nullptr);
+  EXPECT_NE(m_entry.record, nullptr);
   EXPECT_EQ(Insert(core, 2048), MUST_GROW);  // an existing map
-  EXPECT_NE(m_record, nullptr);
+  EXPECT_NE(m_entry.record, nullptr);
   EXPECT_EQ(Insert(core, 1025), MUST_GROW);  // would need the probe
-  EXPECT_EQ(m_record, nullptr);
+  EXPECT_EQ(m_entry.record, nullptr);
   EXPECT_EQ(core.FindValueProcess(1025), nullptr);
   EXPECT_EQ(Insert(core, 2048), ENTRY_FOUND);
   EXPECT_EQ(core.MapNum(), 1U);

@@ -24,7 +24,7 @@ namespace {
 using Walk = Qen::ConcurrentTable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>::iterator;
 using Blocks = std::map<long, unsigned char*>;
 
-std::vector<long> KeysOf(const TestTable& table) {
+std::vector<long> KeysOf(TestTable& table) {
   std::vector<long> keys;
   for (Walk walk(table); !walk.AtEnd(); walk.Next()) {
     keys.push_back(walk.EntryKey());
@@ -33,10 +33,10 @@ std::vector<long> KeysOf(const TestTable& table) {
 }
 
 // The walk gives these entries and no other, each once.
-void ExpectExactly(const TestTable& table, const Blocks& blocks) {
+void ExpectExactly(TestTable& table, const Blocks& blocks) {
   Blocks seen;
   for (Walk walk(table); !walk.AtEnd(); walk.Next()) {
-    ASSERT_TRUE(seen.emplace(walk.EntryKey(), walk.EntryRecord()->Get()).second) << walk.EntryKey() << " twice";
+    ASSERT_TRUE(seen.emplace(walk.EntryKey(), walk.EntryBlock()).second) << walk.EntryKey() << " twice";
   }
   EXPECT_EQ(blocks, seen);
 }
@@ -78,7 +78,7 @@ TEST_F(Iterator, AnEmptyTableIsAtItsEndAndStaysThere) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_TRUE(walk.AtEnd());
     EXPECT_EQ(walk.EntryKey(), Qen::HCore::EMPTY_KEY);
-    EXPECT_EQ(walk.EntryRecord(), nullptr);
+    EXPECT_EQ(walk.EntryBlock(), nullptr);
     walk.Next();
   }
   EXPECT_TRUE(Core::iterator().AtEnd());
@@ -119,10 +119,10 @@ INSTANTIATE_TEST_SUITE_P(Kinds, IteratorOverKeys, ::testing::Values("dense", "ra
 TEST_F(Iterator, KeysWithoutABlockArePassedOver) {
   Fill({0, 8});
   LogCapture log(Qen::SetLogSink);
-  const auto found = [](Qen::HashValue&) { return 0; };
+  const auto found = [](unsigned char&) { return 0; };
   m_table.InsertOrFind(
       3, [](Qen::HashValue&) { return KAVO_NO_MEMORY; }, found);
-  Qen::HashValue* filling = nullptr;
+  Core::Entry filling;
   Core* core = nullptr;
   ASSERT_EQ(m_table.CurrentGeneration()->InsertOrFindProcess(16, filling, core), Qen::ENTRY_INSERTED);
   ASSERT_EQ(m_table.CurrentGeneration()->CellAt(3).value.State(), Qen::RecordState::VACANT);

@@ -32,29 +32,30 @@ class TestTable : public Table {
   Offered Offer(long key) {
     Offered offered;
     offered.status = InsertOrFind(
-                         key,
-                         [&](Qen::HashValue& record) {
-                           record.Attach(offered.block = NewBlock());
-                           return 0;
-                         },
-                         [&](Qen::HashValue& record) {
-                           offered.block = record.Get();
-                           return 0;
-                         })
-                         .second;
+        key,
+        [&](Qen::HashValue& record) {
+          record.Attach(offered.block = NewBlock());
+          return 0;
+        },
+        [&](unsigned char& block) {
+          offered.block = &block;
+          return 0;
+        });
     return offered;
   }
 
-  // Stores a key in the current generation without any growth, whatever its threshold says. Null when it cannot.
+  // Stores a key in the current generation without any growth, whatever its threshold says. Its block, or null when it
+  // cannot.
   unsigned char* Store(long key) {
-    Qen::HashValue* record = nullptr;
+    Core::Entry entry;
     Core* core = nullptr;
-    CurrentGeneration()->InsertOrFindProcess(key, record, core);
-    if (record == nullptr) {
-      return nullptr;
+    CurrentGeneration()->InsertOrFindProcess(key, entry, core);
+    if (entry.record == nullptr) {
+      return entry.block;
     }
-    record->Attach(NewBlock());
-    return record->Get();
+    unsigned char* const block = NewBlock();
+    entry.record->Attach(block);
+    return block;
   }
 
   // Moves the current generation as an insert does that meets it full.
@@ -63,12 +64,17 @@ class TestTable : public Table {
     return BeginWholeTableMigration(CurrentGeneration());
   }
 
-  unsigned char* BlockOf(long key) const {
-    const Qen::HashValue* record = Find(key);
-    return record == nullptr ? nullptr : record->Get();
+  int Build(Core* old, Core*& next) {
+    m_root.store(&m_curHashCore);
+    return MakeNewTable(old, next);
   }
 
-  void SetRehashType(unsigned char type) { m_rehashType.store(type); }
+  unsigned char* BlockOf(long key) const { return Find(key); }
+
+  // For tests that look into generations after they were left.
+  void KeepLeftCells() { BeginWalk(); }
+
+  unsigned long long BackstopCompletions() const { return m_backstopCompletions.load(); }
 
  private:
   struct Block {

@@ -65,26 +65,24 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
         Qen::TestHooks::FailAllocation(1 + t_random() % 3);
       }
       try {
-        status = table
-                     .InsertOrFind(
-                         keyOf(i),
-                         [&](Qen::HashValue& record) {
-                           const unsigned dice = static_cast<unsigned>(t_random() % 100);
-                           if (dice < hazards.callbackThrows) {
-                             throw std::runtime_error("block");
-                           }
-                           if (dice < hazards.callbackThrows + hazards.blockFails) {
-                             return KAVO_NO_MEMORY;
-                           }
-                           created = true;
-                           record.Attach(block = table.NewBlock());
-                           return 0;
-                         },
-                         [&](Qen::HashValue& record) {
-                           block = record.Get();
-                           return 0;
-                         })
-                     .second;
+        status = table.InsertOrFind(
+            keyOf(i),
+            [&](Qen::HashValue& record) {
+              const unsigned dice = static_cast<unsigned>(t_random() % 100);
+              if (dice < hazards.callbackThrows) {
+                throw std::runtime_error("block");
+              }
+              if (dice < hazards.callbackThrows + hazards.blockFails) {
+                return KAVO_NO_MEMORY;
+              }
+              created = true;
+              record.Attach(block = table.NewBlock());
+              return 0;
+            },
+            [&](unsigned char& found) {
+              block = &found;
+              return 0;
+            });
       } catch (const std::runtime_error&) {
         status = KAVO_NO_MEMORY;
       }

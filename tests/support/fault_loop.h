@@ -29,6 +29,24 @@ unsigned long long ForEachFailingAllocation(Attempt&& attempt, bool stay = false
   return most;
 }
 
+// The same with something made anew for each run, before the allocation is set to fail: attempt(subject, n).
+template <class SetUp, class Attempt>
+unsigned long long FailEachAllocationOf(SetUp&& setUp, Attempt&& attempt) {
+  for (unsigned long long nth = 1;; ++nth) {
+    SCOPED_TRACE(::testing::Message() << "allocation " << nth << " fails");
+    auto subject = setUp();
+    Qen::TestHooks::FailAllocation(nth);
+    attempt(*subject, nth);
+    if (nth > 1000 || ::testing::Test::HasFatalFailure()) {
+      ADD_FAILURE() << "gave up";
+      return nth;
+    }
+    if (Qen::TestHooks::AllocationFailures() == 0) {
+      return nth - 1;
+    }
+  }
+}
+
 inline bool FaultWasInjected() {
   return Qen::TestHooks::AllocationFailures() != 0;
 }

@@ -26,7 +26,7 @@ constexpr unsigned UNTOUCHED = 0xABCD;
 
 void Insert(const BasicTable& table, long key) {
   BasicTable::OperationInfo info{key, nullptr, Qen::MemKind::ORDINARY};
-  ASSERT_EQ(Qen::ENTRY_INSERTED, table.InsertOrFind(info).second);
+  ASSERT_EQ(Qen::ENTRY_INSERTED, table.InsertOrFind(info));
 }
 void Insert(const FilterTable& table, long key) {
   ASSERT_EQ(Qen::ENTRY_INSERTED, OfferDefault(table, key).status);

@@ -26,7 +26,7 @@ constexpr std::uint32_t MAX_COUNT = 4'294'967'295U;
 
 Answer OfferVirtually(const FilterTable& table, long key) {
   FilterTable::OperationInfo info{key, nullptr, MemKind::ORDINARY};
-  const int status = table.InsertOrFind(info).second;
+  const int status = table.InsertOrFind(info);
   return {status, info.rawPtr};
 }
 
@@ -138,7 +138,7 @@ TEST_F(FilterTableTest, InsertsWithAndWithoutAValue) {
   const auto insert = [&](long key, unsigned char* value, bool orUpdate) {
     Qen::NewValue newValue{value, 5};
     FilterInfo info{key, value, MemKind::ORDINARY, 150, &newValue};
-    const int status = (orUpdate ? m_table.InsertOrUpdateFilterValue(info) : m_table.InsertValue(info)).second;
+    const int status = (orUpdate ? m_table.InsertOrUpdateFilterValue(info) : m_table.InsertValue(info));
     return Answer{status, info.rawPtr};
   };
   for (const bool orUpdate : {false, true}) {
@@ -241,7 +241,7 @@ TEST_F(FilterTableTest, FailedFirstOfferLeavesNoTrace) {
                {[](const auto& table, long key) {
                   unsigned char value = 0;
                   FilterInfo info{key, &value, MemKind::ORDINARY, 1};
-                  return table.InsertValue(info).second;
+                  return table.InsertValue(info);
                 },
                 "AssignFilterValue"}};
   for (const auto& kind : kinds) {

@@ -20,20 +20,19 @@ struct Answer {
 
 inline Answer Offer(const FilterTable& table, long key, std::uint32_t occurrences = 1) {
   FilterInfo info{key, nullptr, Qen::MemKind::ORDINARY, occurrences};
-  const int status = table.InsertOrFindWithCounter(info).second;
+  const int status = table.InsertOrFindWithCounter(info);
   return {status, info.rawPtr};
 }
 
 inline Answer OfferDefault(const FilterTable& table, long key) {
   FilterInfo info{key, nullptr, Qen::MemKind::ORDINARY, 0};
-  const int status = table.InsertOrFindForDefaultKey(info).second;
+  const int status = table.InsertOrFindForDefaultKey(info);
   return {status, info.rawPtr};
 }
 
 // Null when the key is absent.
 inline const Qen::FilterRecord* RecordOf(const FilterTable& table, long key) {
-  const Qen::FHashValue* const record = table.Find(key);
-  return record == nullptr ? nullptr : record->Get();
+  return table.Find(key);
 }
 
 inline std::uint32_t CountOf(const FilterTable& table, long key) {

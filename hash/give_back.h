@@ -1,0 +1,55 @@
+// The memory of left generations. Included by hash_core_migration.h.
+//
+// Nobody asks whether a thread is still inside a left generation, because no answer that zero cells give is believed
+// there (HashCore, I7): the common paths publish nothing, and pay one load of m_deleted where they answer "absent" or
+// confirm a claim. Walks are the exception, for they read cells long after they have begun: they are counted, and the
+// cells of a generation go back only when no walk is under way that may have begun in it.
+//
+// Overflow maps stay, since a late thread may hold the lock of one; there are few.
+#pragma once
+
+#include <mutex>
+
+#include "hash/hash_core_migration.h"
+
+namespace Qen {
+
+// Gives one piece of memory back; true when there may be more. Never waits: another thread at it will do.
+//
+// A walk announces itself, then loads the current generation; this loads the count of walks after the current
+// generation has passed the one in hand. Both are sequentially consistent, so a walk that is not counted here begins
+// behind it.
+template <class Key, class Value, class KTraits, class VTraits>
+bool HashCoreMigration<Key, Value, KTraits, VTraits>::GiveBackSome() noexcept {
+  const std::unique_lock lock(m_giveBackMutex, std::try_to_lock);
+  if (!lock.owns_lock()) {
+    return false;
+  }
+  if (m_giveBack == nullptr || !m_giveBack->IsDeleted()) {
+    // Acquire and release: if this takes back what DeleteOldTable has set meanwhile, the second look sees its mark.
+    m_giveBackDue.exchange(false, std::memory_order_acq_rel);
+    if (m_giveBack == nullptr || !m_giveBack->IsDeleted()) {
+      return false;
+    }
+    m_giveBackDue.store(true, std::memory_order_relaxed);
+  }
+  if (m_walks.load(std::memory_order_seq_cst) != 0) {
+    return false;
+  }
+  KAVO_TEST_POINT("Chain.GivingBack");
+  if (!m_giveBack->GiveBackCells()) {
+    m_giveBack = m_giveBack->Next();
+  }
+  return true;
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+void HashCoreMigration<Key, Value, KTraits, VTraits>::EndWalk() noexcept {
+  // Release: what the walk has read came before whatever is given back now.
+  if (m_walks.fetch_sub(1, std::memory_order_acq_rel) == 1 && IsGiveBackDue()) {
+    while (GiveBackSome()) {
+    }
+  }
+}
+
+}  // namespace Qen
