@@ -13,6 +13,7 @@
 #include "table/es_concurrent_table.h"
 #include "table/export_hints.h"
 #include "table/export_selection.h"
+#include "table/update_value.h"
 
 namespace Qen {
 
@@ -30,7 +31,7 @@ class BasicEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Valu
   int InsertOrFind(OperationInfo& info) const override;
 
   int UpdateValue(unsigned char* value, const unsigned char* src, unsigned len) const override {
-    return Base::UpdateBlock(value, src, len);
+    return Qen::UpdateValue(value, src, len);
   }
 
   void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool /* admittedOnly */) const override {

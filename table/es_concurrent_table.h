@@ -95,9 +95,6 @@ class EsConcurrentTable {
   // A new entry's block. 0, or KAVO_NO_MEMORY with `rawPtr` unchanged.
   int GetMemAndRawPtr(MemKind& kind, unsigned char*& rawPtr) const;
 
-  // The header is written first, so the entry counts as changed even when the copy fails.
-  static int UpdateBlock(unsigned char* block, const unsigned char* src, unsigned len);
-
   // One batch of an export, of at least one element; `iter` null begins one, and is null again after its end. Here and
   // below `self` is the table itself, under its own type, and `hint` is called with the cells that the walk comes to.
   // KAVO_NO_MEMORY, KAVO_INVALID (`iter` is not a cursor of this table); throws what a lock throws.
@@ -155,18 +152,6 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetMemForValue(uns
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "pool.GetMemForValues failed");
   }
   return ret;
-}
-
-template <class TableId, class Key, class Value, class KTraits, class VTraits>
-int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateBlock(unsigned char* block,
-                                                                          const unsigned char* src, unsigned len) {
-  ValueHeader::Store(block, ValueHeader::CHANGED);
-  const int ret = memcpy_s(ValueBytes(block), len, src, len);
-  if (ret != 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret[%d]", ret);
-    return KAVO_NO_MEMORY;
-  }
-  return KAVO_SUCCESS;
 }
 
 }  // namespace Qen

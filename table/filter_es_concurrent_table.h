@@ -37,6 +37,7 @@
 #include "table/es_concurrent_table.h"
 #include "table/export_hints.h"
 #include "table/export_selection.h"
+#include "table/update_value.h"
 
 namespace Qen {
 
@@ -317,7 +318,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::UpdateValue(
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "rawPtr is nullptr!");
     return KAVO_INVALID;
   }
-  return Base::UpdateBlock(block, src, len);
+  return Qen::UpdateValue(block, src, len);
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>

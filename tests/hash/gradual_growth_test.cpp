@@ -142,6 +142,27 @@ TEST(GradualGrowth, TheOldestIsFinishedPastTheMiddleGeneration) {
   EXPECT_EQ(table.BackstopCompletions(), 1U);
 }
 
+// Cells of some size are pages, which go back piece by piece.
+TEST(GradualGrowth, TheMemoryOfLeftGenerationsGoesBackToTheSystem) {
+  for (const unsigned char mode : {Qen::REHASH_GRADUAL, Qen::REHASH_WHOLE_TABLE}) {
+    TestTable table(1ULL << 19);  // 16 MiB
+    table.SetRehashType(mode);
+    std::mt19937_64 random(TestSeed());
+    const Core* const first = table.FirstGeneration();
+    while (!first->IsDeleted()) {
+      table.Offer(static_cast<long>(random() >> 1));
+    }
+    for (int i = 0; i < 10; ++i) {
+      table.Offer(static_cast<long>(random() >> 1));
+    }
+    EXPECT_EQ(first->CellBytes(), 0U);
+    for (unsigned long long i = 0; i < first->TableSize(); i += 4096 / 32) {
+      ASSERT_EQ(first->CellAt(i).LoadKey(), Qen::HCore::EMPTY_KEY);
+    }
+    EXPECT_EQ(table.CurrentGeneration()->CellBytes(), 32ULL << 20);
+  }
+}
+
 // What was left of a generation in gradual mode is finished in the other mode, and the other way round.
 TEST(GradualGrowth, TheModeMayChangeWhileAGenerationIsHalfMoved) {
   for (const unsigned char mode : {Qen::REHASH_WHOLE_TABLE, Qen::REHASH_GRADUAL}) {

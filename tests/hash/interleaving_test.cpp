@@ -247,13 +247,14 @@ TEST_F(Interleaving, AMoverWaitsForAMapThatIsBeingBuiltAndTakesItsEntryAlong) {
 // The inserter has seen no move; by the time it has the map's lock the bucket is gone.
 TEST_F(Interleaving, AMapIsNotEnteredOnceItsBucketMoves) {
   Fill({0, 8, 16, 24, 32, 40, 48, 56, 64});
+  const Core::Map& map = *m_table.FirstGeneration()->CellAt(0).LoadMap();
   Parking entering("HashCore.MapEntering");
   Background<Offered> inserter([&] { return m_table.Offer(72); });
   ASSERT_TRUE(entering.WaitUntilParked());
   EXPECT_EQ(m_table.Grow(), KAVO_SUCCESS);
   entering.Release();
   ExpectCreated(72, inserter.Join());
-  EXPECT_EQ(m_table.FirstGeneration()->CellAt(0).LoadMap()->entries.count(72), 0U);
+  EXPECT_EQ(map.entries.count(72), 0U);
   ExpectAllFound();
 }
 

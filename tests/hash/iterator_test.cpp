@@ -302,6 +302,34 @@ TEST_F(Iterator, AMapThatGrowsUnderTheWalkIsWalkedInOrder) {
   EXPECT_EQ(walk.EntryKey(), 0);
 }
 
+TEST(IteratorBesideInserts, AWalkKeepsTheCellsItMayComeToUntilItEnds) {
+  TestTable table;
+  Blocks before;
+  for (long key = 0; key < 8; ++key) {
+    before[key] = table.Store(key);
+  }
+  const Core* const first = table.FirstGeneration();
+  std::set<long> seen;
+  {
+    Walk walk(table);
+    seen.insert(walk.EntryKey());
+    for (long key = 8; key < 200; ++key) {
+      table.Offer(key);
+    }
+    ASSERT_TRUE(first->IsDeleted());
+    for (; !walk.AtEnd(); walk.Next()) {
+      seen.insert(walk.EntryKey());
+    }
+    for (const auto& [key, block] : before) {
+      EXPECT_EQ(seen.count(key), 1U) << key;
+      EXPECT_EQ(first->FindValueProcess(key), block);
+    }
+  }
+  for (const Core* core = first; core != table.CurrentGeneration(); core = core->Next()) {
+    EXPECT_EQ(core->CellAt(3).LoadKey(), Qen::HCore::EMPTY_KEY) << core->TableSize();
+  }
+}
+
 TEST(IteratorBesideInserts, MissesNoKeyThatWasThereBefore) {
   const unsigned long seed = TestSeed();
   std::mt19937_64 random(seed);
