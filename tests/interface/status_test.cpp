@@ -110,6 +110,24 @@ TEST_F(Status, LookupsRefuse) {
   }
 }
 
+TEST_F(Status, SetRehashModeRefuses) {
+  Check({
+      {"mode 0",
+       KAVO_INVALID,
+       [] { return KavoSetRehashMode(TABLE, 0); },
+       {{"KavoSetRehashMode", "KavoSetRehashMode failed, mode[0]"}}},
+      {"mode 3",
+       KAVO_INVALID,
+       [] { return KavoSetRehashMode(UNUSED, 3); },
+       {{"KavoSetRehashMode", "KavoSetRehashMode failed, mode[3]"}}},
+      {"unused id",
+       KAVO_INVALID,
+       [] { return KavoSetRehashMode(UNUSED, KAVO_REHASH_GRADUAL); },
+       {{"KavoSetRehashMode", "tableId[8] is nullptr"}}},
+      {"gradual", KAVO_SUCCESS, [] { return KavoSetRehashMode(MAPPED_TABLE, KAVO_REHASH_GRADUAL); }, {}},
+  });
+}
+
 TEST_F(Status, UpdateRefuses) {
   Check({
       {"null value",

@@ -76,7 +76,7 @@ struct Call {
   unsigned long long wide = 0;  // index of prepared memory, or key of the partition map
   unsigned cursor = 0;
   unsigned nulls = 0;       // a bit for each pointer argument that is null, the first one lowest
-  unsigned char bytes = 0;  // from which the value is made
+  unsigned char bytes = 0;  // from which the value is made; odd for a table that grows gradually
   bool writes = false;      // after a success, the caller writes the value in place
 
   bool IsNull(unsigned pointer) const { return (nulls >> pointer & 1U) != 0; }

@@ -49,6 +49,7 @@ Call TableOf(Dice& dice, unsigned table, unsigned size, bool filter) {
   call.number = size;
   call.kind = filter ? KAVO_TABLE_TYPE_FILTER : KAVO_TABLE_TYPE_BASIC;
   call.valueLen = dice.OneOf({1U, 3U, 4U, 7U, 8U, 12U, 16U, 40U});
+  call.bytes = static_cast<unsigned char>(dice.Below(2));  // which way it grows
   return call;
 }
 

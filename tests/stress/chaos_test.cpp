@@ -9,6 +9,7 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "hash/test_table.h"
@@ -37,12 +38,13 @@ struct Hazards {
   unsigned allocationFails;  // of 100 offers
 };
 
-class Chaos : public ::testing::TestWithParam<Hazards> {};
+class Chaos : public ::testing::TestWithParam<std::tuple<unsigned char, Hazards>> {};
 
 TEST_P(Chaos, PromisesHoldWhateverFails) {
   constexpr unsigned THREADS = 4;
   constexpr std::size_t KEYS = 48;
   constexpr unsigned ROUNDS = 150;
+  const unsigned char mode = std::get<0>(GetParam());
   const unsigned long seed = TestSeed();
   const KavoLogSink quiet{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
   Qen::SetLogSink(&quiet);
@@ -50,6 +52,7 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
   const long long heap = Qen::TestHooks::HeapBytesInUse();
   for (unsigned round = 0; round < ROUNDS; ++round) {
     TestTable table;
+    table.SetRehashType(mode);
     std::array<std::atomic<unsigned char*>, KEYS> blocks{};
     std::array<std::atomic<unsigned>, KEYS> creators{};
     std::atomic<unsigned> wrong{0};
@@ -57,11 +60,11 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
     const auto keyOf = [](std::size_t i) {
       return static_cast<long>(i % 3 == 0 ? i << 20 : i % 3 == 1 ? i * 8 : 1000 + i);
     };
-    const auto offer = [&](std::size_t i, const Hazards& hazards) {
+    const auto offer = [&](std::size_t i, const Hazards& now) {
       unsigned char* block = nullptr;
       bool created = false;
       int status = KAVO_FAILED;
-      if (t_random() % 100 < hazards.allocationFails) {
+      if (t_random() % 100 < now.allocationFails) {
         Qen::TestHooks::FailAllocation(1 + t_random() % 3);
       }
       try {
@@ -69,10 +72,10 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
             keyOf(i),
             [&](Qen::HashValue& record) {
               const unsigned dice = static_cast<unsigned>(t_random() % 100);
-              if (dice < hazards.callbackThrows) {
+              if (dice < now.callbackThrows) {
                 throw std::runtime_error("block");
               }
-              if (dice < hazards.callbackThrows + hazards.blockFails) {
+              if (dice < now.callbackThrows + now.blockFails) {
                 return KAVO_NO_MEMORY;
               }
               created = true;
@@ -107,7 +110,7 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
       threads.emplace_back([&, t] {
         t_random.seed(static_cast<unsigned>(seed + round * 100 + t));
         for (std::size_t n = 0; n < KEYS; ++n) {
-          offer((n + t_random() % 4) % KEYS, GetParam());
+          offer((n + t_random() % 4) % KEYS, std::get<1>(GetParam()));
           check(t_random() % KEYS);
         }
       });
@@ -131,7 +134,9 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Hazards, Chaos,
-                         ::testing::Values(Hazards{0, 0, 0}, Hazards{20, 0, 0}, Hazards{10, 10, 0}, Hazards{5, 5, 20}),
+                         ::testing::Combine(::testing::Values(Qen::REHASH_GRADUAL, Qen::REHASH_WHOLE_TABLE),
+                                            ::testing::Values(Hazards{0, 0, 0}, Hazards{20, 0, 0}, Hazards{10, 10, 0},
+                                                              Hazards{5, 5, 20})),
                          [](const auto& param) { return "Set" + std::to_string(param.index); });
 
 }  // namespace

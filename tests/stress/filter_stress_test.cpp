@@ -127,6 +127,8 @@ TEST_P(FilterStress, EveryOccurrenceCountsOnceAndEveryKeyHasOneValue) {
   }
   m_addresses = std::vector<std::atomic<unsigned char*>>(workload.keys);
   ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(TABLE, 8, LEN, KAVO_TABLE_TYPE_FILTER));
+  ASSERT_EQ(KAVO_SUCCESS,
+            KavoSetRehashMode(TABLE, workload.threads % 4 == 0 ? KAVO_REHASH_GRADUAL : KAVO_REHASH_WHOLE_TABLE));
   ASSERT_EQ(KAVO_SUCCESS, KavoSetFilterFreq(TABLE, workload.threads * workload.occurrences + 1));
   OnThreads([&](unsigned thread) { Count(thread, seed); });
   EXPECT_EQ(0U, m_admittedEarly.load());

@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kavo.h"
@@ -67,7 +68,7 @@ struct Lines {
   }
 };
 
-class TableStress : public ::testing::TestWithParam<Workload> {
+class TableStress : public ::testing::TestWithParam<std::tuple<unsigned, Workload>> {
  protected:
   void Work(unsigned thread, unsigned long seed) {
     std::mt19937_64 random(seed * 1000 + thread);
@@ -130,7 +131,7 @@ class TableStress : public ::testing::TestWithParam<Workload> {
 };
 
 TEST_P(TableStress, OneCreatorOneAddressAndNoLostEntry) {
-  const Workload& workload = GetParam();
+  const auto& [mode, workload] = GetParam();
   const unsigned long seed = TestSeed();
   std::mt19937_64 random(seed);
   for (long i = 0; i < workload.keys; ++i) {
@@ -142,6 +143,7 @@ TEST_P(TableStress, OneCreatorOneAddressAndNoLostEntry) {
   const KavoLogSink sink{&Lines::Enabled, &Lines::Write, &lines};
   ASSERT_EQ(KavoSetLogSink(&sink), KAVO_SUCCESS);
   ASSERT_EQ(KavoInitHashTable(TABLE, 8, VALUE_LEN, KAVO_TABLE_TYPE_BASIC), KAVO_SUCCESS);
+  ASSERT_EQ(KavoSetRehashMode(TABLE, mode), KAVO_SUCCESS);
   std::vector<std::thread> threads;
   for (unsigned t = 0; t < workload.threads; ++t) {
     threads.emplace_back([this, t, seed] { Work(t, seed); });
@@ -163,22 +165,30 @@ TEST_P(TableStress, OneCreatorOneAddressAndNoLostEntry) {
 
 // Keys of one bucket stop a table's growth at 2,048 cells, which may have one map.
 INSTANTIATE_TEST_SUITE_P(Keys, TableStress,
-                         ::testing::Values(Workload{"Dense", 40'000, 4, 10, Dense},
-                                           Workload{"Random", 40'000, 4, 10, Random},
-                                           Workload{"RandomEightThreads", 20'000, 8, 10, Random},
-                                           Workload{"EqualLowBits", 2'500, 4, 7, EqualLowBits},
-                                           Workload{"MultiplesOfAMillion", 2'500, 4, 7, Multiples},
-                                           Workload{"Mixed", 8'000, 4, 10, Mixed}),
-                         [](const auto& param) { return std::string(param.param.name); });
+                         ::testing::Combine(::testing::Values(KAVO_REHASH_GRADUAL, KAVO_REHASH_WHOLE_TABLE),
+                                            ::testing::Values(Workload{"Dense", 40'000, 4, 10, Dense},
+                                                              Workload{"Random", 40'000, 4, 10, Random},
+                                                              Workload{"RandomEightThreads", 20'000, 8, 10, Random},
+                                                              Workload{"EqualLowBits", 2'500, 4, 7, EqualLowBits},
+                                                              Workload{"MultiplesOfAMillion", 2'500, 4, 7, Multiples},
+                                                              Workload{"Mixed", 8'000, 4, 10, Mixed})),
+                         [](const auto& param) {
+                           return std::get<1>(param.param).name +
+                                  std::string(std::get<0>(param.param) == KAVO_REHASH_GRADUAL ? "Gradual" : "");
+                         });
 
 // Each thread owns a share of the keys, so that every answer is known beforehand; all share the buckets and the growth.
-TEST(OwnedKeys, EveryAnswerIsTheOneASingleThreadWouldGet) {
+class OwnedKeys : public ::testing::TestWithParam<unsigned> {};
+INSTANTIATE_TEST_SUITE_P(Modes, OwnedKeys, ::testing::Values(KAVO_REHASH_GRADUAL, KAVO_REHASH_WHOLE_TABLE));
+
+TEST_P(OwnedKeys, EveryAnswerIsTheOneASingleThreadWouldGet) {
   constexpr unsigned THREADS = 4;
   constexpr long KEYS = 6'000;
   const unsigned long seed = TestSeed();
   const KavoLogSink quiet{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
   KavoSetLogSink(&quiet);
   ASSERT_EQ(KavoInitHashTable(TABLE, 8, VALUE_LEN, KAVO_TABLE_TYPE_BASIC), KAVO_SUCCESS);
+  ASSERT_EQ(KavoSetRehashMode(TABLE, GetParam()), KAVO_SUCCESS);
   std::atomic<unsigned> failures{0};
   const auto work = [&](unsigned thread) {
     std::mt19937_64 random(seed + thread);
