@@ -215,6 +215,9 @@ auto HashCoreMigration<Key, Value, KTraits, VTraits>::ClaimBucket(Core* core, co
     if (core->RehashAcquire(bucket) != KAVO_SUCCESS) {
       return BucketClaim::FAILED;
     }
+    if (core->IsDeleted()) {
+      return BucketClaim::MOVED;
+    }
   }
 }
 

@@ -2,9 +2,9 @@
 // map's keys in increasing order come before the cell's own key.
 //
 // CONTRACT. Each entry is reported once while no thread inserts into the table, from the first step to the last. An
-// insert beside a walk breaks nothing: all that the walk reads stays until the table is destroyed, and a map is read
-// under its lock, shared. No key is missed then whose insert completed before the walk began, but one that is moved
-// meanwhile may be reported again. One iterator is used by one thread at a time. No step throws.
+// insert beside a walk breaks nothing: all that the walk reads stays until it ends, and a map is read under its lock,
+// shared. No key is missed then whose insert completed before the walk began, but one that is moved meanwhile may be
+// reported again. One iterator is used by one thread at a time. No step throws.
 //
 // WHICH ENTRIES ARE REPORTED. A moved entry has copies in several generations, and so has one whose move was given up
 // half way. The one that counts is where a search would end: its bucket here has not MOVED, and its bucket in every

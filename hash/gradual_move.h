@@ -4,7 +4,7 @@
 // alone a third of the buckets would still be in place when the next generation fills, since nobody offers their keys,
 // and whoever adds the third generation would pay for all of them. So each insert of a new key also sweeps up a few
 // buckets of the oldest generation, from a position that all share. With SWEEP_BUCKETS of them the oldest is empty when
-// the second has taken a tenth of what it can.
+// the second has taken an eighth of the keys that fill it.
 #pragma once
 
 #include <exception>

@@ -81,6 +81,9 @@ class HashCore {
   // An insert obeys the growth threshold; the placing of a moved entry does not, or a move could not end.
   enum class Purpose { INSERT, PLACE };
 
+  // Whether a search that goes through an overflow map and finds nothing writes its line.
+  enum class Miss { TOLD, UNTOLD };
+
   // A generation of at least `size` cells (at least 8). Throws std::bad_alloc after its line.
   explicit HashCore(const unsigned long long& size);
   HashCore(const HashCore&) = delete;
@@ -90,7 +93,13 @@ class HashCore {
   // The key's block in this generation, else null.
   Pointee* FindValueProcess(const Key& key) const;
   // `flags` was read before, and has no MOVED. Null means absent only if this generation is not left (I7).
-  Pointee* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags) const;
+  Pointee* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags, Miss miss = Miss::TOLD) const;
+
+  // The same if the key stands in its home cell. Null says nothing.
+  Pointee* FindAtHome(const Key& key) const noexcept {
+    const Cell& home = CellAt(HomeIndex(key));
+    return home.LoadKey() == key ? home.value.Get() : nullptr;
+  }
 
   // Finds `key` or claims a place for it, here or where its bucket has moved to; `core` is the generation where that
   // ended. ENTRY_FOUND: `entry` has the key's block; without one another thread is filling the record, ask again.
@@ -105,8 +114,8 @@ class HashCore {
   // Creates the bucket's map with `key` as its first entry. IN_MAP: another thread does, or did.
   Outcome TryCreateMap(const Key& key, std::uint64_t home, Entry& entry);
 
-  // Waits while the bucket's map is being built. IN_MAP: it is there. AGAIN: its creation was withdrawn. FAILED: after
-  // a line.
+  // Waits while the bucket's map is being built. IN_MAP: it is there. AGAIN: its creation was withdrawn. MOVING: the
+  // generation is left. FAILED: after a line.
   Outcome MapExistAcquire(std::uint64_t home) const;
 
   // Waits while the bucket is being moved: until it has moved, or its move was given up. 0, or KAVO_FAILED.
@@ -182,7 +191,7 @@ class HashCore {
   Outcome ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record, Entry& entry);
   Outcome LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
   HashCore* FindOrInsertCellInNext(std::uint64_t home);
-  Pointee* MapFind(const Key& key, std::uint64_t home) const;
+  Pointee* MapFind(const Key& key, std::uint64_t home, Miss miss) const;
   void OwnMap(Map* map) noexcept;
 
   // Fixed after construction.
@@ -255,6 +264,9 @@ int HashCore<Key, Value, KTraits, VTraits>::RehashAcquire(const unsigned long lo
     const std::uint8_t bits = flags.Load();
     if ((bits & HCore::BUCKET_MOVED) != 0 || (bits & HCore::BUCKET_MOVING) == 0) {
       return KAVO_SUCCESS;
+    }
+    if (IsDeleted()) {
+      return KAVO_SUCCESS;  // I7: everything has moved, whatever a late thread has made of these flags
     }
     KAVO_TEST_POINT("HashCore.WaitForMove");
     if (!waiter.Pause()) {

@@ -1,4 +1,4 @@
-// Insert-or-find in one generation. Included by hash_core.h, which states the invariants I1 to I6.
+// Insert-or-find in one generation. Included by hash_core.h, which states the invariants.
 #pragma once
 
 #include <exception>
@@ -271,6 +271,9 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapExistAcquire(std::uint64_t home)
     }
     if ((bits & HCore::MAP_BUILDING) == 0) {
       return Outcome::AGAIN;
+    }
+    if (IsDeleted()) {
+      return Outcome::MOVING;  // I7
     }
     KAVO_TEST_POINT("HashCore.WaitForMap");
     if (!waiter.Pause()) {

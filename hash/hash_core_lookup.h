@@ -15,8 +15,8 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindValueProcess(const Key& key) co
 // block, and if it went into the map then MAP_READY was set before: one reading of the flags is enough. A record
 // without a block belongs to an insert that has not finished, and reads as absent.
 template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags) const
-    -> Pointee* {
+auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags,
+                                                          Miss miss) const -> Pointee* {
   Cell& homeCell = CellAt(home);
   const Key homeKey = homeCell.LoadKey();
   if (homeKey == key) {
@@ -37,11 +37,11 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::u
   if ((flags & HCore::MAP_READY) == 0) {
     return nullptr;  // a map still being built holds only the key of the insert that builds it
   }
-  return MapFind(key, home);
+  return MapFind(key, home, miss);
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home) const -> Pointee* {
+auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home, Miss miss) const -> Pointee* {
   Map* const map = CellAt(home).LoadMap();
   if (map == nullptr) {
     return nullptr;  // I7: the flags were read before
@@ -53,8 +53,10 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64
       return entry->second.Get();
     }
   }
-  KAVO_LOG_ERROR(TABLE_LOG_UNIT, "key is not exist in map! bucketHead[%llu], tableSize[%llu]",
-                 static_cast<unsigned long long>(home), m_tableSize);
+  if (miss == Miss::TOLD) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "key is not exist in map! bucketHead[%llu], tableSize[%llu]",
+                   static_cast<unsigned long long>(home), m_tableSize);
+  }
   return nullptr;
 }
 

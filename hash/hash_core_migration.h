@@ -40,7 +40,7 @@
 // for newer generations; an owner of FILLING waits for nobody; whoever waits for a chunk or a generation holds neither.
 // So no waits form a cycle. Each wait ends with its condition, or with the failure of what it waits for.
 //
-// LOCKS. m_buildMutex and m_deleteMutex are never held together, and no other lock is taken under either.
+// LOCKS. m_buildMutex, m_deleteMutex and m_giveBackMutex are never held together, and no other lock is taken under any.
 //
 // Definitions: the chain in generation_chain.h, the memory of left generations in give_back.h, the placing of entries
 // and the move of one bucket in bucket_move.h.

@@ -12,9 +12,9 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include "hash/hash_core_migration.h"
 #include "platform/on_exit.h"
+#include "platform/prefetch.h"
 
 namespace Qen {
 
@@ -24,8 +24,6 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   using Core = HashCore<Key, Value, KTraits, VTraits>;
   using Entry = typename Core::Entry;
   using Pointee = typename Value::Pointee;
-  using InsertCallback = std::function<int(Value&)>;
-  using FoundCallback = std::function<int(Pointee&)>;
 
   // The first generation has at least `size` cells. Throws std::bad_alloc after its line.
   explicit Hashtable(const unsigned long long& size);
@@ -33,13 +31,19 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Hashtable& operator=(const Hashtable&) = delete;
   ~Hashtable();
 
-  // The key's block, or null when the key is absent or its first insert has not finished.
-  Pointee* Find(const Key& key) const;
+  using Miss = typename Core::Miss;
 
-  // `insertCallback` attaches a block to the record of a key that this call created, as its last step; non-zero means
-  // that it could not. `foundCallback` is given the block of a key that was there; it runs once, and what it answers is
-  // the call's status. Answers 1 (inserted), 0 (found) or a negative status. Nobody may touch the record after its
-  // block was attached: its cell may be given back.
+  // The key's block, or null when the key is absent or its first insert has not finished.
+  Pointee* Find(const Key& key, Miss miss = Miss::TOLD) const;
+
+  // Asks for the cells that Find will come to first.
+  void PrefetchHome(const Key& key) const noexcept;
+
+  // `insertCallback`, int(Value&), attaches a block to the record of a key that this call created, as its last step;
+  // non-zero means that it could not. `foundCallback`, int(Pointee&), is given the block of a key that was there; it
+  // runs once, and what it answers is the call's status. Answers 1 (inserted), 0 (found) or a negative status. Nobody
+  // may touch the record after its block was attached: its cell may be given back.
+  template <class InsertCallback, class FoundCallback>
   int InsertOrFind(const Key& key, const InsertCallback& insertCallback, const FoundCallback& foundCallback);
 
   // REHASH_GRADUAL or REHASH_WHOLE_TABLE. While no insert runs.
@@ -57,7 +61,8 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Core* FirstGeneration() const noexcept { return m_firstHashCore; }
 
  private:
-  int FoundProcess(Pointee* block, const FoundCallback& foundCallback, Waiter& waiter, bool& again);
+  bool FoundProcess(Waiter& waiter);
+  template <class InsertCallback>
   int AssignValue(Value& record, const InsertCallback& insertCallback);
   int MigrateHashCore(const Key& key, Core* core);
   void LeaveIfEmptied(Core* core) noexcept;
@@ -93,12 +98,12 @@ Hashtable<Key, Value, KTraits, VTraits>::~Hashtable() {
 // is either here, or was made in a later generation after MOVED was set, and then this lookup sees MOVED; or, if the
 // cells were given back meanwhile and read as an empty bucket in place, it sees that the generation was left.
 template <class Key, class Value, class KTraits, class VTraits>
-auto Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key) const -> Pointee* {
+auto Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key, Miss miss) const -> Pointee* {
   for (const Core* core = CurrentGeneration(); core != nullptr; core = core->Next()) {
     const std::uint64_t home = core->HomeIndex(key);
     const std::uint8_t flags = core->CellAt(home).flags.Load();
     if ((flags & HCore::BUCKET_MOVED) == 0) {
-      Pointee* const block = core->FindInBucket(key, home, flags);
+      Pointee* const block = core->FindInBucket(key, home, flags, miss);
       if (block != nullptr || !core->IsDeleted()) {
         return block;
       }
@@ -107,26 +112,44 @@ auto Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key) const -> Poin
   return nullptr;
 }
 
-// Every run, the first and each further one, is dispatched in the same way.
 template <class Key, class Value, class KTraits, class VTraits>
+void Hashtable<Key, Value, KTraits, VTraits>::PrefetchHome(const Key& key) const noexcept {
+  const Core* const core = CurrentGeneration();
+  PrefetchForRead(&core->CellAt(core->HomeIndex(key)));
+  if (const Core* const next = core->Next(); next != nullptr) [[unlikely]] {
+    PrefetchForRead(&next->CellAt(next->HomeIndex(key)));
+  }
+}
+
+// Every run, the first and each further one, is dispatched in the same way. A key found in its home cell, the common
+// case where keys are offered again and again, needs no run at all: its block is right, whatever the flags say.
+template <class Key, class Value, class KTraits, class VTraits>
+template <class InsertCallback, class FoundCallback>
 int Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(const Key& key, const InsertCallback& insertCallback,
                                                           const FoundCallback& foundCallback) {
+  if (Pointee* const block = CurrentGeneration()->FindAtHome(key); block != nullptr) {
+    return foundCallback(*block);
+  }
   Waiter waiter(HCore::WAIT_INTERVAL_US, HCore::MAX_WAIT_TIME);
   for (;;) {
     Entry entry;
     Core* core = nullptr;
     Core* const start = CurrentGeneration();
     int ret = start->InsertOrFindProcess(key, entry, core);
-    if (core != start) [[unlikely]] {
-      LeaveIfEmptied(start);
-    }
-    if (ret == ENTRY_FOUND) {
-      bool again = false;
-      ret = FoundProcess(entry.block, foundCallback, waiter, again);
-      if (again) {
-        continue;
+    // At the end: until its block is attached, the owner of a new record waits for nobody.
+    const OnExit leave([&]() noexcept {
+      if (core != start) [[unlikely]] {
+        LeaveIfEmptied(start);
       }
-      return ret;
+    });
+    if (ret == ENTRY_FOUND) {
+      if (entry.block != nullptr) {
+        return foundCallback(*entry.block);
+      }
+      if (!FoundProcess(waiter)) {
+        return KAVO_FAILED;
+      }
+      continue;
     }
     if (ret < 0) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "InsertOrFind failed!");
@@ -159,24 +182,21 @@ int Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(const Key& key, const 
 }
 
 // A key without its block belongs to another thread's insert: look it up again shortly, from the flags on, for that
-// insert may be withdrawn or its bucket move meanwhile.
+// insert may be withdrawn or its bucket move meanwhile. False, after a line, when that took too long.
 template <class Key, class Value, class KTraits, class VTraits>
-int Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Pointee* block, const FoundCallback& foundCallback,
-                                                          Waiter& waiter, bool& again) {
-  if (block != nullptr) {
-    return foundCallback(*block);
-  }
+bool Hashtable<Key, Value, KTraits, VTraits>::FoundProcess(Waiter& waiter) {
   KAVO_TEST_POINT("Driver.WaitForRecord");
-  again = waiter.Pause();
-  if (!again) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "waitTimes > HCore::MAX_WAIT_TIME");
+  if (waiter.Pause()) {
+    return true;
   }
-  return KAVO_FAILED;
+  KAVO_LOG_ERROR(TABLE_LOG_UNIT, "waitTimes > HCore::MAX_WAIT_TIME");
+  return false;
 }
 
 // The caller owns `record` (FILLING). When this fails, or throws, the record is VACANT: the mover of the bucket need
 // not wait for it, and the next offer of the key takes it over.
 template <class Key, class Value, class KTraits, class VTraits>
+template <class InsertCallback>
 int Hashtable<Key, Value, KTraits, VTraits>::AssignValue(Value& record, const InsertCallback& insertCallback) {
   OnExit withdraw([&record]() noexcept { record.Withdraw(); });
   KAVO_TEST_POINT("Driver.Attaching");
@@ -217,8 +237,10 @@ void Hashtable<Key, Value, KTraits, VTraits>::ShareGrowth(Core* start) noexcept 
 // insert that brought this about may have been done by now.
 template <class Key, class Value, class KTraits, class VTraits>
 int Hashtable<Key, Value, KTraits, VTraits>::MigrateHashCore(const Key& key, Core* core) {
-  // Release: pairs with the loads in the chain; the pointer is the same whoever stores it.
-  this->m_root.store(&this->m_curHashCore, std::memory_order_release);
+  // Release: pairs with the loads in the chain; the pointer is the same whoever stores it, and one store will do.
+  if (this->m_root.load(std::memory_order_relaxed) == nullptr) {
+    this->m_root.store(&this->m_curHashCore, std::memory_order_release);
+  }
   try {
     switch (this->m_rehashType.load(std::memory_order_relaxed)) {  // set before the first insert
       case REHASH_GRADUAL:

@@ -4,9 +4,6 @@
 // The class is final, so that the exported functions reach its operations without a virtual call.
 #pragma once
 
-#include <functional>
-#include <type_traits>
-
 #include "hash/hashtable.h"
 #include "hash/traits.h"
 #include "hash/value_record.h"
@@ -63,7 +60,7 @@ template <class TableId, class Key, class Value, class KTraits, class VTraits>
 int BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(OperationInfo& info) const {
   // Runs once, on the record of a key that this call created. The block becomes visible to others with Attach, as it
   // is by then.
-  auto onInsert = [this, &info](Value& value) {
+  const auto onInsert = [this, &info](Value& value) {
     const int ret = this->GetMemAndRawPtr(info.memKind, info.rawPtr);
     if (ret != KAVO_SUCCESS) {
       return ret;
@@ -75,16 +72,11 @@ int BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(
     return static_cast<int>(KAVO_SUCCESS);
   };
   // The hash table waits for another thread's insert by itself.
-  auto onFound = [&info](unsigned char& block) {
+  const auto onFound = [&info](unsigned char& block) {
     info.rawPtr = &block;
     return KAVO_SUCCESS;
   };
-  // Callables of two pointers stay inside the function objects; larger ones would be allocated in every call.
-  static_assert(sizeof(onInsert) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onInsert)>);
-  static_assert(sizeof(onFound) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onFound)>);
-  const std::function<int(Value&)> insertCallback(onInsert);
-  const std::function<int(unsigned char&)> foundCallback(onFound);
-  return this->HashTableOwner().GetHashtable().InsertOrFind(info.key, insertCallback, foundCallback);
+  return this->HashTableOwner().GetHashtable().InsertOrFind(info.key, onInsert, onFound);
 }
 
 }  // namespace Qen

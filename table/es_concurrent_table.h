@@ -78,6 +78,9 @@ class EsConcurrentTable {
 
   // Null when the key is absent or its insert has not finished.
   Pointee* Find(const Key& key) const { return m_table->GetHashtable().Find(key); }
+  // The same without a line from the hash table, and what to call some time before it.
+  Pointee* FindQuietly(const Key& key) const { return m_table->GetHashtable().Find(key, Table::Table::Miss::UNTOLD); }
+  void PrefetchHome(const Key& key) const noexcept { m_table->GetHashtable().PrefetchHome(key); }
 
   // REHASH_GRADUAL or REHASH_WHOLE_TABLE. While no insert runs.
   void SetRehashType(std::uint8_t type) const noexcept { m_table->GetHashtable().SetRehashType(type); }

@@ -45,9 +45,10 @@ class ExportCursors {
 
   // Ends a cursor that Open or Find gave. Throws what a lock throws, and then the cursor stays.
   void Close(const Cursor* cursor) {
+    Cursors closed;  // destroyed without the lock: the end of the last walk may give memory back
     const std::lock_guard lock(m_mutex);
     if (MoveToFront(cursor)) {
-      m_cursors.pop_front();
+      closed.splice(closed.begin(), m_cursors, m_cursors.begin());
     }
   }
 

@@ -23,10 +23,8 @@
 
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <limits>
 #include <new>
-#include <type_traits>
 
 #include "hash/filter_record.h"
 #include "hash/hashtable.h"
@@ -121,8 +119,8 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
  private:
   static constexpr std::uint32_t MAX_COUNT = std::numeric_limits<std::uint32_t>::max();
 
-  int Run(const Key& key, const std::function<int(Value&)>& onInsert,
-          const std::function<int(FilterRecord&)>& onFound) const {
+  template <class OnInsert, class OnFound>
+  int Run(const Key& key, const OnInsert& onInsert, const OnFound& onFound) const {
     return this->HashTableOwner().GetHashtable().InsertOrFind(key, onInsert, onFound);
   }
   // Relaxed: a number of its own; an operation may decide with the old one.
@@ -230,8 +228,6 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind
   const auto onFound = [this, &info](FilterRecord& record) {
     return FindOrAdmit(record, AddCount(record, info.filterCount), info);
   };
-  static_assert(sizeof(onInsert) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onInsert)>);
-  static_assert(sizeof(onFound) <= 2 * sizeof(void*) && std::is_trivially_copyable_v<decltype(onFound)>);
   return Run(info.key, onInsert, onFound);
 }
 
