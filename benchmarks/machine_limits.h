@@ -1,0 +1,39 @@
+// What this machine's memory does at best: the measure that no table can beat.
+#pragma once
+
+#include <cstdint>
+
+#include "huge_range.h"
+
+namespace Bench {
+
+class MachineLimits {
+ public:
+  // `bytes` is the range that is accessed: as much memory as the tables use.
+  MachineLimits(std::uint64_t bytes, unsigned threads);
+
+  struct Rates {
+    double lineNanoseconds = 0;  // a cache line at a random place, of all threads together
+    double bytesASecond = 0;     // in order, of all threads together
+    double oneThreadLineNanoseconds = 0;
+    double oneThreadBytesASecond = 0;
+  };
+
+  // Of one round. Every line is read independently of the others and requested some lines ahead; pages are huge where
+  // the system gives them.
+  Rates Measure() const;
+
+  std::uint64_t Bytes() const { return m_lines * LINE_BYTES; }
+
+ private:
+  static constexpr std::uint64_t LINE_BYTES = 64;
+
+  double RandomLineNanoseconds(unsigned threads) const;
+  double SequentialBytesASecond(unsigned threads) const;
+
+  std::uint64_t m_lines;
+  unsigned m_threads;
+  HugeRange m_range;
+};
+
+}  // namespace Bench

@@ -1,0 +1,217 @@
+// For orientation: what Kavo's cells and value blocks cost when nothing else is done. Cells of 32 bytes, found by the
+// key's low 32 bits and then in order, each with the address of its value; 2.4 cells an entry, rounded up to a power of
+// two. A fixed size, no growth, no check, no log, and a full table is not noticed.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#include "huge_range.h"
+#include "value.h"
+
+namespace Bench {
+
+class FloorTable {
+ public:
+  static constexpr const char* NAME = "floor";
+  static constexpr bool GROWS = false;
+
+  explicit FloorTable(std::uint64_t expected)
+      : m_mask(std::bit_ceil(expected * 12 / 5) - 1),
+        m_cellMemory((m_mask + 1) * sizeof(Cell)),
+        m_blockMemory((expected + expected / 4) * BLOCK_BYTES + 64 * RUN * BLOCK_BYTES),
+        m_cells(reinterpret_cast<Cell*>(m_cellMemory.Data())) {}
+
+  bool Insert(long key, const Value& value) {
+    Cell& cell = Claim(key);
+    if (cell.value.load(std::memory_order_acquire) != nullptr) {
+      return false;
+    }
+    unsigned char* const block = TakeBlock();
+    std::memcpy(block, &value, VALUE_BYTES);
+    cell.value.store(block, std::memory_order_release);  // a reader who sees the address sees the value
+    return true;
+  }
+
+  bool Find(long key, std::uint64_t& sum) const {
+    const unsigned char* const value = Lookup(key);
+    if (value == nullptr) {
+      return false;
+    }
+    sum += FirstWord(value);
+    return true;
+  }
+
+  bool Copy(long key, Value& row) const {
+    const unsigned char* const value = Lookup(key);
+    if (value == nullptr) {
+      return false;
+    }
+    std::memcpy(&row, value, VALUE_BYTES);
+    return true;
+  }
+
+  bool Train(long key, const Value& gradient) {
+    Cell& cell = Claim(key);
+    unsigned char* value = cell.value.load(std::memory_order_acquire);
+    const bool created = value == nullptr;
+    if (created) {
+      value = AttachZeros(cell);
+    }
+    AddShared(value, gradient);
+    return created;
+  }
+
+  std::uint64_t FindBatch(const long* keys, std::uint64_t num, std::uint64_t& sum) const {
+    const unsigned char* values[BATCH];
+    LookupBatch(keys, num, values);
+    std::uint64_t found = 0;
+    for (std::uint64_t i = 0; i < num; ++i) {
+      if (values[i] != nullptr) {
+        sum += FirstWord(values[i]);
+        ++found;
+      }
+    }
+    return found;
+  }
+
+  void CopyBatch(const long* keys, std::uint64_t num, Value* rows) const {
+    const unsigned char* values[BATCH];
+    LookupBatch(keys, num, values);
+    for (std::uint64_t i = 0; i < num; ++i) {
+      if (values[i] != nullptr) {
+        std::memcpy(&rows[i], values[i], VALUE_BYTES);
+      } else {
+        rows[i] = Value{};
+      }
+    }
+  }
+
+  std::uint64_t TrainBatch(const long* keys, std::uint64_t num, const Value& gradient) {
+    for (std::uint64_t i = 0; i < num; ++i) {
+      __builtin_prefetch(&Home(keys[i]), 1);
+    }
+    unsigned char* values[BATCH];
+    std::uint64_t created = 0;
+    for (std::uint64_t i = 0; i < num; ++i) {
+      Cell& cell = Claim(keys[i]);
+      values[i] = cell.value.load(std::memory_order_acquire);
+      if (values[i] == nullptr) {
+        values[i] = AttachZeros(cell);
+        ++created;
+      }
+      __builtin_prefetch(values[i], 1);
+    }
+    for (std::uint64_t i = 0; i < num; ++i) {
+      AddShared(values[i], gradient);
+    }
+    return created;
+  }
+
+  template <class Visit>
+  void ForEach(const Visit& visit) {
+    for (std::uint64_t i = 0; i <= m_mask; ++i) {
+      const std::uint64_t stored = m_cells[i].storedKey.load(std::memory_order_relaxed);
+      if (stored != 0) {
+        visit(static_cast<long>(~stored), m_cells[i].value.load(std::memory_order_acquire));
+      }
+    }
+  }
+
+  static constexpr std::uint64_t BATCH = 256;
+
+ private:
+  struct Cell {
+    std::atomic<std::uint64_t> flags;
+    std::atomic<std::uint64_t> storedKey;  // complemented, 0 for none
+    std::atomic<unsigned char*> value;
+    std::atomic<void*> map;
+  };
+  static_assert(sizeof(Cell) == 32);
+
+  // A value and a header before it.
+  static constexpr std::uint64_t BLOCK_BYTES = 8 + VALUE_BYTES;
+  static constexpr std::uint64_t RUN = 1024;
+  static constexpr std::uint64_t AHEAD = 16;
+
+  std::uint64_t HomeIndex(long key) const { return static_cast<std::uint32_t>(key) & m_mask; }
+  Cell& Home(long key) const { return m_cells[HomeIndex(key)]; }
+
+  const unsigned char* Lookup(long key) const {
+    const std::uint64_t wanted = ~static_cast<std::uint64_t>(key);
+    for (std::uint64_t i = HomeIndex(key);; i = (i + 1) & m_mask) {
+      // Relaxed: the value's address orders what follows.
+      const std::uint64_t stored = m_cells[i].storedKey.load(std::memory_order_relaxed);
+      if (stored == wanted) {
+        return m_cells[i].value.load(std::memory_order_acquire);
+      }
+      if (stored == 0) {
+        return nullptr;
+      }
+    }
+  }
+
+  void LookupBatch(const long* keys, std::uint64_t num, const unsigned char** values) const {
+    for (std::uint64_t i = 0; i < std::min(AHEAD, num); ++i) {
+      __builtin_prefetch(&Home(keys[i]));
+    }
+    for (std::uint64_t i = 0; i < num; ++i) {
+      if (i + AHEAD < num) {
+        __builtin_prefetch(&Home(keys[i + AHEAD]));
+      }
+      values[i] = Lookup(keys[i]);
+      __builtin_prefetch(values[i]);
+    }
+  }
+
+  Cell& Claim(long key) {
+    const std::uint64_t wanted = ~static_cast<std::uint64_t>(key);
+    for (std::uint64_t i = HomeIndex(key);; i = (i + 1) & m_mask) {
+      std::uint64_t stored = m_cells[i].storedKey.load(std::memory_order_relaxed);  // relaxed: as in Lookup
+      if (stored == wanted ||
+          (stored == 0 && (m_cells[i].storedKey.compare_exchange_strong(stored, wanted, std::memory_order_relaxed) ||
+                           stored == wanted))) {
+        return m_cells[i];
+      }
+    }
+  }
+
+  // Of several threads one attaches its block; the others' are lost.
+  unsigned char* AttachZeros(Cell& cell) {
+    unsigned char* const block = TakeBlock();
+    unsigned char* expected = nullptr;
+    return cell.value.compare_exchange_strong(expected, block, std::memory_order_acq_rel) ? block : expected;
+  }
+
+  unsigned char* TakeBlock() {
+    struct Run {
+      const FloorTable* owner = nullptr;
+      std::uint64_t serial = 0;
+      std::uint64_t next = 0;
+      std::uint64_t end = 0;
+    };
+    thread_local Run run;
+    if (run.owner != this || run.serial != m_serial || run.next == run.end) {
+      run = {this, m_serial, m_nextRun.fetch_add(RUN, std::memory_order_relaxed), 0};  // relaxed: only a number
+      run.end = run.next + RUN;
+    }
+    return m_blockMemory.Data() + 8 + BLOCK_BYTES * run.next++;
+  }
+
+  static std::uint64_t NextSerial() {
+    static std::atomic<std::uint64_t> last{0};
+    return ++last;
+  }
+
+  const std::uint64_t m_serial = NextSerial();
+  std::uint64_t m_mask;
+  HugeRange m_cellMemory;
+  HugeRange m_blockMemory;
+  Cell* m_cells;
+  std::atomic<std::uint64_t> m_nextRun{0};
+};
+
+}  // namespace Bench
