@@ -4,13 +4,24 @@
 
 #include <atomic>
 
+#ifdef KAVO_EXPLORER
+#include "explorer/scheduled_types.h"
+#endif
+
 namespace Qen {
 
+#ifdef KAVO_EXPLORER
+template <class T>
+using Atomic = KavoExplorer::Atomic<T>;
+template <class T>
+using AtomicRef = KavoExplorer::AtomicRef<T>;
+#else
 template <class T>
 using Atomic = std::atomic<T>;
 
 // For words that live in raw memory, such as a block's value header.
 template <class T>
 using AtomicRef = std::atomic_ref<T>;
+#endif
 
 }  // namespace Qen

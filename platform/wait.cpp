@@ -5,6 +5,10 @@
 
 #include "platform/test_hooks.h"
 
+#ifdef KAVO_EXPLORER
+#include "explorer/scheduler.h"
+#endif
+
 namespace Qen {
 namespace {
 
@@ -35,6 +39,11 @@ unsigned long long ShortenedLimit(unsigned long long maxSleeps) noexcept {
 }  // namespace
 
 bool Waiter::Pause() noexcept {
+#ifdef KAVO_EXPLORER
+  if (KavoExplorer::PauseStep()) {
+    return true;
+  }
+#endif
   if (m_spins < SPIN_PAUSES) {
     if (m_spins < FIRST_YIELD) {
       PauseProcessor();

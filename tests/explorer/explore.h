@@ -1,0 +1,47 @@
+// Searches the orders in which the threads of a scenario can take their steps, for one that breaks a promise.
+//
+// First the orders without a preemption, then all with one, two, three and so on: most mistakes need few. Where the
+// budget does not reach so far, what is left of it goes to random orders, whose seed is printed. Orders that only
+// repeat another are left out (scheduler.h).
+//
+// A failure is reported with its schedule, which KAVO_EXPLORE_REPLAY runs again, and with its steps.
+//
+//   KAVO_EXPLORE_SCHEDULES   schedules for each scenario
+//   KAVO_EXPLORE_REPLAY      one schedule: "0x17 1x5 0x9" is 17 steps of thread 0, 5 of thread 1, 9 of thread 0
+//   KAVO_TEST_SEED           seed of the random orders
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace KavoExplorer {
+
+// One run of a scenario: made anew for each schedule.
+class ScenarioRun {
+ public:
+  virtual ~ScenarioRun() = default;
+
+  // What the threads do, under the scheduler.
+  std::vector<std::function<void()>> threads;
+
+  // After the threads have ended. Empty, or what is wrong.
+  virtual std::string Check() = 0;
+  // A name for an address, or empty.
+  virtual std::string NameOf(const void* /* where */) const { return {}; }
+};
+
+struct Report {
+  unsigned long long schedules = 0;
+  unsigned complete = 0;   // all orders with fewer preemptions than this are among them
+  bool exhausted = false;  // there are no others
+  std::string failure;     // empty: none
+};
+
+Report Explore(const std::function<std::unique_ptr<ScenarioRun>()>& make);
+
+// Explores and prints what was seen; a failure fails the test.
+void ExpectHolds(const std::function<std::unique_ptr<ScenarioRun>()>& make);
+
+}  // namespace KavoExplorer

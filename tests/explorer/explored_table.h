@@ -1,0 +1,30 @@
+// A hash table as scenarios use it: reaching into its growth, and telling what it is left like.
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "hash/test_table.h"
+
+namespace KavoExplorer {
+
+class ExploredTable final : public KavoTest::TestTable {
+ public:
+  using Core = KavoTest::Core;
+  using TestTable::TestTable;
+
+  Core* Generation(unsigned index) const;
+  int BuildNext(Core* core);
+  int MoveBucket(Core* core, unsigned long long bucket, Core* destination) {
+    return StartMove(core, destination, bucket);
+  }
+  int MoveGeneration(Core* core);
+  unsigned char* Claim(long key);  // without any growth; null when the key is there, or being filled
+  int OfferFailing(long key);      // its insert callback fails
+  std::multiset<long> WalkedKeys();
+  // Empty, or what somebody has left half done.
+  std::string Leftovers() const;
+  std::string NameOf(const void* where) const;
+};
+
+}  // namespace KavoExplorer

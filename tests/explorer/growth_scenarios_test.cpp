@@ -1,0 +1,97 @@
+// Growth of a whole table: building, moving, leaving generations, and giving their cells back, beside everything else.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "explorer/table_run.h"
+
+namespace KavoExplorer {
+namespace {
+
+constexpr std::initializer_list<long> FULL = {0, 1, 2, 3, 4, 5, 6, 7};
+
+TEST(WholeTableScenarios, InsertLookupAndGrowth) {
+  ExpectHolds(Fill({0}), {InOrder({Offer(8), Look(8)}), InOrder({Look(0), Look(8)}), Grow()});
+}
+
+TEST(WholeTableScenarios, OneKeyTwiceAndGrowth) {
+  ExpectHolds(Fill({0}), {Offer(8), Offer(8), Grow()});
+}
+
+TEST(WholeTableScenarios, TwoBuilders) {
+  ExpectHolds(Fill({0, 3}), {Grow(), Grow(), Offer(8)});
+}
+
+TEST(WholeTableScenarios, ABuilderWithoutMemoryAndOneWith) {
+  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {OfferWithout(16, 3), Offer(9)});
+}
+
+TEST(WholeTableScenarios, ThreeOffersMeetTheFullTable) {
+  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {Offer(9), Offer(16), InOrder({Offer(9), Look(16)})});
+}
+
+// The chunk is given back, and whoever waits for the end takes it up.
+TEST(WholeTableScenarios, AMoverThatFailsBesideOneThatWaits) {
+  ExpectHolds(Fill({0, 8}), {WithFailingMove(0, Grow()), Grow(), Offer(16)});
+}
+
+TEST(WholeTableScenarios, TwoGenerationsAreEmptiedAtOnce) {
+  ExpectHolds(InOrder({Fill({0, 5}), BuildGenerations(3)}), {MoveGeneration(0), MoveGeneration(1), Offer(8)});
+}
+
+TEST(WholeTableScenarios, AReaderFromTheTimeBeforeTwoGrowths) {
+  ExpectHolds(Fill({0, 5}), {InOrder({Grow(), Grow()}), InOrder({Look(0), Look(8)}), Offer(8)});
+}
+
+TEST(GiveBackScenarios, ALateOfferMeetsCellsThatWereGivenBack) {
+  ExpectHolds(Fill({0, 5}), {Grow(), Offer(8), Offer(8)});
+  ExpectHolds(Fill({}), {Grow(), Offer(8), InOrder({Offer(8), Look(8)})});
+}
+
+TEST(GiveBackScenarios, ALateMapCreatorAndALateGuestOfAMap) {
+  ExpectHolds(Fill(FULL), {Grow(), Offer(8)});
+  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {Grow(), Offer(16), Look(8)});
+}
+
+TEST(GiveBackScenarios, ALateMover) {
+  ExpectHolds(InOrder({Fill({0}), BuildGenerations(2)}), {Grow(), MoveBucket(0, 0), Offer(8)});
+  ExpectHolds(Fill({0}), {Grow(), Grow(), Grow()});
+}
+
+TEST(GiveBackScenarios, AWalkKeepsWhatItReads) {
+  ExpectHolds(Fill({0, 5}), {Grow(), Walk(), InOrder({Grow(), Walk()})});
+}
+
+TEST(GradualScenarios, TwoOffersMeetTheFullTable) {
+  ExpectHolds(InOrder({Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), GradualGrowth()}),
+              {InOrder({Offer(9), Look(8)}), InOrder({Offer(16), Look(9)})});
+}
+
+TEST(GradualScenarios, ASweepBesideInsertsIntoItsBuckets) {
+  ExpectHolds(InOrder({Fill({0, 3}), BuildGenerations(2), GradualGrowth()}),
+              {Offer(8), InOrder({Offer(11), Look(8)}), Look(0)});
+}
+
+TEST(GradualScenarios, AMoveThatASweepGivesUp) {
+  ExpectHolds(InOrder({Fill({0, 3}), BuildGenerations(2), GradualGrowth()}),
+              {WithFailingMove(0, Offer(8)), InOrder({Offer(11), Look(8)})});
+}
+
+// The second generation fills while the first has entries: whoever adds the third finishes the first.
+TEST(GradualScenarios, TheOldestIsFinishedIntoTheThird) {
+  // Bucket 0 of the first is in place, with a map; the keys that fill the second are of other buckets.
+  std::vector<Call> calls = {Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), BuildGenerations(2), GradualGrowth()};
+  for (unsigned long long bucket = 1; bucket < 8; ++bucket) {
+    calls.push_back(MoveBucket(0, bucket));
+  }
+  for (long key = 17; key < 25; ++key) {
+    calls.push_back(key % 8 != 0 ? Fill({key}) : Fill({}));
+  }
+  calls.push_back(FillGeneration(1, 33));
+  const Call secondIsFull = InOrder(calls);
+  ExpectHolds(secondIsFull, {Offer(49), Offer(16), Look(8)});
+  ExpectHolds(secondIsFull, {Offer(49), InOrder({Offer(50), Look(49)})});
+}
+
+}  // namespace
+}  // namespace KavoExplorer
