@@ -136,6 +136,7 @@ class HashCore {
   unsigned long long Mask() const noexcept { return m_mask; }
   unsigned long long MapNum() const noexcept { return m_mapNum.load(std::memory_order_relaxed); }
   unsigned long long MaxMapNum() const noexcept { return m_maxMapNum; }
+  unsigned long long MapBytes() const noexcept { return m_mapBytes.load(std::memory_order_relaxed); }
   bool IsOverMapThreshold() const noexcept { return MapNum() > m_maxMapNum; }
 
   // Acquire and release: a generation is seen fully built.
@@ -214,6 +215,7 @@ class HashCore {
   Atomic<unsigned long long> m_movedBuckets{0};
   Atomic<unsigned long long> m_movedEntries{0};
   Atomic<std::uint64_t> m_sweepPosition{0};
+  Atomic<unsigned long long> m_mapBytes{0};  // a statistic, hence relaxed
 };
 
 template <class Key, class Value, class KTraits, class VTraits>
@@ -300,6 +302,8 @@ bool HashCore<Key, Value, KTraits, VTraits>::GiveBackCells() noexcept {
 // Release: pairs with the destructor's acquire; carries the list's links.
 template <class Key, class Value, class KTraits, class VTraits>
 void HashCore<Key, Value, KTraits, VTraits>::OwnMap(Map* map) noexcept {
+  map->bytes.CountInto(m_mapBytes);
+  map->bytes.Add(sizeof(Map));
   map->nextOwned = m_ownedMaps.load(std::memory_order_relaxed);
   while (
       !m_ownedMaps.compare_exchange_weak(map->nextOwned, map, std::memory_order_release, std::memory_order_relaxed)) {

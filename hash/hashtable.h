@@ -55,6 +55,9 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
     return this->m_curHashCore.load(std::memory_order_seq_cst);  // see GiveBackSome
   }
 
+  // Adds what the table's generations hold and have done. Walks along the chain, not over cells.
+  void AddStats(KavoTableStats& stats) const noexcept;
+
   Core* CurrentGeneration() const noexcept {
     return this->m_curHashCore.load(std::memory_order_acquire);  // see the field
   }
@@ -119,6 +122,23 @@ void Hashtable<Key, Value, KTraits, VTraits>::PrefetchHome(const Key& key) const
   if (const Core* const next = core->Next(); next != nullptr) [[unlikely]] {
     PrefetchForRead(&next->CellAt(next->HomeIndex(key)));
   }
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+void Hashtable<Key, Value, KTraits, VTraits>::AddStats(KavoTableStats& stats) const noexcept {
+  const Core* const current = CurrentGeneration();
+  bool inUse = false;
+  for (const Core* core = m_firstHashCore; core != nullptr; core = core->Next()) {
+    inUse = inUse || core == current;
+    (inUse ? stats.cellBytes : stats.leftCellBytes) += core->CellBytes();
+    stats.generations += inUse ? 1 : 0;
+    stats.mapBytes += core->MapBytes();
+    stats.maps += core->MapNum();
+    stats.movedEntries += core->MovedEntries();
+  }
+  // Relaxed: statistics.
+  stats.growths += this->m_growths.load(std::memory_order_relaxed);
+  stats.backstopCompletions += this->m_backstopCompletions.load(std::memory_order_relaxed);
 }
 
 // Every run, the first and each further one, is dispatched in the same way. A key found in its home cell, the common

@@ -2,7 +2,7 @@
  * Kavo: large in-memory hash tables inside a host process.
  *
  * A table maps a signed 64-bit key to a value of fixed length. Many threads read and write one table at once, without
- * a table-wide lock, and the table grows while they do. Values are never copied out: a lookup gives the address of
+ * a table-wide lock, and the table grows while they do. Values stay where they are: a lookup gives the address of
  * the value bytes inside the table.
  *
  * This header is the manual of libkavo_base.so: what is not said here is not promised. It compiles as C11 and as C++.
@@ -286,6 +286,104 @@ int KavoLookupOrInsert(unsigned int tableId, long key, unsigned char** valuePtr,
  */
 int KavoSetFilterFreq(unsigned int tableId, unsigned int freq);
 
+/* MANY KEYS AT ONCE
+ *
+ * A key's cell and value lie anywhere in a large table, so a loop of single calls spends most of its time waiting for
+ * memory, one key after the other. The functions below take an array of keys and ask for the memory of several of them
+ * at once. Apart from the time, a batch is the loop of single calls in the order of the array:
+ *
+ *  - Keys may repeat. `num` may be 0; the call then does nothing and succeeds. The arrays must not be null all the
+ * same.
+ *  - A batch is not atomic: other threads may see a part of it done, and their calls may take effect between its keys.
+ *    What concurrent calls may count on (see THREADS) holds for each key by itself.
+ *  - Before anything else all arguments are checked, all keys included: a call that is refused with KAVO_INVALID has
+ *    done nothing. The line for a negative key names the index of the first.
+ *  - An absent key is no failure in a batch, and writes no line.
+ *  - Arrays are the caller's, are not kept, and must not overlap each other nor the values of the table. What is said
+ * to have `num` elements must have room for all of them.
+ */
+
+/*
+ * Finds many keys.
+ *
+ *   keys       in: `num` keys.
+ *   valuePtrs  out: `num` addresses: of the key's value bytes, or null for a key that is absent (or is only just being
+ *              inserted) and for a key that a filter table only counts. Single calls tell the two apart.
+ *   found      out: how many of the addresses are not null.
+ *
+ * The export states do not change. Takes no lock that KavoLookup does not take, and allocates nothing.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      a pointer is null, a key is negative, or the table id is not in use; nothing was written;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind; nothing was written;
+ *   KAVO_FAILED       a lock reported an error; some of `valuePtrs` may have been written, `found` has not.
+ */
+int KavoBatchLookup(unsigned int tableId, const long* keys, unsigned long long num, unsigned char** valuePtrs,
+                    unsigned long long* found);
+
+/*
+ * Copies the values of many keys out of the table: for callers that need them in one piece of memory.
+ *
+ *   keys        in: `num` keys.
+ *   rows        out: `num` times `valueLen` bytes; row i, the value of `keys`[i], begins at byte i * `valueLen`.
+ *   valueLen    must be the table's value length.
+ *   defaultRow  in: `valueLen` bytes, the row of every key that is absent (or is only just being inserted) or that a
+ *               filter table only counts. Null stands for zero bytes.
+ *
+ * Value bytes are read as by the caller itself: who writes a value meanwhile must be coordinated with (see THREADS).
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      `keys` or `rows` is null, a key is negative, the table id is not in use, or the length is not the
+ *                     table's; nothing was written;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind; nothing was written;
+ *   KAVO_FAILED       a lock reported an error; some of the rows may have been written.
+ */
+int KavoBatchGather(unsigned int tableId, const long* keys, unsigned long long num, unsigned char* rows,
+                    unsigned int valueLen, const unsigned char* defaultRow);
+
+/*
+ * Finds or inserts many keys: as KavoLookupOrInsert for each. A key that stands in the array several times gets one
+ * address; at most the first of them answers `isFind` 0, and in a filter table each counts.
+ *
+ *   keys         in: `num` keys.
+ *   valuePtrs    out: `num` addresses; null for a key that a filter table only counts.
+ *   isFind       out: `num` numbers, as KavoLookupOrInsert says.
+ *   filterCount  filter tables: the occurrences that each element counts, as there. Not used by basic tables.
+ *   done         out: how many keys, from the first on, were served. Written whatever the call returns, unless it is
+ *                null: `num` after a success, 0 when the call was refused.
+ *
+ * A failure ends the call at the key at which it occurred, whose index is `*done`. The keys before it are served, and
+ * their outputs written; this key is left as KavoLookupOrInsert leaves it with the same status; nothing has happened to
+ * the keys behind it. A call with the rest of the arrays goes on from there.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID    a pointer is null, a key is negative, or the table id is not in use; nothing was inserted;
+ *   KAVO_NO_MEMORY, KAVO_FAILED, KAVO_UNSUPPORTED  as KavoLookupOrInsert, for the key at index `*done`.
+ */
+int KavoBatchLookupOrInsert(unsigned int tableId, const long* keys, unsigned long long num, unsigned char** valuePtrs,
+                            unsigned int* isFind, unsigned int filterCount, unsigned long long* done);
+
+/*
+ * Inserts many keys, or overwrites their values; sets their export states to 0: as KavoInsertOrUpdate for each, with a
+ * value. Of a key that stands in the array several times the last row stays.
+ *
+ *   keys         in: `num` keys.
+ *   rows         in: `num` times `valueLen` bytes; row i, the value for `keys`[i], begins at byte i * `valueLen`.
+ *   valueLen     must be the table's value length.
+ *   filterCount  filter tables: the count that a new key starts with. Not used by basic tables.
+ *   done         out: as in KavoBatchLookupOrInsert.
+ *
+ * Nothing is written to a key that a filter table only counts; it is served all the same. Failures are as in
+ * KavoBatchLookupOrInsert.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID    `keys`, `rows` or `done` is null, a key is negative, the table id is not in use, or the length is
+ *                   not the table's; nothing was inserted;
+ *   KAVO_NO_MEMORY, KAVO_FAILED, KAVO_UNSUPPORTED  as KavoInsertOrUpdate, for the key at index `*done`.
+ */
+int KavoBatchInsertOrUpdate(unsigned int tableId, const long* keys, unsigned long long num, const unsigned char* rows,
+                            unsigned int valueLen, unsigned int filterCount, unsigned long long* done);
+
 /* VALUES BEFORE KEYS
  *
  * A table can be loaded without copying any value: the caller writes the values into the table's own value memory, and
@@ -530,6 +628,67 @@ int KavoGetHtSizeAndVl(unsigned int tableId, unsigned long long* size, unsigned 
  * On failure `tableType` and `*realNum` may have been written; nothing else has changed.
  */
 int KavoBatchGetNext(unsigned int tableId, KavoHtBatchInfo* batchInfo, unsigned int* realNum, void** iter);
+
+/* STATISTICS
+ *
+ * What a table holds and has done, for a host that watches its memory. Cheap enough to ask for every second beside full
+ * load: no entry is looked at, and an insert waits for it at most while it needs further value memory, for a moment.
+ *
+ * The numbers are read one after the other while others change them: beside inserts they are approximate, and need not
+ * agree with each other.
+ */
+
+/*
+ * Bytes are those of the address space that is taken for the purpose; a part that was never touched costs no memory.
+ * What is not listed is small. Fields will be added at the end only.
+ *
+ *   size                 in: sizeof(KavoTableStats), as the caller knows it. Out: how many bytes were filled.
+ *   cellBytes            cells of the generations in use.
+ *   leftCellBytes        cells of generations that were left and are not yet given back to the system, which further
+ *                        inserts of new keys do bit by bit.
+ *   valueBytes           values that keys have, with export state and padding. Of the memory that was reserved at
+ *                        creation the used part is found by a search, which is exact unless more than 256 threads have
+ *                        inserted, or prepared values were fetched with gaps.
+ *   stockBytes           memory for values, and for the records of filter tables, that no key has yet.
+ *   mapBytes             overflow maps of buckets whose keys outgrew their cells. Those of generations that were left
+ *                        stay until the table is destroyed.
+ *   filterRecordBytes    filter tables: the records of all keys.
+ *   generations          generations in use: 1, or more while the table grows.
+ *   growths              larger generations that were added since the table was created.
+ *   maps                 overflow maps, as in mapBytes.
+ *   movedEntries         entries that growths have copied since then; one that moved twice counts twice.
+ *   backstopCompletions  how often, since then, gradual growth fell back on moving the whole rest of a generation in
+ *                        one insert, because the steps of all others had not finished it in time.
+ *   linesHeldBack        log lines that the bound has held back (see LOGGING), of the whole process, since load.
+ */
+typedef struct KavoTableStats {
+  unsigned long long size;
+  unsigned long long cellBytes;
+  unsigned long long leftCellBytes;
+  unsigned long long valueBytes;
+  unsigned long long stockBytes;
+  unsigned long long mapBytes;
+  unsigned long long filterRecordBytes;
+  unsigned long long generations;
+  unsigned long long growths;
+  unsigned long long maps;
+  unsigned long long movedEntries;
+  unsigned long long backstopCompletions;
+  unsigned long long linesHeldBack;
+} KavoTableStats;
+
+/*
+ * Gives a table's statistics.
+ *
+ *   stats  in: its `size`. Out: all fields that both sides know, the first `size` bytes; what lies behind them keeps
+ *          what it held.
+ *
+ * Returns KAVO_SUCCESS;
+ *   KAVO_INVALID      `stats` is null, its `size` is less than 104, or the table id is not in use;
+ *   KAVO_UNSUPPORTED  the table is of an unknown kind;
+ *   KAVO_FAILED       a lock reported an error.
+ */
+int KavoGetTableStats(unsigned int tableId, KavoTableStats* stats);
 
 /* LOGGING
  *

@@ -99,6 +99,18 @@ void FreshBlocks::GiveBack(unsigned char* block) noexcept {
   }
 }
 
+FreshBlocks::Usage FreshBlocks::GetUsage() {
+  const std::lock_guard<Mutex> lock(m_mutex);
+  Usage usage{m_inRuns, m_chunkBytes};
+  for (const Arena& arena : m_arenas) {
+    // Runs that were replaced are used up (I3). relaxed: written under this lock, and a count.
+    if (const Run* const run = arena.run.load(std::memory_order_relaxed); run != nullptr) {
+      usage.blocks -= run->count - std::min(run->count, run->used.load(std::memory_order_relaxed));
+    }
+  }
+  return usage;
+}
+
 // Null when there is none any more.
 unsigned char* FreshBlocks::TakeSpare() {
   const std::lock_guard<Mutex> lock(m_mutex);
@@ -125,6 +137,7 @@ unsigned char* FreshBlocks::ReplaceRun(Arena& arena, const Run* usedUp) {
   Run* const run = HeapNew<Run>(m_chunkNext, count, m_runs);
   m_runs = run;
   m_chunkLeft -= count;
+  m_inRuns += count;
   m_chunkNext += static_cast<std::size_t>(count) * m_layout.stride;
   // A run cut short by the end of its chunk does not count: see the bound on what an arena holds back.
   if (count == arena.nextCount) {
@@ -145,6 +158,7 @@ void FreshBlocks::MapChunk() {
     m_nextChunkBytes = std::max(MIN_CHUNK_BYTES, m_nextChunkBytes / 2);
     throw;
   }
+  m_chunkBytes += m_chunks.back().Bytes();
   m_chunkNext = m_layout.At(m_chunks.back().Data(), 0);
   m_chunkLeft = count;
   m_nextChunkBytes = std::min(2 * m_nextChunkBytes, MAX_CHUNK_BYTES);

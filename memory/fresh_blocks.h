@@ -50,6 +50,14 @@ class FreshBlocks {
 
   unsigned char* Take();
 
+  // Blocks handed out so far, those given back again included, and the bytes that are taken from the system for them
+  // and for blocks to come. Takes the lock once. Throws what it throws.
+  struct Usage {
+    unsigned long long blocks;
+    unsigned long long bytes;
+  };
+  Usage GetUsage();
+
   // Takes back a block that nobody else has seen; the next Take may hand it out again, zero-filled.
   void GiveBack(unsigned char* block) noexcept;
 
@@ -83,6 +91,8 @@ class FreshBlocks {
   unsigned char* m_chunkNext = nullptr;  // the first block not yet in a run
   unsigned long long m_chunkLeft = 0;    // blocks from there to the end of the chunk
   std::size_t m_nextChunkBytes;
+  unsigned long long m_inRuns = 0;  // blocks of all runs
+  unsigned long long m_chunkBytes = 0;
 };
 
 }  // namespace Qen

@@ -91,12 +91,21 @@ class MemoryPool {
 
   unsigned BlockSize() const noexcept { return m_blockSize; }
 
+  // The bytes of all blocks that GetMem has handed out, and of the memory that is there for further ones. The stock's
+  // part is an estimate, which costs GetMem nothing: see StockTaken. Beside any other call. Throws what a lock throws.
+  struct Usage {
+    unsigned long long handedOut;
+    unsigned long long inStock;
+  };
+  Usage GetUsage();
+
  private:
   enum SlotState : unsigned char { IN_STOCK = 0, RELEASED = 1, TAKEN = 2 };
 
   void Register(ThreadIndex& record) noexcept;
   unsigned char* TakeFromStock(ThreadIndex& record, unsigned char available) noexcept;
   AtomicRef<unsigned char> Flag(unsigned long long slot) const noexcept;
+  unsigned long long StockTaken() const noexcept;
   unsigned char* HandOut(unsigned char* block) const noexcept;
 
   // Fixed after construction.

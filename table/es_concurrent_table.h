@@ -89,6 +89,14 @@ class EsConcurrentTable {
   int PrepareMemForValues(unsigned long long& count) const { return m_pool->PrepareMemForValues(count); }
   int GetMemForValue(unsigned long long index, unsigned char*& block) const;
 
+  // Adds what the table holds and has done. Throws what a lock throws.
+  void AddStats(KavoTableStats& stats) const {
+    m_table->GetHashtable().AddStats(stats);
+    const MemoryPool::Usage values = m_pool->GetUsage();
+    stats.valueBytes += values.handedOut;
+    stats.stockBytes += values.inStock;
+  }
+
   unsigned ValueLen() const noexcept { return m_pool->BlockSize() - VALUE_HEADER_BYTES; }
   unsigned long long Capacity() const { return m_table->Capacity(); }
 

@@ -97,6 +97,14 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
     return Base::GetBatchNext(*this, info, realNum, iter, RecordHint{info.exportMode != KAVO_EXPORT_ALL});
   }
 
+  void AddStats(KavoTableStats& stats) const {
+    Base::AddStats(stats);
+    const FreshBlocks::Usage records = m_records.GetUsage();
+    const unsigned long long bytes = records.blocks * sizeof(FilterRecord);
+    stats.filterRecordBytes += bytes;
+    stats.stockBytes += records.bytes - bytes;
+  }
+
   // Each answers 1 (new entry), 0 (it was there) or a negative status.
 
   // Inserts, with the value's block if the caller brings one; a key that is there stays as it is.

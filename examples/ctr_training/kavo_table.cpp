@@ -80,4 +80,14 @@ std::uint64_t KavoTable::KeyCount(bool admittedOnly) const {
   return count;
 }
 
+KavoTableStats KavoTable::Stats() const {
+  KavoTableStats stats{};
+  stats.size = sizeof(stats);
+  const int status = KavoGetTableStats(m_id, &stats);
+  if (status != KAVO_SUCCESS) {
+    throw KavoError(Describe("KavoGetTableStats", m_id, status));
+  }
+  return stats;
+}
+
 }  // namespace CtrTraining

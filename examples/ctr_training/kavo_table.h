@@ -2,6 +2,8 @@
 // throws KavoError, which names the call, the table and the code.
 #pragma once
 
+#include <kavo.h>
+
 #include <cstdint>
 #include <stdexcept>
 
@@ -32,6 +34,9 @@ class KavoTable {
 
   // Keys that the table holds, or those of them that are admitted. While no thread inserts.
   std::uint64_t KeyCount(bool admittedOnly) const;
+
+  // What it holds and has done. At any time.
+  KavoTableStats Stats() const;
 
  private:
   const unsigned m_id;

@@ -119,6 +119,8 @@ Outcome TrainOnce(RowSource& source, Arguments& arguments) {
   outcome.result = Train(source, model, training);
   facts.growths = libraryLog.Growths();
   facts.residentAfter = ResidentBytes();
+  facts.weights = model.Weights().Stats();
+  facts.vectors = model.Vectors().Stats();
   return outcome;
 }
 

@@ -59,6 +59,16 @@ std::uint64_t Grown(const RunFacts& facts) {
   return facts.residentAfter > facts.residentBefore ? facts.residentAfter - facts.residentBefore : 0;
 }
 
+// Where both tables' memory is, by the library's own account: of what was taken from the system, touched or not.
+void PrintTableMemory(const KavoTableStats& weights, const KavoTableStats& vectors) {
+  const auto line = [&](const char* name, auto bytesOf) {
+    Line(name, fmt::format("{:.1f} MiB", static_cast<double>(bytesOf(weights) + bytesOf(vectors)) / MIB));
+  };
+  line("both tables' cells", [](const KavoTableStats& stats) { return stats.cellBytes + stats.mapBytes; });
+  line("both tables' values", [](const KavoTableStats& stats) { return stats.valueBytes + stats.filterRecordBytes; });
+  line("taken, but not in use", [](const KavoTableStats& stats) { return stats.stockBytes + stats.leftCellBytes; });
+}
+
 void PrintQuality(const TrainingResult& result, const RunFacts& facts) {
   const double constant = result.model.ConstantLogLoss();
   const double model = result.model.MeanLogLoss();
@@ -144,6 +154,7 @@ void PrintReport(const TrainingResult& result, const RunFacts& facts) {
   Line("lookups", fmt::format("{}, {} a second", Count(result.lookups), CountRate(result.lookups, result.seconds)));
   Line("growths", fmt::format("{}, both tables together, from {} entries each", facts.growths, facts.tableSize));
   Line("resident memory", fmt::format("{:.1f} MiB", static_cast<double>(facts.residentAfter) / MIB));
+  PrintTableMemory(facts.weights, facts.vectors);
   if (result.distinctFeatures > 0) {
     const double perFeature = static_cast<double>(Grown(facts)) / static_cast<double>(result.distinctFeatures);
     Line("memory per feature",

@@ -37,6 +37,8 @@ struct RunFacts {
   std::uint64_t growths = 0;
   std::uint64_t residentBefore = 0;  // bytes, before the tables were made
   std::uint64_t residentAfter = 0;   // bytes, while they still stand
+  KavoTableStats weights{};          // of the two tables, at the end
+  KavoTableStats vectors{};
 };
 
 // Bytes of the process that are in physical memory now.

@@ -107,6 +107,45 @@ TEST_P(FaultInjection, FailedInsertLeavesTheKeyAbsentAndMayBeRepeated) {
   EXPECT_EQ(before, Held());
 }
 
+// A batch ends at the key whose insert failed, and goes on from there.
+TEST_P(FaultInjection, FailedBatchHasServedTheKeysBeforeAndNoneBehind) {
+  constexpr std::size_t KEYS = 300;
+  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(id, 8, 8, type));
+  std::vector<long> keys(KEYS);
+  for (std::size_t i = 0; i < KEYS; ++i) {
+    keys[i] = static_cast<long>(i) * 4096;
+  }
+  std::vector<unsigned char*> addresses(KEYS);
+  std::vector<unsigned> isFind(KEYS, 9);
+  std::size_t at = 0;
+  int refused = 0;
+  for (unsigned long long nth = 1; at < KEYS; nth = nth % 3 + 1) {
+    KavoTest::LogCapture capture(KavoSetLogSink);
+    TestHooks::FailAllocation(nth);
+    unsigned long long done = 9999;
+    const int ret = KavoBatchLookupOrInsert(id, &keys[at], KEYS - at, &addresses[at], &isFind[at], 0, &done);
+    TestHooks::FailAllocation(0);
+    ASSERT_LE(done, KEYS - at);
+    at += static_cast<std::size_t>(done);
+    EXPECT_EQ(ret == KAVO_SUCCESS, at == KEYS);
+    unsigned long long found = 0;
+    EXPECT_EQ(KAVO_SUCCESS, KavoBatchLookup(id, keys.data(), KEYS, std::vector<unsigned char*>(KEYS).data(), &found));
+    ASSERT_EQ(at, found) << "keys beside those that were served";
+    if (ret == KAVO_SUCCESS) {
+      break;
+    }
+    ++refused;
+    ASSERT_TRUE(ret == KAVO_NO_MEMORY || ret == KAVO_FAILED) << ret;
+    EXPECT_EQ("KavoBatchLookupOrInsert failed, ret[" + std::to_string(ret) + "], done[" + std::to_string(done) + "]",
+              capture.Messages().back());
+    EXPECT_EQ(nullptr, addresses[at]);
+    EXPECT_EQ(9U, isFind[at]);
+  }
+  EXPECT_GE(refused, 3);
+  EXPECT_EQ(std::vector<unsigned>(KEYS), isFind) << "each key is new once";
+  EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(id));
+}
+
 TEST(FailedInsert, WithoutABlockNamesTheCauseInEveryLayer) {
   ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(1, 8, 8, KAVO_TABLE_TYPE_BASIC));
   unsigned char value[8] = {1};

@@ -43,6 +43,11 @@ int main(void) {
   unsigned int num = 0;
   unsigned long long size = 0;
   unsigned long long count = 0;
+  const long keys[3] = {2, 1, 2};
+  unsigned char* addresses[3];
+  unsigned int finds[3];
+  unsigned char rows[3 * LEN];
+  KavoTableStats stats;
 
   CHECK(KavoSetLogSink(&sink) == KAVO_SUCCESS);
   CHECK(KavoInitHashTable(TABLE, 100, LEN, KAVO_TABLE_TYPE_BASIC) == KAVO_SUCCESS);
@@ -56,6 +61,17 @@ int main(void) {
   CHECK(memcmp(address, one, LEN) == 0);
   CHECK(KavoLookupOrInsert(TABLE, 2, &again, &len, &found, 0) == KAVO_SUCCESS);
   CHECK(found == 0 && again != address);
+  CHECK(KavoBatchLookupOrInsert(TABLE, keys, 3, addresses, finds, 0, &count) == KAVO_SUCCESS);
+  CHECK(count == 3 && finds[0] == 1 && addresses[0] == again && addresses[1] == address && addresses[2] == again);
+  CHECK(KavoBatchLookup(TABLE, keys, 3, addresses, &count) == KAVO_SUCCESS);
+  CHECK(count == 3 && addresses[1] == address);
+  CHECK(KavoBatchGather(TABLE, keys, 3, rows, LEN, NULL) == KAVO_SUCCESS);
+  CHECK(memcmp(rows + LEN, one, LEN) == 0 && rows[0] == 0);
+  CHECK(KavoBatchInsertOrUpdate(TABLE, keys, 3, rows, LEN, 0, &count) == KAVO_SUCCESS);
+  CHECK(count == 3);
+  stats.size = sizeof(stats);
+  CHECK(KavoGetTableStats(TABLE, &stats) == KAVO_SUCCESS);
+  CHECK(stats.size == sizeof(stats) && stats.valueBytes >= (unsigned long long)2 * LEN && stats.generations == 1);
   CHECK(KavoGetHtSizeAndVl(TABLE, &size, &len, true) == KAVO_SUCCESS);
   CHECK(size == 2 && len == LEN);
   CHECK(KavoBatchGetNext(TABLE, &batch, &num, &iter) == KAVO_SUCCESS);

@@ -22,6 +22,10 @@ enum class Function : unsigned char {
   GET_MEM,
   SIZE_AND_LENGTH,
   BATCH_GET_NEXT,
+  BATCH_LOOKUP,
+  BATCH_GATHER,
+  BATCH_LOOKUP_OR_INSERT,
+  BATCH_INSERT_OR_UPDATE,
   INIT_PARTITION_MAP,
   UNINIT_PARTITION_MAP,
   QUERY_PS_ID,
@@ -35,6 +39,11 @@ inline constexpr unsigned FUNCTION_COUNT = static_cast<unsigned>(Function::SPOIL
 inline constexpr unsigned EXPORTED_COUNT = static_cast<unsigned>(Function::WALK);
 
 const char* NameOf(Function function);
+
+// Whether the function takes all keys of a call at once.
+constexpr bool IsBatch(Function function) {
+  return function >= Function::BATCH_LOOKUP && function <= Function::BATCH_INSERT_OR_UPDATE;
+}
 
 // Keys come from families, so that calls meet each other's keys, and meet in buckets. Families overlap.
 enum class KeyFamily : unsigned char {
@@ -67,11 +76,12 @@ struct Call {
   unsigned table = 0;  // into TABLE_IDS
   KeyFamily family = KeyFamily::DENSE;
   unsigned index = 0;  // of the first key in its family
-  unsigned count = 1;  // the call is made so often, with consecutive keys or indexes where it has them
+  unsigned count = 1;  // the call is made so often, with consecutive keys or indexes where it has them; or the keys of
+                       // a batch
   Source source = Source::BUFFER;
   Length length = Length::RIGHT;
   unsigned number = 0;          // size, filterCount, freq, eleNum, psNum, or num
-  unsigned kind = 0;            // table type, state, export mode, partitionNum, or admittedOnly
+  unsigned kind = 0;            // table type, state, export mode, partitionNum, admittedOnly, or kind of batch
   unsigned valueLen = 8;        // of a new table
   unsigned long long wide = 0;  // index of prepared memory, or key of the partition map
   unsigned cursor = 0;

@@ -55,7 +55,8 @@ void CallRunner::TakeLine(void* context, unsigned /* channel */, int level, cons
 }
 
 void CallRunner::Run(const Call& call) {
-  for (unsigned repetition = 0; repetition < call.count; ++repetition) {
+  const unsigned times = IsBatch(call.function) ? 1 : call.count;
+  for (unsigned repetition = 0; repetition < times; ++repetition) {
     try {
       RunOnce(call, repetition);
     } catch (const Mismatch& mismatch) {
@@ -94,6 +95,14 @@ void CallRunner::RunOnce(const Call& call, unsigned repetition) {
       return SizeAndLength(call, id);
     case Function::BATCH_GET_NEXT:
       return BatchGetNext(id, call.number, call.kind, call.nulls, m_cursors[call.cursor]);
+    case Function::BATCH_LOOKUP:
+      return BatchLookup(call, id);
+    case Function::BATCH_GATHER:
+      return BatchGather(call, id);
+    case Function::BATCH_LOOKUP_OR_INSERT:
+      return BatchLookupOrInsert(call, id);
+    case Function::BATCH_INSERT_OR_UPDATE:
+      return BatchInsertOrUpdate(call, id);
     case Function::INIT_PARTITION_MAP:
       return InitPartitionMap(call);
     case Function::UNINIT_PARTITION_MAP:

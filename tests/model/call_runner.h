@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstddef>
+#include <vector>
 
 #include "kavo.h"
 #include "model/call.h"
@@ -59,6 +60,13 @@ class CallRunner {
   void GetMem(const Call& call, unsigned id, unsigned long long index);
   void SizeAndLength(const Call& call, unsigned id);
   void Walk(unsigned id, unsigned eleNum, unsigned mode);
+  bool IsRefused(unsigned id, const std::vector<long>& keys, bool hasPointers);
+  template <class Make>
+  void CompareBatch(const Call& call, bool isRefused, Make make);
+  void BatchLookup(const Call& call, unsigned id);
+  void BatchGather(const Call& call, unsigned id);
+  void BatchLookupOrInsert(const Call& call, unsigned id);
+  void BatchInsertOrUpdate(const Call& call, unsigned id);
   void BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, unsigned nulls, void*& cursor);
   void SpoilCursor(const Call& call);
   void InitPartitionMap(const Call& call);

@@ -3,39 +3,12 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <limits>
 
+#include "model/call_inputs.h"
 #include "model/call_outputs.h"
 #include "model/call_runner.h"
 
 namespace KavoTest {
-namespace {
-
-Bytes ValueFor(unsigned char seed, long key, unsigned length) {
-  Bytes bytes(length);
-  for (unsigned i = 0; i < length; ++i) {
-    bytes[i] = static_cast<unsigned char>(seed + static_cast<unsigned long>(key) * 31 + i * 7);
-  }
-  return bytes;
-}
-
-unsigned LengthOf(const Call& call, unsigned right) {
-  switch (call.length) {
-    case Length::ONE_LESS:
-      return right - 1;
-    case Length::ONE_MORE:
-      return right + 1;
-    case Length::ZERO:
-      return 0;
-    case Length::HUGE_LENGTH:
-      return std::numeric_limits<unsigned>::max();
-    default:
-      return right;
-  }
-}
-
-}  // namespace
-
 // The address must be the one that was given before; a new one must lie apart from all others.
 void CallRunner::CheckAddress(ModelTable& table, long owner, unsigned char*& known, unsigned char* given) {
   if (known != nullptr) {

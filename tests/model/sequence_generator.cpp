@@ -57,10 +57,11 @@ Function FunctionOf(Dice& dice, const Profile& profile) {
   using enum Function;
   const unsigned roll = dice.Below(100);
   if (roll < 46) {
-    return dice.OneOf({INSERT, INSERT, INSERT_OR_UPDATE, LOOKUP_OR_INSERT, LOOKUP_OR_INSERT});
+    return dice.OneOf({INSERT, INSERT, INSERT_OR_UPDATE, LOOKUP_OR_INSERT, LOOKUP_OR_INSERT, BATCH_LOOKUP_OR_INSERT,
+                       BATCH_INSERT_OR_UPDATE});
   }
   if (roll < 66) {
-    return dice.OneOf({LOOKUP, LOOKUP, LOOKUP_FOR_UPDATE, UPDATE});
+    return dice.OneOf({LOOKUP, LOOKUP, LOOKUP_FOR_UPDATE, UPDATE, BATCH_LOOKUP, BATCH_GATHER});
   }
   if (roll < 82) {
     return dice.OneOf({BATCH_GET_NEXT, BATCH_GET_NEXT, WALK, SPOIL_CURSOR, SIZE_AND_LENGTH});
@@ -161,7 +162,8 @@ Call CallOf(Dice& dice, const Profile& profile) {
 
 Call InsertOf(Dice& dice, KeyFamily family, unsigned index, unsigned count) {
   Call call;
-  call.function = dice.OneOf({Function::INSERT, Function::INSERT_OR_UPDATE, Function::LOOKUP_OR_INSERT});
+  call.function = dice.OneOf({Function::INSERT, Function::INSERT_OR_UPDATE, Function::LOOKUP_OR_INSERT,
+                              Function::BATCH_LOOKUP_OR_INSERT, Function::BATCH_INSERT_OR_UPDATE});
   call.family = family;
   call.index = index;
   call.count = count;
