@@ -1,0 +1,255 @@
+// Free-running threads on a few keys of a table that grows from eight entries, in many short rounds. What each call did
+// to its key is recorded with the moments of its beginning and its end; afterwards each key's history must be
+// linearizable (stress/history.h).
+//
+// The calls that copy bytes over a value (KavoUpdate, KavoInsertOrUpdate) exclude the accesses through its address, as
+// callers must; nothing else is held up for them.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <barrier>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kavo.h"
+#include "platform/test_hooks.h"
+#include "stress/history.h"
+#include "support/seed.h"
+
+namespace KavoTest {
+namespace {
+
+constexpr unsigned TABLE = 79;
+constexpr unsigned LEN = sizeof(std::uint64_t);
+constexpr std::size_t WINDOW = 4;  // keys that all threads are at, at about the same time
+constexpr std::size_t WINDOWS = 6;
+constexpr std::size_t KEYS = WINDOW * WINDOWS;
+constexpr unsigned STEPS = 16;  // of a thread in a window
+
+thread_local std::mt19937_64 t_random;
+
+// Now and then, for a moment or for a time slice.
+void HoldUp(const char*) {
+  const unsigned dice = static_cast<unsigned>(t_random() % 256);
+  if (dice < 4) {
+    std::this_thread::yield();
+  } else if (dice == 4) {
+    ::usleep(20);
+  }
+}
+
+std::atomic_ref<std::uint64_t> Word(unsigned char* address) {
+  return std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t*>(address));
+}
+
+class Round {
+ public:
+  Round(unsigned mode, unsigned threads, std::mt19937_64& random) : m_logs(threads + 1), m_others(threads) {
+    EXPECT_EQ(KAVO_SUCCESS, KavoInitHashTable(TABLE, 8, LEN, KAVO_TABLE_TYPE_BASIC));
+    EXPECT_EQ(KAVO_SUCCESS, KavoSetRehashMode(TABLE, mode));
+    for (std::size_t i = 0; i < KEYS; ++i) {
+      // Every other one in the bucket of the one before.
+      m_keys[i] = i % 2 == 0 ? static_cast<long>(random() >> 2) : m_keys[i - 1] ^ (1L << 40);
+    }
+  }
+  ~Round() { EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(TABLE)); }
+
+  void Work(unsigned thread) {
+    for (std::size_t window = 0; window < WINDOWS; ++window) {
+      for (unsigned step = 0; step < STEPS; ++step) {
+        const std::size_t at = t_random() % 4 != 0 ? window : t_random() % (window + 1);
+        Call(thread, at * WINDOW + t_random() % WINDOW, static_cast<unsigned>(t_random() % 16));
+        InsertOthers(thread, window);
+      }
+    }
+  }
+
+  // When all threads have ended.
+  void Check() {
+    for (std::size_t i = 0; i < KEYS; ++i) {
+      Call(static_cast<unsigned>(m_logs.size() - 1), i, LOOKUP);
+    }
+    std::array<History, KEYS> histories;
+    for (const Log& log : m_logs) {
+      for (const auto& [i, operation] : log) {
+        histories[i].push_back(operation);
+      }
+    }
+    ASSERT_EQ(0U, m_wrongStatus.load());
+    CheckOthers();
+    for (History& history : histories) {
+      std::sort(history.begin(), history.end(),
+                [](const Operation& a, const Operation& b) { return a.invoked < b.invoked; });
+      ASSERT_TRUE(Linearization::Exists(history)) << testing::PrintToString(history);
+    }
+  }
+
+ private:
+  using Kind = Operation::Kind;
+  using Log = std::vector<std::pair<std::size_t, Operation>>;
+  static constexpr unsigned LOOKUP = 15;
+
+  // A call that ended with a smaller stamp than another began with happened before it, as the memory model has it.
+  std::uint64_t Now() { return m_clock.fetch_add(1, std::memory_order_acq_rel); }
+
+  void Call(unsigned thread, std::size_t i, unsigned dice) {
+    Log& log = m_logs[thread];
+    std::uint64_t id = (static_cast<std::uint64_t>(thread) << 32 | log.size()) + 1;  // never written twice
+    auto* const bytes = reinterpret_cast<unsigned char*>(&id);
+    const long key = m_keys[i];
+    std::unique_lock<std::shared_mutex> copying(m_values[i], std::defer_lock);
+    if (dice < 4) {
+      copying.lock();
+    }
+    Operation operation{Kind::ABSENT, id, Now(), 0};
+    unsigned char* found = nullptr;
+    unsigned length = 0;
+    unsigned isFind = 1;
+    switch (dice) {
+      case 0:
+      case 1:
+      case 2:
+        Ended(operation, KavoInsertOrUpdate(TABLE, key, bytes, LEN, 0), Kind::PUT, Kind::PUT);
+        break;
+      case 3:
+        Ended(operation, KavoUpdate(TABLE, key, bytes, LEN), Kind::WRITE, Kind::ABSENT);
+        break;
+      case 4:
+      case 5:
+      case 6:
+        Ended(operation, KavoInsert(TABLE, key, bytes, LEN, 0, 0), Kind::CREATE, Kind::REFUSED);
+        break;
+      case 7:
+      case 8:
+        if (Ended(operation, KavoLookupForUpdate(TABLE, key, &found, &length), Kind::WRITE, Kind::ABSENT)) {
+          const std::shared_lock<std::shared_mutex> accessing(m_values[i]);
+          Word(found).store(id, std::memory_order_relaxed);
+          operation.responded = Now();
+        }
+        break;
+      default: {
+        const int ret = dice < 12 ? KavoLookupOrInsert(TABLE, key, &found, &length, &isFind, 0)
+                                  : KavoLookup(TABLE, key, &found, &length);
+        if (Ended(operation, ret, isFind == 0 ? Kind::CREATE : Kind::READ, dice < 12 ? Kind::READ : Kind::ABSENT)) {
+          const std::shared_lock<std::shared_mutex> accessing(m_values[i]);
+          operation.value = isFind == 0 ? 0 : Word(found).load(std::memory_order_relaxed);
+          operation.responded = isFind == 0 ? operation.responded : Now();
+        }
+      }
+    }
+    log.emplace_back(i, operation);
+  }
+
+  bool Ended(Operation& operation, int ret, Kind done, Kind refused) {
+    operation.responded = Now();
+    operation.kind = ret == KAVO_SUCCESS ? done : refused;
+    m_wrongStatus += ret != KAVO_SUCCESS && (ret != KAVO_INVALID || done == refused);
+    return ret == KAVO_SUCCESS;
+  }
+
+  // What makes the table grow, a part of it in a bucket that is looked at.
+  void InsertOthers(unsigned thread, std::size_t window) {
+    for (unsigned n = 0; n < 2; ++n) {
+      const bool near = t_random() % 4 == 0;
+      long key = static_cast<long>(near ? t_random() >> 34 << 32 : t_random() >> 2);
+      key |= near ? m_keys[window * WINDOW] & 0xFFFFFFFF : 0;
+      if (KavoInsert(TABLE, key, reinterpret_cast<unsigned char*>(&key), LEN, 0, 0) == KAVO_SUCCESS) {
+        m_others[thread].push_back(key);
+      }
+    }
+  }
+
+  void CheckOthers() const {
+    for (const std::vector<long>& keys : m_others) {
+      ASSERT_GT(keys.size(), std::size_t{WINDOWS * STEPS});
+      for (const long key : keys) {
+        unsigned char* found = nullptr;
+        unsigned length = 0;
+        ASSERT_EQ(KAVO_SUCCESS, KavoLookup(TABLE, key, &found, &length)) << key;
+        ASSERT_EQ(static_cast<std::uint64_t>(key), Word(found).load()) << key;
+      }
+    }
+  }
+
+  std::array<long, KEYS> m_keys{};
+  std::array<std::shared_mutex, KEYS> m_values;
+  std::vector<Log> m_logs;  // by thread
+  std::vector<std::vector<long>> m_others;
+  std::atomic<std::uint64_t> m_clock{1};
+  std::atomic<unsigned> m_wrongStatus{0};
+};
+
+struct Setting {
+  const char* name;
+  unsigned mode;
+  unsigned threads;
+  bool heldUp;
+  unsigned rounds;
+};
+
+class Linearizability : public testing::TestWithParam<Setting> {};
+
+TEST_P(Linearizability, EachKeysHistoryHasAnOrderThatExplainsIt) {
+  const auto [name, mode, threads, heldUp, rounds] = GetParam();
+  const unsigned long seed = TestSeed();
+  std::mt19937_64 random(seed);
+  std::atomic<unsigned> growths{0};
+  const KavoLogSink sink{[](void*, unsigned, int) { return 1; },
+                         [](void* context, unsigned, int, const char* format, va_list) {
+                           if (std::string(format).find("is deleted, root is") != std::string::npos) {
+                             ++*static_cast<std::atomic<unsigned>*>(context);
+                           }
+                         },
+                         &growths};
+  ASSERT_EQ(KAVO_SUCCESS, KavoSetLogSink(&sink));
+  Qen::TestHooks::SetPointHandler(heldUp ? &HoldUp : nullptr);
+  std::unique_ptr<Round> round;
+  std::barrier step(static_cast<std::ptrdiff_t>(threads) + 1);
+  std::atomic<bool> over{false};
+  std::vector<std::thread> workers;
+  for (unsigned t = 0; t < threads; ++t) {
+    workers.emplace_back([&, t] {
+      t_random.seed(seed + 1 + t);
+      for (step.arrive_and_wait(); !over; step.arrive_and_wait()) {
+        round->Work(t);
+        step.arrive_and_wait();
+      }
+    });
+  }
+  for (unsigned n = 0; n < rounds && !HasFailure(); ++n) {
+    SCOPED_TRACE(testing::Message() << "round " << n);
+    round = std::make_unique<Round>(mode, threads, random);
+    step.arrive_and_wait();
+    step.arrive_and_wait();
+    round->Check();
+    round.reset();
+  }
+  over = true;
+  step.arrive_and_wait();
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+  Qen::TestHooks::SetPointHandler(nullptr);
+  KavoSetLogSink(nullptr);
+  if (!HasFailure()) {
+    EXPECT_GT(growths.load(), rounds * 4) << "the tables hardly grew";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Growth, Linearizability,
+                         testing::Values(Setting{"WholeTable", KAVO_REHASH_WHOLE_TABLE, 4, false, 500},
+                                         Setting{"WholeTableHeldUp", KAVO_REHASH_WHOLE_TABLE, 8, true, 60},
+                                         Setting{"Gradual", KAVO_REHASH_GRADUAL, 4, false, 500},
+                                         Setting{"GradualHeldUp", KAVO_REHASH_GRADUAL, 8, true, 60}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+}  // namespace
+}  // namespace KavoTest

@@ -1,0 +1,183 @@
+// All exported functions at once, for as long as asked: many tables of all shapes are made, grow, are exported and
+// destroyed, and every answer that is known beforehand is checked. A line a minute; the exit status is 0 only when no
+// answer was wrong and memory stayed within its bound and came back at the end.
+#include <malloc.h>
+#include <unistd.h>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <deque>
+#include <fstream>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "kavo.h"
+#include "stress/soak_table.h"
+
+namespace KavoTest {
+namespace {
+
+struct Options {
+  double minutes = 1;
+  unsigned long seed = std::random_device{}();
+  unsigned threads = 4;
+  unsigned tables = 8;
+  std::size_t keys = 65536;
+  unsigned bound = 512;
+  unsigned rest = 64;
+};
+
+// A sanitizer's own memory is not ours to bound.
+#ifdef KAVO_SANITIZED
+constexpr bool BOUNDED = false;
+#else
+constexpr bool BOUNDED = true;
+#endif
+
+unsigned ResidentMiB() {
+  unsigned long size = 0;
+  unsigned long resident = 0;
+  std::ifstream("/proc/self/statm") >> size >> resident;
+  return static_cast<unsigned>(resident * static_cast<unsigned long>(sysconf(_SC_PAGESIZE)) >> 20);
+}
+
+// No memory runs out here, and no wait lasts long.
+void OnLine(void* context, unsigned, int level, const char* format, va_list) {
+  SoakTotals& totals = *static_cast<SoakTotals*>(context);
+  const std::string_view text(format);
+  totals.Expect(level != KAVO_LOG_LEVEL_EVENT && text.find("overtime") == text.npos &&
+                    text.find("MAX_WAIT_TIME") == text.npos && text.find("Waiting timed out") == text.npos,
+                "line: " + std::string(text));
+}
+
+void SetSink(SoakTotals& totals) {
+  const KavoLogSink sink{nullptr, &OnLine, &totals};
+  totals.Expect(KavoSetLogSink(&sink) == KAVO_SUCCESS, "set sink");
+}
+
+// Two maps take turns; each answer must be right for one of them, and a batch for one alone.
+void VisitPartitionMap(SoakTotals& totals, Random& random) {
+  static constexpr std::array<unsigned, 3> SMALL{100, 101, 102};
+  static constexpr std::array<unsigned, 5> LARGE{200, 201, 202, 203, 204};
+  const bool large = random() % 2 == 0;
+  const unsigned dice = static_cast<unsigned>(random() % 16);
+  if (dice == 0) {
+    const int ret = UninitPartitionMap();
+    totals.Expect(ret == KAVO_SUCCESS || ret == KAVO_UNSUPPORTED, "partition map removed");
+  } else if (dice < 4) {
+    const int ret = large ? InitPartitionMap(1, 5, LARGE.data()) : InitPartitionMap(1, 3, SMALL.data());
+    totals.Expect(ret == KAVO_SUCCESS || ret == KAVO_EXISTS || ret == KAVO_FAILED, "partition map installed");
+  }
+  const auto owner = [](unsigned long long key, unsigned psId) {
+    return psId >= 200 ? LARGE[key % LARGE.size()] : SMALL[key % SMALL.size()];
+  };
+  std::array<unsigned long long, 32> keys;
+  std::generate(keys.begin(), keys.end(), random);
+  std::array<unsigned, keys.size()> psIds{};
+  unsigned psId = 0;
+  unsigned* out = psIds.data();
+  if (const int ret = QueryPartitionMapPsId(keys[0], &psId); ret != KAVO_FAILED) {
+    totals.Expect(ret == KAVO_SUCCESS && psId == owner(keys[0], psId), "owner of a key");
+  }
+  if (const int ret = GetBatchPsIds(keys.data(), &out, keys.size()); ret != KAVO_FAILED) {
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      totals.Expect(ret == KAVO_SUCCESS && psIds[i] == owner(keys[i], psIds[0]), "owners of a batch");
+    }
+  }
+  totals.calls += 2;
+}
+
+void Report(const char* what, double minutes, const SoakTotals& totals, unsigned resident, unsigned bound) {
+  std::printf("%s %.1f: %llu calls, %llu tables destroyed, %llu growths, %llu exports, %u mismatches, resident %u MiB",
+              what, minutes, totals.calls.load(), totals.tables.load(), totals.growths.load(), totals.exports.load(),
+              totals.mismatches.load(), resident);
+  std::printf(" (%s %u)\n", BOUNDED ? "bound" : "not held to the bound of", bound);
+  std::fflush(stdout);
+}
+
+bool Run(const Options& options) {
+  std::printf("seed %lu, %u threads, %u tables of up to %zu keys, %.2f minutes\n", options.seed, options.threads,
+              options.tables, options.keys, options.minutes);
+  using Clock = std::chrono::steady_clock;
+  SoakTotals totals;
+  SetSink(totals);
+  std::deque<SoakTable> tables;
+  for (unsigned place = 0; place < options.tables; ++place) {
+    tables.emplace_back(place, options.threads, options.keys, totals);
+  }
+  const unsigned before = ResidentMiB();
+  std::atomic<bool> over{false};
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < options.threads; ++t) {
+    threads.emplace_back([&, t] {
+      Random random(options.seed + t);
+      while (!over) {
+        tables[random() % tables.size()].Visit(t, random);
+        VisitPartitionMap(totals, random);
+        if (random() % 4096 == 0) {
+          SetSink(totals);
+        }
+      }
+    });
+  }
+  const auto start = Clock::now();
+  const auto minutes = [start] { return std::chrono::duration<double>(Clock::now() - start).count() / 60; };
+  unsigned most = 0;
+  bool inBound = true;
+  for (unsigned reported = 0; minutes() < options.minutes && totals.mismatches == 0 && inBound;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const unsigned resident = ResidentMiB();
+    most = std::max(most, resident);
+    inBound = !BOUNDED || resident <= options.bound;
+    if (minutes() >= reported + 1) {
+      ++reported;
+      Report("minute", reported, totals, resident, options.bound);
+    }
+  }
+  over = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  Random random(options.seed);
+  for (SoakTable& table : tables) {
+    table.End(random);
+  }
+  UninitPartitionMap();
+  malloc_trim(0);
+  const unsigned after = ResidentMiB();
+  const bool isBack = !BOUNDED || after <= before + options.rest;
+  Report("end, minute", minutes(), totals, most, options.bound);
+  std::printf("resident: %u MiB before the first table, %u after the last (at most %u more)\n", before, after,
+              options.rest);
+  KavoSetLogSink(nullptr);
+  const bool passed = totals.mismatches == 0 && inBound && isBack && totals.tables > 0;
+  std::printf("%s\n", passed     ? "PASSED"
+                      : !inBound ? "FAILED: memory beyond its bound"
+                      : !isBack  ? "FAILED: memory kept"
+                                 : "FAILED");
+  return passed;
+}
+
+}  // namespace
+}  // namespace KavoTest
+
+int main(int argc, char** argv) {
+  KavoTest::Options options;
+  CLI::App app("All exported functions at once on many tables; every answer is checked");
+  app.add_option("--minutes", options.minutes, "How long")->check(CLI::PositiveNumber)->capture_default_str();
+  app.add_option("--seed", options.seed, "Seed of the random choices; none: a new one");
+  app.add_option("--threads", options.threads)->check(CLI::Range(1U, 256U))->capture_default_str();
+  app.add_option("--tables", options.tables, "Alive at once")->check(CLI::Range(1U, 30U))->capture_default_str();
+  app.add_option("--keys", options.keys, "Of the largest tables")
+      ->check(CLI::Range(std::size_t{16384}, std::size_t{1} << 30))
+      ->capture_default_str();
+  app.add_option("--bound-mib", options.bound, "Resident memory that fails the run")->capture_default_str();
+  app.add_option("--rest-mib", options.rest, "Resident memory that may stay at the end")->capture_default_str();
+  CLI11_PARSE(app, argc, argv);
+  return KavoTest::Run(options) ? 0 : 1;
+}
