@@ -292,15 +292,14 @@ int KavoSetFilterFreq(unsigned int tableId, unsigned int freq);
  * memory, one key after the other. The functions below take an array of keys and ask for the memory of several of them
  * at once. Apart from the time, a batch is the loop of single calls in the order of the array:
  *
- *  - Keys may repeat. `num` may be 0; the call then does nothing and succeeds. The arrays must not be null all the
- * same.
+ *  - Keys may repeat. `num` may be 0: the call does nothing and succeeds. Arrays must not be null even then.
  *  - A batch is not atomic: other threads may see a part of it done, and their calls may take effect between its keys.
  *    What concurrent calls may count on (see THREADS) holds for each key by itself.
  *  - Before anything else all arguments are checked, all keys included: a call that is refused with KAVO_INVALID has
  *    done nothing. The line for a negative key names the index of the first.
  *  - An absent key is no failure in a batch, and writes no line.
  *  - Arrays are the caller's, are not kept, and must not overlap each other nor the values of the table. What is said
- * to have `num` elements must have room for all of them.
+ *    to have `num` elements must have room for all of them.
  */
 
 /*
@@ -549,8 +548,9 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
  *  - No insert of a new key may run on the table from an iteration's first call to its last. One that does no less is
  *    safe, but its key may be reported or not, and others twice. Lookups and updates may run.
  *  - A cursor belongs to the table. It is freed when its iteration ends, and otherwise with the table: an iteration
- *    may be given up at any time without a call, and leaves some hundred bytes until then. An address that is not a
- *    cursor of the table, or not any more, is refused.
+ *    may be given up at any time without a call, and leaves some hundred bytes until then; and the table, should it
+ *    grow, keeps the memory of its smaller forms while any cursor is open. An address that is not a cursor of the
+ *    table, or not any more, is refused.
  *  - One cursor is used by one thread at a time. Cursors do not affect each other, except that marking exports compete
  *    for the entries that they mark.
  *
