@@ -195,22 +195,33 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::DoubleRehashCheck(Core*& ds
   return KAVO_SUCCESS;
 }
 
-// Makes the caller the bucket's mover, unless it has moved; waits for another mover to end. FAILED after a line.
+// Makes the caller the bucket's mover if nobody is and it has not moved. Waits for nobody.
+template <class Key, class Value, class KTraits, class VTraits>
+auto HashCoreMigration<Key, Value, KTraits, VTraits>::TryClaimBucket(Core* core, const unsigned long long& bucket)
+    -> BucketClaim {
+  BucketFlags& flags = core->CellAt(bucket).flags;
+  const std::uint8_t before = flags.TryBeginMove();
+  if ((before & HCore::BUCKET_MOVED) != 0) {
+    return BucketClaim::MOVED;
+  }
+  if ((before & HCore::BUCKET_MOVING) != 0) {
+    return BucketClaim::BUSY;
+  }
+  if (core->IsDeleted()) {  // HashCore, I7
+    flags.AbandonMove();
+    return BucketClaim::MOVED;
+  }
+  return BucketClaim::OWNED;
+}
+
+// The same, but waits for another mover to end: never BUSY. FAILED after a line.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCoreMigration<Key, Value, KTraits, VTraits>::ClaimBucket(Core* core, const unsigned long long& bucket)
     -> BucketClaim {
-  BucketFlags& flags = core->CellAt(bucket).flags;
   for (;;) {
-    const std::uint8_t before = flags.TryBeginMove();
-    if ((before & HCore::BUCKET_MOVED) != 0) {
-      return BucketClaim::MOVED;
-    }
-    if ((before & HCore::BUCKET_MOVING) == 0) {
-      if (core->IsDeleted()) {  // I7
-        flags.AbandonMove();
-        return BucketClaim::MOVED;
-      }
-      return BucketClaim::OWNED;
+    const BucketClaim claim = TryClaimBucket(core, bucket);
+    if (claim != BucketClaim::BUSY) {
+      return claim;
     }
     if (core->RehashAcquire(bucket) != KAVO_SUCCESS) {
       return BucketClaim::FAILED;
@@ -226,15 +237,13 @@ template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::PassOverMiddle(Core* src, Core* middle,
                                                                     const unsigned long long& bucket) {
   for (unsigned long long split = bucket; split < middle->AddressableSize(); split += src->TableSize()) {
-    switch (ClaimBucket(middle, split)) {
-      case BucketClaim::OWNED:
-        middle->CellAt(split).flags.FinishMove();
-        middle->CountMoved(1, 0);
-        break;
-      case BucketClaim::MOVED:
-        break;
-      case BucketClaim::FAILED:
-        return KAVO_FAILED;
+    const BucketClaim claim = ClaimBucket(middle, split);
+    if (claim == BucketClaim::FAILED) {
+      return KAVO_FAILED;
+    }
+    if (claim == BucketClaim::OWNED) {
+      middle->CellAt(split).flags.FinishMove();
+      middle->CountMoved(1, 0);
     }
   }
   return KAVO_SUCCESS;
@@ -244,7 +253,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::PassOverMiddle(Core* src, C
 // also when a lock throws.
 template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::MoveClaimedBucket(Core* src, const unsigned long long& bucket,
-                                                                       Core* dst) {
+                                                                       Core* dst, MovedCount& moved) {
   BucketFlags& flags = src->CellAt(bucket).flags;
   OnExit abandon([&flags]() noexcept { flags.AbandonMove(); });
   KAVO_TEST_POINT("Mover.Marked");
@@ -263,8 +272,21 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::MoveClaimedBucket(Core* src
   KAVO_TEST_POINT("Mover.Copied");
   abandon.Dismiss();
   flags.FinishMove();
-  src->CountMoved(1, entries);
+  ++moved.buckets;
+  moved.entries += entries;
   return KAVO_SUCCESS;
+}
+
+// Moves one bucket, whoever has it: returns when MOVED is set. `overtime`: another thread had it for too long.
+template <class Key, class Value, class KTraits, class VTraits>
+int HashCoreMigration<Key, Value, KTraits, VTraits>::MoveBucket(Core* src, const unsigned long long& bucket, Core* dst,
+                                                                MovedCount& moved, bool& overtime) {
+  const BucketClaim claim = ClaimBucket(src, bucket);
+  if (claim == BucketClaim::OWNED) {
+    return MoveClaimedBucket(src, bucket, dst, moved);
+  }
+  overtime = claim == BucketClaim::FAILED;
+  return overtime ? KAVO_FAILED : KAVO_SUCCESS;
 }
 
 }  // namespace Qen

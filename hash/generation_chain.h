@@ -71,11 +71,24 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::DeleteOldTable(Core* old) {
       return ret;  // if an older one than `old` still holds entries, whoever empties that leaves both
     }
     left->MarkDeleted();
-    m_giveBackDue.store(true, std::memory_order_release);  // pairs with GiveBackSome: the mark
     KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "table[%llu] is deleted, root is [%llu]", left->TableSize(),
                    left->Next()->TableSize());
   }
   return KAVO_SUCCESS;
+}
+
+// Every bucket of `core` may have moved, and whoever moved the last may have failed to leave it (its lock reported an
+// error): the next insert that comes along tries again.
+template <class Key, class Value, class KTraits, class VTraits>
+void HashCoreMigration<Key, Value, KTraits, VTraits>::LeaveIfEmptied(Core* core) noexcept {
+  if (!core->IsEmptied() || core->IsDeleted()) {
+    return;
+  }
+  try {
+    static_cast<void>(DeleteOldTable(core));
+  } catch (const std::exception& e) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "lock failed, exception caught:%s", e.what());
+  }
 }
 
 // Advances the current generation by one if it is emptied; `left` is the one that it was. Under m_deleteMutex.

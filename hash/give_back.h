@@ -25,20 +25,16 @@ bool HashCoreMigration<Key, Value, KTraits, VTraits>::GiveBackSome() noexcept {
   if (!lock.owns_lock()) {
     return false;
   }
-  if (m_giveBack == nullptr || !m_giveBack->IsDeleted()) {
-    // Acquire and release: if this takes back what DeleteOldTable has set meanwhile, the second look sees its mark.
-    m_giveBackDue.exchange(false, std::memory_order_acq_rel);
-    if (m_giveBack == nullptr || !m_giveBack->IsDeleted()) {
-      return false;
-    }
-    m_giveBackDue.store(true, std::memory_order_relaxed);
+  Core* const left = m_giveBack.load(std::memory_order_relaxed);  // written under this lock
+  if (!left->IsDeleted()) {
+    return false;
   }
   if (m_walks.load(std::memory_order_seq_cst) != 0) {
     return false;
   }
   KAVO_TEST_POINT("Chain.GivingBack");
-  if (!m_giveBack->GiveBackCells()) {
-    m_giveBack = m_giveBack->Next();
+  if (!left->GiveBackCells()) {
+    m_giveBack.store(left->Next(), std::memory_order_release);  // see IsGiveBackDue
   }
   return true;
 }
@@ -46,7 +42,7 @@ bool HashCoreMigration<Key, Value, KTraits, VTraits>::GiveBackSome() noexcept {
 template <class Key, class Value, class KTraits, class VTraits>
 void HashCoreMigration<Key, Value, KTraits, VTraits>::EndWalk() noexcept {
   // Release: what the walk has read came before whatever is given back now.
-  if (m_walks.fetch_sub(1, std::memory_order_acq_rel) == 1 && IsGiveBackDue()) {
+  if (m_walks.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     while (GiveBackSome()) {
     }
   }

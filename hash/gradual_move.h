@@ -13,17 +13,12 @@
 
 namespace Qen {
 
-// Moves the bucket, whoever has it. `overtime`: another thread had it for too long.
 template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashOneBucket(Core* old, const unsigned long long& bucket,
                                                                      Core* next, bool& overtime) {
-  const BucketClaim claim = ClaimBucket(old, bucket);
-  if (claim != BucketClaim::OWNED) {
-    overtime = claim == BucketClaim::FAILED;
-    return overtime ? KAVO_FAILED : KAVO_SUCCESS;
-  }
-  const int ret = MoveClaimedBucket(old, bucket, next);
-  if (ret != KAVO_SUCCESS) {
+  MovedCount moved{old};
+  const int ret = MoveBucket(old, bucket, next, moved, overtime);
+  if (ret != KAVO_SUCCESS && !overtime) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashOneBucket fail, ret[%d]", ret);
   }
   return ret;
@@ -106,29 +101,21 @@ template <class Key, class Value, class KTraits, class VTraits>
 void HashCoreMigration<Key, Value, KTraits, VTraits>::Sweep(Core* oldest) noexcept {
   constexpr std::uint64_t SWEEP_BUCKETS = 8;
   try {
-    const std::uint64_t mask = oldest->AddressableSize() - 1;
+    MovedCount moved{oldest};
     const std::uint64_t first = oldest->TakeSweepPosition(SWEEP_BUCKETS);
     for (std::uint64_t i = 0; i < SWEEP_BUCKETS; ++i) {
-      const unsigned long long bucket = (first + i) & mask;
-      BucketFlags& flags = oldest->CellAt(bucket).flags;
-      constexpr std::uint8_t OTHERS = HCore::BUCKET_MOVING | HCore::BUCKET_MOVED;
-      if ((flags.Load() & OTHERS) != 0 || (flags.TryBeginMove() & OTHERS) != 0) {
-        continue;
+      const unsigned long long bucket = (first + i) & (oldest->AddressableSize() - 1);
+      // The flags first: most of what comes round again has moved, and a claim would write to its line.
+      if ((oldest->CellAt(bucket).flags.Load() & HCore::BUCKET_MOVED) == 0 &&
+          TryClaimBucket(oldest, bucket) == BucketClaim::OWNED &&
+          MoveClaimedBucket(oldest, bucket, oldest->Next(), moved) != KAVO_SUCCESS) {
+        break;
       }
-      if (oldest->IsDeleted()) {  // HashCore, I7
-        flags.AbandonMove();
-        return;
-      }
-      if (MoveClaimedBucket(oldest, bucket, oldest->Next()) != KAVO_SUCCESS) {
-        return;
-      }
-    }
-    if (oldest->IsEmptied()) {
-      static_cast<void>(DeleteOldTable(oldest));
     }
   } catch (const std::exception& e) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "lock failed, exception caught:%s", e.what());
   }
+  LeaveIfEmptied(oldest);
 }
 
 }  // namespace Qen

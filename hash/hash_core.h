@@ -146,8 +146,8 @@ class HashCore {
   // A whole-table move is shared out in chunks of this many cells.
   unsigned long long ChunkSize() const noexcept;
 
-  // Each bucket is counted once, by the thread that set MOVED, after that. Acquire and release: whoever finds the
-  // generation emptied sees all copies, whoever made them. Relaxed for the entries: a statistic.
+  // Each bucket is counted once, by the thread that set MOVED, some time after that. Acquire and release: whoever finds
+  // the generation emptied sees all copies, whoever made them. Relaxed for the entries: a statistic.
   void CountMoved(unsigned long long buckets, unsigned long long entries) noexcept {
     m_movedEntries.fetch_add(entries, std::memory_order_relaxed);
     m_movedBuckets.fetch_add(buckets, std::memory_order_acq_rel);
@@ -302,8 +302,7 @@ bool HashCore<Key, Value, KTraits, VTraits>::GiveBackCells() noexcept {
 // Release: pairs with the destructor's acquire; carries the list's links.
 template <class Key, class Value, class KTraits, class VTraits>
 void HashCore<Key, Value, KTraits, VTraits>::OwnMap(Map* map) noexcept {
-  map->bytes.CountInto(m_mapBytes);
-  map->bytes.Add(sizeof(Map));
+  m_mapBytes.fetch_add(sizeof(Map), std::memory_order_relaxed);  // a statistic
   map->nextOwned = m_ownedMaps.load(std::memory_order_relaxed);
   while (
       !m_ownedMaps.compare_exchange_weak(map->nextOwned, map, std::memory_order_release, std::memory_order_relaxed)) {

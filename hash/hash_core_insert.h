@@ -194,7 +194,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::u
   HeapPtr<Map> map;
   Value* record = nullptr;
   try {
-    map = MakeHeapPtr<Map>();
+    map = MakeHeapPtr<Map>(m_mapBytes);
     record = &map->entries.try_emplace(key).first->second;
   } catch (const std::exception&) {
     homeCell.flags.WithdrawMap();  // nobody waits for this map any more, and the next insert may create it

@@ -67,8 +67,12 @@ class HashCoreMigration {
   // Leaves `old`, which is emptied, and every other emptied generation at the front. KAVO_FAILED.
   int DeleteOldTable(Core* old);
 
-  // A walk over the table keeps the cells of every generation that is in use when it begins, or later.
-  void BeginWalk() noexcept { m_walks.fetch_add(1, std::memory_order_seq_cst); }  // see GiveBackSome
+  // A walk over the table keeps the cells of every generation that is in use when it begins, or later; it begins with
+  // the oldest of them.
+  const Core* BeginWalk() noexcept {
+    m_walks.fetch_add(1, std::memory_order_seq_cst);  // see GiveBackSome, for both
+    return m_curHashCore.load(std::memory_order_seq_cst);
+  }
   void EndWalk() noexcept;
 
   // One bucket.
@@ -98,15 +102,31 @@ class HashCoreMigration {
   using Entry = typename Core::Entry;
   using Outcome = typename Core::Outcome;
 
-  enum class BucketClaim { OWNED, MOVED, FAILED };
+  enum class BucketClaim { OWNED, MOVED, BUSY, FAILED };
+
+  // What a thread has moved of a generation, told to it at the end: others look at the generation's counts meanwhile.
+  struct MovedCount {
+    Core* core;
+    unsigned long long buckets = 0;
+    unsigned long long entries = 0;
+    explicit MovedCount(Core* source) noexcept : core(source) {}
+    MovedCount(const MovedCount&) = delete;
+    MovedCount& operator=(const MovedCount&) = delete;
+    ~MovedCount() {
+      if (buckets != 0) {
+        core->CountMoved(buckets, entries);
+      }
+    }
+  };
 
   int SetNextHashCore(HeapPtr<Core> next);
   int UpdateHashCore(Core*& left);
+  void LeaveIfEmptied(Core* core) noexcept;
   int HashTableGetSeqNum(const Core* core) const;
 
-  // Relaxed: a hint.
+  // A hint. Acquire: the generation is looked into. Relaxed: GiveBackSome counts again.
   bool IsGiveBackDue() const noexcept {
-    return m_giveBackDue.load(std::memory_order_relaxed) && m_walks.load(std::memory_order_relaxed) == 0;
+    return m_giveBack.load(std::memory_order_acquire)->IsDeleted() && m_walks.load(std::memory_order_relaxed) == 0;
   }
   bool GiveBackSome() noexcept;
 
@@ -117,11 +137,13 @@ class HashCoreMigration {
   Outcome RehashMapInsert(Core* dst, const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
   int DoubleRehashCheck(Core*& dst, const unsigned long long& home);
 
+  BucketClaim TryClaimBucket(Core* core, const unsigned long long& bucket);
   BucketClaim ClaimBucket(Core* core, const unsigned long long& bucket);
   int PassOverMiddle(Core* src, Core* middle, const unsigned long long& bucket);
-  int MoveClaimedBucket(Core* src, const unsigned long long& bucket, Core* dst);
+  int MoveClaimedBucket(Core* src, const unsigned long long& bucket, Core* dst, MovedCount& moved);
+  int MoveBucket(Core* src, const unsigned long long& bucket, Core* dst, MovedCount& moved, bool& overtime);
 
-  int StartMove(Core* src, Core* dst, const unsigned long long& bucket);
+  int StartMove(Core* src, Core* dst, const unsigned long long& bucket, MovedCount& moved);
   int MoveChunk(Core* src, Core* dst, unsigned long long first, unsigned long long last);
   int MoveTogether(Core* src, Core* dst, bool& overtime);
 
@@ -145,9 +167,9 @@ class HashCoreMigration {
 
   // Walks under way. Sequentially consistent, with m_curHashCore: see GiveBackSome.
   Atomic<unsigned> m_walks{0};
-  Atomic<bool> m_giveBackDue{false};  // some left generation has cells still; a hint outside m_giveBackMutex
   Mutex m_giveBackMutex;
-  Core* m_giveBack = nullptr;  // the first such generation, or the next to be one; guarded by m_giveBackMutex
+  // The first left generation that has cells still, or else the first that is not left. Written under m_giveBackMutex.
+  Atomic<Core*> m_giveBack{nullptr};
 
   // Statistics, hence relaxed.
   Atomic<unsigned long long> m_growths{0};              // generations built

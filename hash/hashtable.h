@@ -12,6 +12,9 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <new>
+
 #include "hash/hash_core_migration.h"
 #include "platform/on_exit.h"
 #include "platform/prefetch.h"
@@ -49,12 +52,6 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   // REHASH_GRADUAL or REHASH_WHOLE_TABLE. While no insert runs.
   void SetRehashType(std::uint8_t type) noexcept { this->m_rehashType.store(type, std::memory_order_relaxed); }
 
-  // What the iterator of a walk does when it begins and ends: see HashCoreMigration::BeginWalk.
-  const Core* BeginWalk() noexcept {
-    HashCoreMigration<Key, Value, KTraits, VTraits>::BeginWalk();
-    return this->m_curHashCore.load(std::memory_order_seq_cst);  // see GiveBackSome
-  }
-
   // Adds what the table's generations hold and have done. Walks along the chain, not over cells.
   void AddStats(KavoTableStats& stats) const noexcept;
 
@@ -68,7 +65,6 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   template <class InsertCallback>
   int AssignValue(Value& record, const InsertCallback& insertCallback);
   int MigrateHashCore(const Key& key, Core* core);
-  void LeaveIfEmptied(Core* core) noexcept;
   void ShareGrowth(Core* start) noexcept;
 
   // Owns the chain: each generation leads to the next. Fixed after construction.
@@ -85,7 +81,7 @@ Hashtable<Key, Value, KTraits, VTraits>::Hashtable(const unsigned long long& siz
     throw std::bad_alloc();
   }
   this->m_curHashCore.store(m_firstHashCore, std::memory_order_release);  // see the field
-  this->m_giveBack = m_firstHashCore;
+  this->m_giveBack.store(m_firstHashCore, std::memory_order_release);     // likewise
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
@@ -159,7 +155,7 @@ int Hashtable<Key, Value, KTraits, VTraits>::InsertOrFind(const Key& key, const 
     // At the end: until its block is attached, the owner of a new record waits for nobody.
     const OnExit leave([&]() noexcept {
       if (core != start) [[unlikely]] {
-        LeaveIfEmptied(start);
+        this->LeaveIfEmptied(start);
       }
     });
     if (ret == ENTRY_FOUND) {
@@ -225,20 +221,6 @@ int Hashtable<Key, Value, KTraits, VTraits>::AssignValue(Value& record, const In
   }
   withdraw.Dismiss();
   return KAVO_SUCCESS;
-}
-
-// An insert was sent on from `core`. If all of it has been sent on and it is still current, whoever emptied it failed
-// to leave it (its lock reported an error).
-template <class Key, class Value, class KTraits, class VTraits>
-void Hashtable<Key, Value, KTraits, VTraits>::LeaveIfEmptied(Core* core) noexcept {
-  if (!core->IsEmptied() || core->IsDeleted()) {
-    return;
-  }
-  try {
-    static_cast<void>(this->DeleteOldTable(core));
-  } catch (const std::exception& e) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "lock failed, exception caught:%s", e.what());  // the next insert tries again
-  }
 }
 
 // The part of a new key's insert in a growth under way, its own work being done: a few buckets of the oldest generation

@@ -12,39 +12,18 @@
 
 namespace Qen {
 
-// What the entries of one map cost, counted for the generation that owns the map. Whoever enters a key counts: the
-// creator before the map has an owner, later ones under the map's lock.
-class MapBytes {
- public:
-  void Add(unsigned long long bytes) noexcept {
-    if (m_total == nullptr) {
-      m_early += bytes;
-    } else {
-      m_total->fetch_add(bytes, std::memory_order_relaxed);  // a statistic
-    }
-  }
-  // Before the map is published.
-  void CountInto(Atomic<unsigned long long>& total) noexcept {
-    m_total = &total;
-    Add(m_early);
-  }
-
- private:
-  Atomic<unsigned long long>* m_total = nullptr;
-  unsigned long long m_early = 0;
-};
-
+// Counts what it gives, for the generation that owns the map. Entries are never removed.
 template <class T>
 struct MapAllocator : HeapAllocator<T> {
-  explicit MapAllocator(MapBytes* count) noexcept : bytes(count) {}
+  explicit MapAllocator(Atomic<unsigned long long>& count) noexcept : bytes(&count) {}
   template <class U>
   MapAllocator(const MapAllocator<U>& other) noexcept : bytes(other.bytes) {}
   T* allocate(std::size_t n) {
     T* const memory = HeapAllocator<T>::allocate(n);
-    bytes->Add(n * sizeof(T));
+    bytes->fetch_add(n * sizeof(T), std::memory_order_relaxed);  // a statistic
     return memory;
   }
-  MapBytes* bytes;
+  Atomic<unsigned long long>* bytes;
 };
 
 // A key enters under the exclusive lock, after a look at the bucket's flags under it; searches hold the lock shared.
@@ -54,9 +33,10 @@ template <class Key, class Value>
 struct OverflowMap {
   using Allocator = MapAllocator<std::pair<const Key, Value>>;
 
+  explicit OverflowMap(Atomic<unsigned long long>& bytes) : entries(Allocator(bytes)) {}
+
   SharedMutex mutex;
-  MapBytes bytes;
-  std::map<Key, Value, std::less<Key>, Allocator> entries{Allocator(&bytes)};
+  std::map<Key, Value, std::less<Key>, Allocator> entries;
   OverflowMap* nextOwned = nullptr;  // the generation's list of its maps; written before the map is published
 };
 

@@ -7,20 +7,14 @@
 
 namespace Qen {
 
-// Moves one bucket, whoever has it: returns when MOVED is set. Every index of a generation is brought to MOVED, those
-// with an empty or a stolen home cell too: an insert that claims such a cell late must find the flag.
+// Every index of a generation is brought to MOVED, those with an empty or a stolen home cell too: an insert that claims
+// such a cell late must find the flag.
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::StartMove(Core* src, Core* dst, const unsigned long long& bucket) {
-  switch (ClaimBucket(src, bucket)) {
-    case BucketClaim::MOVED:
-      return KAVO_SUCCESS;
-    case BucketClaim::OWNED:
-      break;
-    default:
-      return KAVO_FAILED;
-  }
-  const int ret = MoveClaimedBucket(src, bucket, dst);
-  if (ret != KAVO_SUCCESS) {
+int HashCoreMigration<Key, Value, KTraits, VTraits>::StartMove(Core* src, Core* dst, const unsigned long long& bucket,
+                                                               MovedCount& moved) {
+  bool overtime = false;
+  const int ret = MoveBucket(src, bucket, dst, moved, overtime);
+  if (ret != KAVO_SUCCESS && !overtime) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashInsert failed! ret[%d]", ret);
   }
   return ret;
@@ -50,8 +44,9 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::MoveChunk(Core* src, Core* 
                                                                unsigned long long last) {
   ChunkClaim& claim = src->CellAt(first).moveClaim;
   OnExit giveBack([&claim]() noexcept { claim.GiveBack(); });
+  MovedCount moved{src};
   for (unsigned long long bucket = first; bucket < last; ++bucket) {
-    const int ret = StartMove(src, dst, bucket);
+    const int ret = StartMove(src, dst, bucket, moved);
     if (ret != KAVO_SUCCESS) {
       return ret;
     }
@@ -110,7 +105,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::BeginWholeTableMigration(Co
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "DeleteOldTable failed! ret[%d]", ret);
     return ret;
   }
-  while (IsGiveBackDue() && GiveBackSome()) {  // little, beside the move
+  while (GiveBackSome()) {  // little, beside the move
   }
   return KAVO_SUCCESS;
 }

@@ -5,6 +5,7 @@
 #include <exception>
 #include <mutex>
 
+#include "platform/cache_line.h"
 #include "platform/test_hooks.h"
 
 namespace Qen {
@@ -15,7 +16,6 @@ constexpr unsigned long long MAX_RUN_COUNT = 1024;
 constexpr std::size_t MAX_RUN_BYTES = std::size_t{256} << 10;
 constexpr std::size_t MIN_CHUNK_BYTES = std::size_t{64} << 10;
 constexpr std::size_t MAX_CHUNK_BYTES = std::size_t{32} << 20;
-constexpr std::size_t CACHE_LINE = 64;
 
 // Threads are numbered from 1 as they take their first block, whatever they take it from.
 constinit Atomic<unsigned> g_lastThreadOrdinal{0};
@@ -40,10 +40,10 @@ struct FreshBlocks::Run {
   unsigned char* const first;
   const unsigned long long count;
   Run* const older;
-  char padding[CACHE_LINE - 3 * sizeof(void*)] = {};
+  char padding[CACHE_LINE_BYTES - 3 * sizeof(void*)] = {};
   // The maker keeps block 0. May pass `count`, by one for each thread that finds the run used up.
   Atomic<unsigned long long> used{1};
-  char paddingBehind[CACHE_LINE - sizeof(used)] = {};
+  char paddingBehind[CACHE_LINE_BYTES - sizeof(used)] = {};
 };
 
 FreshBlocks::FreshBlocks(const BlockLayout& layout) noexcept

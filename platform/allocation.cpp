@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/cache_line.h"
 #include "platform/test_hooks.h"
 
 #if KAVO_ADDRESS_SANITIZER
@@ -17,7 +18,7 @@ namespace {
 
 // Up to here a range comes from the heap: a mapping costs two system calls and at least a page fault.
 constexpr std::size_t MAX_HEAP_RANGE_BYTES = std::size_t{128} << 10;
-constexpr std::align_val_t CACHE_LINE{64};
+constexpr std::align_val_t CACHE_LINE{CACHE_LINE_BYTES};
 constexpr std::size_t HUGE_PAGE_BYTES = std::size_t{2} << 20;
 
 void CountHeap([[maybe_unused]] std::size_t bytes, [[maybe_unused]] bool taken) noexcept {

@@ -4,7 +4,6 @@
 #include <string_view>
 #include <utility>
 
-#include "hash/concurrent_table.h"
 #include "hash/hcore.h"
 
 namespace KavoExplorer {
@@ -13,7 +12,6 @@ namespace {
 using Qen::HCore::BUCKET_MOVED;
 using Qen::HCore::BUCKET_MOVING;
 using Qen::HCore::MAP_BUILDING;
-using TableWalk = Qen::ConcurrentTable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>::iterator;
 
 std::string Bucket(unsigned generation, unsigned long long bucket) {
   return ", generation " + std::to_string(generation) + " bucket " + std::to_string(bucket);
@@ -29,29 +27,6 @@ ExploredTable::Core* ExploredTable::Generation(unsigned index) const {
   return core;
 }
 
-int ExploredTable::BuildNext(Core* core) {
-  m_root.store(&m_curHashCore);
-  Core* next = nullptr;
-  return MakeNewTable(core, next);
-}
-
-int ExploredTable::MoveGeneration(Core* core) {
-  m_root.store(&m_curHashCore);
-  return BeginWholeTableMigration(core);
-}
-
-unsigned char* ExploredTable::Claim(long key) {
-  Core::Entry entry;
-  Core* core = nullptr;
-  CurrentGeneration()->InsertOrFindProcess(key, entry, core);
-  if (entry.record == nullptr) {
-    return nullptr;
-  }
-  unsigned char* const block = NewBlock();
-  entry.record->Attach(block);
-  return block;
-}
-
 int ExploredTable::OfferFailing(long key) {
   return InsertOrFind(
       key, [](Qen::HashValue&) { return static_cast<int>(KAVO_NO_MEMORY); }, [](unsigned char&) { return 0; });
@@ -59,7 +34,7 @@ int ExploredTable::OfferFailing(long key) {
 
 std::multiset<long> ExploredTable::WalkedKeys() {
   std::multiset<long> keys;
-  for (TableWalk walk(*this); !walk.AtEnd(); walk.Next()) {
+  for (KavoTest::Walk walk(*this); !walk.AtEnd(); walk.Next()) {
     keys.insert(walk.EntryKey());
   }
   return keys;

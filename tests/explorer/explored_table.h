@@ -14,13 +14,15 @@ class ExploredTable final : public KavoTest::TestTable {
   using TestTable::TestTable;
 
   Core* Generation(unsigned index) const;
-  int BuildNext(Core* core);
-  int MoveBucket(Core* core, unsigned long long bucket, Core* destination) {
-    return StartMove(core, destination, bucket);
+  int BuildNext(Core* core) {
+    Core* next = nullptr;
+    return Build(core, next);
   }
-  int MoveGeneration(Core* core);
-  unsigned char* Claim(long key);  // without any growth; null when the key is there, or being filled
-  int OfferFailing(long key);      // its insert callback fails
+  int MoveBucket(Core* core, unsigned long long bucket, Core* destination) {
+    MovedCount moved{core};
+    return StartMove(core, destination, bucket, moved);
+  }
+  int OfferFailing(long key);  // its insert callback fails
   std::multiset<long> WalkedKeys();
   // Empty, or what somebody has left half done.
   std::string Leftovers() const;

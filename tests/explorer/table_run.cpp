@@ -95,8 +95,8 @@ Call OfferWithout(long key, unsigned long long nth) {
 
 Call Claim(long key) {
   return [key](TableRun& run) {
-    if (unsigned char* const block = run.table.Claim(key)) {
-      run.ledger.Offered(key, Qen::ENTRY_INSERTED, block);
+    if (const KavoTest::Core::Entry entry = run.table.Claim(key); entry.record != nullptr) {
+      run.ledger.Offered(key, Qen::ENTRY_INSERTED, entry.block);
     }
   };
 }
@@ -126,7 +126,8 @@ Call Fill(std::vector<long> keys) {
 Call FillGeneration(unsigned generation, long key) {
   return [=](TableRun& run) {
     for (long next = key; !run.table.Generation(generation)->IsOverMapThreshold(); ++next) {
-      run.ledger.Offered(next, Qen::ENTRY_INSERTED, run.table.Claim(next));
+      const KavoTest::Core::Entry entry = run.table.Claim(next);
+      run.ledger.Offered(next, Qen::ENTRY_INSERTED, entry.record != nullptr ? entry.block : nullptr);
     }
   };
 }

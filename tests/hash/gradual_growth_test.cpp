@@ -14,9 +14,6 @@
 namespace KavoTest {
 namespace {
 
-using Blocks = std::map<long, unsigned char*>;
-using Walk = Qen::ConcurrentTable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>::iterator;
-
 class GradualTable : public TestTable {
  public:
   explicit GradualTable(unsigned long long cells = 8) : TestTable(cells) { SetRehashType(Qen::REHASH_GRADUAL); }
@@ -38,26 +35,27 @@ unsigned long long MovedBuckets(const Core& core) {
   return moved;
 }
 
-// Through a lookup, a second offer and a walk.
+// Through a walk and lookups.
 void ExpectExactly(TestTable& table, const Blocks& blocks) {
-  Blocks seen;
-  for (Walk walk(table); !walk.AtEnd(); walk.Next()) {
-    ASSERT_TRUE(seen.emplace(walk.EntryKey(), walk.EntryBlock()).second) << walk.EntryKey() << " twice";
-  }
-  EXPECT_EQ(seen, blocks);
+  ExpectWalked(table, blocks);
   for (const auto& [key, block] : blocks) {
     ASSERT_EQ(table.BlockOf(key), block) << key;
   }
 }
 
-TEST(GradualGrowth, AFullGenerationIsEmptiedByTheInsertsThatFollowAFewBucketsEach) {
-  GradualTable table(1024);
+struct Subject {
+  explicit Subject(unsigned long long cells = 8) : table(cells) {}
+  void Offer(long key) { blocks[key] = table.Offer(key).block; }
+
+  GradualTable table;
   Blocks blocks;
+};
+
+TEST(GradualGrowth, AFullGenerationIsEmptiedByTheInsertsThatFollowAFewBucketsEach) {
+  Subject subject(1024);
+  auto& [table, blocks] = subject;
   std::mt19937_64 random(TestSeed());
-  const auto offer = [&] {
-    const auto key = static_cast<long>(random() >> 1);
-    blocks[key] = table.Offer(key).block;
-  };
+  const auto offer = [&] { subject.Offer(static_cast<long>(random() >> 1)); };
   const Core* const first = table.FirstGeneration();
   while (first->Next() == nullptr) {
     offer();
@@ -166,13 +164,10 @@ TEST(GradualGrowth, TheMemoryOfLeftGenerationsGoesBackToTheSystem) {
 // What was left of a generation in gradual mode is finished in the other mode, and the other way round.
 TEST(GradualGrowth, TheModeMayChangeWhileAGenerationIsHalfMoved) {
   for (const unsigned char mode : {Qen::REHASH_WHOLE_TABLE, Qen::REHASH_GRADUAL}) {
-    GradualTable table(1024);
-    Blocks blocks;
+    Subject subject(1024);
+    auto& [table, blocks] = subject;
     std::mt19937_64 random(TestSeed());
-    const auto offer = [&] {
-      const auto key = static_cast<long>(random() >> 1);
-      blocks[key] = table.Offer(key).block;
-    };
+    const auto offer = [&] { subject.Offer(static_cast<long>(random() >> 1)); };
     while (table.FirstGeneration()->Next() == nullptr) {
       offer();
     }
@@ -184,11 +179,6 @@ TEST(GradualGrowth, TheModeMayChangeWhileAGenerationIsHalfMoved) {
     EXPECT_TRUE(table.FirstGeneration()->IsDeleted());
   }
 }
-
-struct Subject {
-  GradualTable table;
-  Blocks blocks;
-};
 
 // Every allocation of a growth fails once; thirty keys of one bucket need maps in each generation.
 TEST(GradualGrowth, AFailureAtAnyPointLeavesATableThatServesTheSameOffersAtOnce) {

@@ -44,7 +44,7 @@ class GrowthOf : public ::testing::TestWithParam<const char*> {};
 TEST_P(GrowthOf, EveryKeyKeepsItsBlockThroughAllGenerations) {
   TestTable table;
   table.KeepLeftCells();
-  std::map<long, unsigned char*> blocks;
+  Blocks blocks;
   for (const long key : MakeKeys(GetParam(), 5000)) {
     const Offered offered = table.Offer(key);
     ASSERT_EQ(offered.status, Qen::ENTRY_INSERTED);
@@ -101,13 +101,13 @@ TEST(Growth, AnUnknownModeFailsOnlyInsertsThatStoredNothing) {
 }
 
 // An 8-cell table whose bucket 0 holds every cell, so that one more key needs a map and then growth.
-void FillAllCells(TestTable& table, std::map<long, unsigned char*>& blocks) {
+void FillAllCells(TestTable& table, Blocks& blocks) {
   for (long key = 0; key < 64; key += 8) {
     blocks[key] = table.Offer(key).block;
   }
 }
 
-void ExpectExactly(const TestTable& table, const std::map<long, unsigned char*>& blocks) {
+void ExpectExactly(const TestTable& table, const Blocks& blocks) {
   for (const auto& [key, block] : blocks) {
     EXPECT_EQ(table.BlockOf(key), block) << key;
   }
@@ -115,7 +115,7 @@ void ExpectExactly(const TestTable& table, const std::map<long, unsigned char*>&
 
 struct Subject {
   TestTable table;
-  std::map<long, unsigned char*> blocks;
+  Blocks blocks;
 };
 
 TEST(Growth, AFailedAllocationLeavesATableThatServesTheSameOfferAtOnce) {
@@ -162,7 +162,7 @@ TEST(Growth, AFailedAllocationLeavesATableThatServesTheSameOfferAtOnce) {
 
 TEST(Growth, AnInsertThatStoredNothingFailsWithTheGrowthItNeeded) {
   TestTable table;
-  std::map<long, unsigned char*> blocks;
+  Blocks blocks;
   FillAllCells(table, blocks);
   Qen::TestHooks::FailAllocation(3, true);  // the map and its entry may be had, a generation not
   blocks[64] = table.Offer(64).block;
@@ -227,7 +227,7 @@ class LockErrorAt : public ::testing::TestWithParam<const char*> {
 
 TEST_P(LockErrorAt, TheInsertStandsAndTheNextOneCompletesTheGrowth) {
   TestTable table;
-  std::map<long, unsigned char*> blocks;
+  Blocks blocks;
   FillAllCells(table, blocks);
   s_point = GetParam();
   LogCapture log(Qen::SetLogSink);

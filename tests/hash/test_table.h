@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <map>
 #include <mutex>
 
 #include "hash/concurrent_table.h"
@@ -13,6 +14,8 @@ namespace KavoTest {
 
 using Table = Qen::Hashtable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>;
 using Core = Table::Core;
+using Walk = Qen::ConcurrentTable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>::iterator;
+using Blocks = std::map<long, unsigned char*>;
 
 struct Offered {
   int status = -100;
@@ -44,25 +47,26 @@ class TestTable : public Table {
     return offered;
   }
 
-  // Stores a key in the current generation without any growth, whatever its threshold says. Its block, or null when it
-  // cannot.
-  unsigned char* Store(long key) {
+  // Finds a key in the current generation or stores it there, without any growth, whatever the threshold says. The
+  // entry has the key's block, if that could be done, and the record if this call filled it.
+  Core::Entry Claim(long key) {
     Core::Entry entry;
     Core* core = nullptr;
     CurrentGeneration()->InsertOrFindProcess(key, entry, core);
-    if (entry.record == nullptr) {
-      return entry.block;
+    if (entry.record != nullptr) {
+      entry.block = NewBlock();
+      entry.record->Attach(entry.block);
     }
-    unsigned char* const block = NewBlock();
-    entry.record->Attach(block);
-    return block;
+    return entry;
   }
+  unsigned char* Store(long key) { return Claim(key).block; }
 
-  // Moves the current generation as an insert does that meets it full.
-  int Grow() {
+  // Moves a generation as an insert does that meets it full.
+  int MoveGeneration(Core* core) {
     m_root.store(&m_curHashCore);
-    return BeginWholeTableMigration(CurrentGeneration());
+    return BeginWholeTableMigration(core);
   }
+  int Grow() { return MoveGeneration(CurrentGeneration()); }
 
   int Build(Core* old, Core*& next) {
     m_root.store(&m_curHashCore);
@@ -90,6 +94,15 @@ inline void ExpectAllMoved(const Core& core) {
   for (unsigned long long i = 0; i < core.TableSize(); ++i) {
     ASSERT_TRUE(core.CellAt(i).flags.Load() & Qen::HCore::BUCKET_MOVED) << "bucket " << i;
   }
+}
+
+// The walk gives these entries and no other, each once.
+inline void ExpectWalked(TestTable& table, const Blocks& blocks) {
+  Blocks seen;
+  for (Walk walk(table); !walk.AtEnd(); walk.Next()) {
+    ASSERT_TRUE(seen.emplace(walk.EntryKey(), walk.EntryBlock()).second) << walk.EntryKey() << " twice";
+  }
+  EXPECT_EQ(blocks, seen);
 }
 
 }  // namespace KavoTest

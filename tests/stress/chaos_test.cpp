@@ -2,8 +2,6 @@
 // cannot be had and memory that runs out: the rare interleavings, and what failures leave behind.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <random>
@@ -14,6 +12,7 @@
 
 #include "hash/test_table.h"
 #include "platform/log_sink.h"
+#include "support/hold_up.h"
 #include "support/log_capture.h"
 #include "support/seed.h"
 
@@ -22,14 +21,8 @@ namespace {
 
 thread_local std::mt19937 t_random;
 
-// Holds the thread up now and then, for a moment or for a time slice.
 void HoldUp(const char*) {
-  const unsigned dice = static_cast<unsigned>(t_random() % 64);
-  if (dice < 8) {
-    std::this_thread::yield();
-  } else if (dice == 8) {
-    ::usleep(50);
-  }
+  HoldUpNowAndThen(t_random, 64, 8, 50);
 }
 
 struct Hazards {

@@ -2,8 +2,6 @@
 // memory that runs out: what failed admissions and failed records leave behind.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <random>
@@ -13,6 +11,7 @@
 #include "kavo.h"
 #include "platform/log_sink.h"
 #include "platform/test_hooks.h"
+#include "support/hold_up.h"
 #include "support/seed.h"
 #include "table/filter_test_table.h"
 
@@ -22,12 +21,7 @@ namespace {
 thread_local std::mt19937 t_random;
 
 void HoldUp(const char*) {
-  const unsigned dice = static_cast<unsigned>(t_random() % 32);
-  if (dice < 8) {
-    std::this_thread::yield();
-  } else if (dice == 8) {
-    ::usleep(50);
-  }
+  HoldUpNowAndThen(t_random, 32, 8, 50);
 }
 
 TEST(FilterChaos, FailuresLoseNoOccurrenceAndLeaveNobodyWaiting) {

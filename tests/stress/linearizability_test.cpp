@@ -5,7 +5,6 @@
 // The calls that copy bytes over a value (KavoUpdate, KavoInsertOrUpdate) exclude the accesses through its address, as
 // callers must; nothing else is held up for them.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -22,6 +21,7 @@
 #include "kavo.h"
 #include "platform/test_hooks.h"
 #include "stress/history.h"
+#include "support/hold_up.h"
 #include "support/seed.h"
 
 namespace KavoTest {
@@ -36,14 +36,8 @@ constexpr unsigned STEPS = 16;  // of a thread in a window
 
 thread_local std::mt19937_64 t_random;
 
-// Now and then, for a moment or for a time slice.
 void HoldUp(const char*) {
-  const unsigned dice = static_cast<unsigned>(t_random() % 256);
-  if (dice < 4) {
-    std::this_thread::yield();
-  } else if (dice == 4) {
-    ::usleep(20);
-  }
+  HoldUpNowAndThen(t_random, 256, 4, 20);
 }
 
 std::atomic_ref<std::uint64_t> Word(unsigned char* address) {
