@@ -3,7 +3,7 @@
 //   bit 0x01 BUCKET_MOVING   a thread is copying the bucket's entries into the next generation
 //   bit 0x02 BUCKET_MOVED    they are all there; final
 //   bit 0x40 MAP_BUILDING    a thread is creating the bucket's overflow map
-//   bit 0x80 MAP_READY       the map exists and its pointer is published; final
+//   bit 0x80 MAP_READY       the map exists and is in the index of maps; final
 //
 //   from                        to                          by
 //   neither move bit            MOVING                      TryBeginMove: the caller becomes the bucket's mover
@@ -66,8 +66,8 @@ class BucketFlags {
     return false;
   }
 
-  // Release: pairs with Load; carries the map and its holder. READY before BUILDING goes, so that nobody takes the
-  // step between them for a withdrawal.
+  // Release: pairs with Load; carries the map and its place in the index. READY before BUILDING goes, so that nobody
+  // takes the step between them for a withdrawal.
   void PublishMap() noexcept {
     m_bits.fetch_or(HCore::MAP_READY, std::memory_order_release);
     WithdrawMap();

@@ -30,7 +30,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashInsert(Core* src, con
   if (ready != Outcome::IN_MAP) {
     return KAVO_SUCCESS;  // its creation was withdrawn
   }
-  auto& map = *home.LoadMap();
+  auto& map = *src->FindMap(bucket);
   {
     // Whoever enters the map looks at the flags under this lock: once it was free after MOVING was set, nobody does
     // any more, and the walk needs no lock. Lookups are never held up by it.
@@ -140,11 +140,11 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashInsertEntry(Core* dst
     switch (outcome) {
       case Outcome::CLAIMED:
         KAVO_TEST_POINT("Mover.Placing");
-        entry.record->Attach(source.Get());
+        entry.record->Attach(source.Number());
         return KAVO_SUCCESS;
       case Outcome::FOUND:
         KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "key is already existed!");
-        if (entry.block != source.Get()) {  // cannot be (I5); the old entry stays and serves
+        if (entry.block != dst->BlockOf(source)) {  // cannot be (I5); the old entry stays and serves
           KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashInsertEntry failed!");
           return KAVO_FAILED;
         }

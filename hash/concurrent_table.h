@@ -22,7 +22,7 @@ class ConcurrentTable {
   static constexpr unsigned long long MIN_CELLS = 12;
 
   // 0 means the default. Throws std::bad_alloc after its lines.
-  explicit ConcurrentTable(const unsigned long long& capacity)
+  ConcurrentTable(const unsigned long long& capacity, const BlockDirectory& blocks)
       : m_capacity(capacity == 0             ? DEFAULT_CAPACITY
                    : capacity < MIN_CAPACITY ? MIN_CAPACITY
                                              : capacity) {
@@ -31,7 +31,7 @@ class ConcurrentTable {
                                      : capacity < MIN_CAPACITY ? MIN_CELLS
                                                                : capacity / 5 * 12;
     try {
-      m_hashtable = MakeHeapPtr<Table>(cells);
+      m_hashtable = MakeHeapPtr<Table>(cells, blocks);
     } catch (const std::exception& e) {
       KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
       throw std::bad_alloc();

@@ -1,5 +1,5 @@
 // What a filter table keeps for a key: its occurrences, and its block once it was admitted. Created once for each key
-// and shared by all copies of the pointer to it, so that no move loses an occurrence. Owned by the table's pool.
+// and shared by all copies of its number, so that no move loses an occurrence. Owned by the table's pool.
 #pragma once
 
 #include <cstdint>

@@ -29,7 +29,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::MakeNewTable(Core* old, Cor
   const OnExit permit([this]() noexcept { m_buildPermit.store(true, std::memory_order_relaxed); });
   KAVO_TEST_POINT("Chain.Building");
   try {
-    const int ret = SetNextHashCore(MakeHeapPtr<Core>(2 * old->TableSize()));
+    const int ret = SetNextHashCore(MakeHeapPtr<Core>(2 * old->TableSize(), old->Blocks()));
     next = old->Next();
     m_growths.fetch_add(1, std::memory_order_relaxed);  // a statistic
     return ret;

@@ -4,12 +4,11 @@
 //   byte 1      moveClaim   on the first cell of a chunk: the chunk's state in a whole-table move
 //   byte 2      firstLink   distance to the first further cell of this bucket's chain, 0 for none
 //   byte 3      nextLink    distance to the next cell of the chain that this cell's key belongs to, 0 for none
+//   bytes 4-7   value       record of the key (value_record.h)
 //   bytes 8-15  key         complemented; once set, it stays
-//   bytes 16-23 value       record of the key (value_record.h)
-//   bytes 24-31 mapHolder   overflow map of the bucket whose home cell this is
 //
-// A cell has two roles at once: as a home cell it carries its bucket's flags, first link and map; as a storage cell it
-// carries one key, which may belong to another bucket whose probe took the cell. Two cells share a cache line, and a
+// A cell has two roles at once: as a home cell it carries its bucket's flags and first link; as a storage cell it
+// carries one key, which may belong to another bucket whose probe took the cell. Four cells share a cache line, and a
 // key found in its home cell costs that one line.
 //
 // All bytes zero is the initial state, so a generation is a range of zero pages that nobody has to write.
@@ -19,7 +18,6 @@
 
 #include "hash/bucket_flags.h"
 #include "hash/hcore.h"
-#include "hash/overflow_map.h"
 #include "platform/atomic.h"
 
 namespace Qen {
@@ -77,8 +75,6 @@ class ChunkClaim {
 template <class Key, class Value>
 class HashCell {
  public:
-  using Map = OverflowMap<Key, Value>;
-
   // Acquire: whoever finds nothing looks at HashCore::IsDeleted next, and not before.
   Key LoadKey() const noexcept { return Decode(m_storedKey.load(std::memory_order_acquire)); }
 
@@ -95,10 +91,6 @@ class HashCell {
     return false;
   }
 
-  // Acquire and release: the map is seen with its holder.
-  Map* LoadMap() const noexcept { return m_mapHolder.load(std::memory_order_acquire); }
-  void StoreMap(Map* map) noexcept { m_mapHolder.store(map, std::memory_order_release); }
-
 #ifdef KAVO_TESTING
   // What giving the cell's page back to the system does to it, for generations that are too small to have pages: so
   // that small tables too meet their late readers. Relaxed: the system orders nothing either.
@@ -107,9 +99,8 @@ class HashCell {
     moveClaim.Clear();
     firstLink.Clear();
     nextLink.Clear();
-    m_storedKey.store(0, std::memory_order_relaxed);
     value.Clear();
-    m_mapHolder.store(nullptr, std::memory_order_relaxed);
+    m_storedKey.store(0, std::memory_order_relaxed);
   }
 #endif
 
@@ -128,15 +119,10 @@ class HashCell {
   ChunkClaim moveClaim;
   ChainLink firstLink;
   ChainLink nextLink;
-
- private:
-  Atomic<std::uint64_t> m_storedKey;
-
- public:
   Value value;
 
  private:
-  Atomic<Map*> m_mapHolder;
+  Atomic<std::uint64_t> m_storedKey;
 };
 
 }  // namespace Qen

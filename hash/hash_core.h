@@ -40,9 +40,12 @@
 #include "hash/generation_iterator.h"
 #include "hash/hash_cell.h"
 #include "hash/hcore.h"
+#include "hash/map_index.h"
+#include "hash/overflow_map.h"
 #include "hash/value_record.h"
 #include "platform/allocation.h"
 #include "platform/atomic.h"
+#include "platform/block_directory.h"
 #include "platform/cache_line.h"
 #include "platform/log.h"
 #include "platform/test_hooks.h"
@@ -54,7 +57,7 @@ template <class Key, class Value, class KTraits, class VTraits>
 class HashCore {
  public:
   using Cell = HashCell<Key, Value>;
-  using Map = typename Cell::Map;
+  using Map = OverflowMap<Key, Value>;
   using Pointee = typename Value::Pointee;
   using iterator = GenerationIterator<HashCore, Key, Value>;
 
@@ -85,10 +88,10 @@ class HashCore {
   enum class Miss { TOLD, UNTOLD };
 
   // A generation of at least `size` cells (at least 8). Throws std::bad_alloc after its line.
-  explicit HashCore(const unsigned long long& size);
+  HashCore(const unsigned long long& size, const BlockDirectory& blocks);
   HashCore(const HashCore&) = delete;
   HashCore& operator=(const HashCore&) = delete;
-  ~HashCore();
+  ~HashCore() = default;  // cells own nothing: one that nobody touched stays untouched to the end
 
   // The key's block in this generation, else null.
   Pointee* FindValueProcess(const Key& key) const;
@@ -98,7 +101,7 @@ class HashCore {
   // The same if the key stands in its home cell. Null says nothing.
   Pointee* FindAtHome(const Key& key) const noexcept {
     const Cell& home = CellAt(HomeIndex(key));
-    return home.LoadKey() == key ? home.value.Get() : nullptr;
+    return home.LoadKey() == key ? BlockOf(home.value) : nullptr;
   }
 
   // Finds `key` or claims a place for it, here or where its bucket has moved to; `core` is the generation where that
@@ -124,6 +127,13 @@ class HashCore {
   std::uint64_t HomeIndex(const Key& key) const noexcept {
     return KTraits::BucketBits(key) & static_cast<std::uint32_t>(m_mask);
   }
+  // Null while the record has none.
+  Pointee* BlockOf(const Value& record) const noexcept { return record.Get(m_blocks); }
+  const BlockDirectory& Blocks() const noexcept { return m_blocks; }
+
+  // The bucket's map; null if it has none.
+  Map* FindMap(std::uint64_t home) const noexcept { return m_maps.Find(home); }
+
   // A position counted from a home cell on may exceed the mask once it has wrapped.
   Cell& CellAt(std::uint64_t position) const noexcept {
     return m_cells[static_cast<std::uint32_t>(position) & static_cast<std::uint32_t>(m_mask)];
@@ -193,9 +203,9 @@ class HashCore {
   Outcome LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
   HashCore* FindOrInsertCellInNext(std::uint64_t home);
   Pointee* MapFind(const Key& key, std::uint64_t home, Miss miss) const;
-  void OwnMap(Map* map) noexcept;
 
   // Fixed after construction.
+  const BlockDirectory& m_blocks;
   Cell* m_cells = nullptr;
   unsigned long long m_mask = 0;
   unsigned long long m_tableSize = 0;
@@ -207,7 +217,7 @@ class HashCore {
   Atomic<HashCore*> m_nextHashCore{nullptr};
   Atomic<bool> m_deleted{false};
   Atomic<unsigned long long> m_mapNum{0};  // only ever grows; the threshold test is approximate, hence relaxed
-  Atomic<Map*> m_ownedMaps{nullptr};       // list of all maps of this generation, for its destruction
+  MapIndex<Map> m_maps;
   ZeroedRange m_cellMemory;
   Atomic<unsigned long long> m_givenBack{0};
   CacheLinePadding m_padding;
@@ -219,14 +229,17 @@ class HashCore {
 };
 
 template <class Key, class Value, class KTraits, class VTraits>
-HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size) {
-  static_assert(sizeof(Cell) == 32, "two cells to a cache line");
+HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size, const BlockDirectory& blocks)
+    : m_blocks(blocks) {
+  static_assert(sizeof(Cell) == 16, "four cells to a cache line");
   try {
     if (size > (1ULL << 63)) {
       throw std::bad_alloc();
     }
     m_tableSize = size <= 8 ? 8 : std::bit_ceil(size);
+    m_maxMapNum = static_cast<unsigned long long>(static_cast<float>(m_tableSize) * HCore::MAP_RATIO);
     m_cellMemory = ZeroedRange(m_tableSize, sizeof(Cell));
+    m_maps = MapIndex<Map>(m_tableSize);
   } catch (const std::exception& e) {
     KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
     throw std::bad_alloc();
@@ -234,18 +247,6 @@ HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size)
   // Zero bytes are the initial state of a cell; nobody writes them.
   m_cells = static_cast<Cell*>(m_cellMemory.Data());
   m_mask = m_tableSize - 1;
-  m_maxMapNum = static_cast<unsigned long long>(static_cast<float>(m_tableSize) * HCore::MAP_RATIO);
-}
-
-// Cells own nothing but their maps, and those are listed: an untouched cell stays untouched to the end.
-template <class Key, class Value, class KTraits, class VTraits>
-HashCore<Key, Value, KTraits, VTraits>::~HashCore() {
-  Map* map = m_ownedMaps.load(std::memory_order_acquire);  // pairs with OwnMap
-  while (map != nullptr) {
-    Map* next = map->nextOwned;
-    HeapDelete(map);
-    map = next;
-  }
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
@@ -297,16 +298,6 @@ bool HashCore<Key, Value, KTraits, VTraits>::GiveBackCells() noexcept {
   }
   m_givenBack.store(from + bytes, std::memory_order_relaxed);
   return from + bytes < m_cellMemory.Bytes();
-}
-
-// Release: pairs with the destructor's acquire; carries the list's links.
-template <class Key, class Value, class KTraits, class VTraits>
-void HashCore<Key, Value, KTraits, VTraits>::OwnMap(Map* map) noexcept {
-  m_mapBytes.fetch_add(sizeof(Map), std::memory_order_relaxed);  // a statistic
-  map->nextOwned = m_ownedMaps.load(std::memory_order_relaxed);
-  while (
-      !m_ownedMaps.compare_exchange_weak(map->nextOwned, map, std::memory_order_release, std::memory_order_relaxed)) {
-  }
 }
 
 }  // namespace Qen

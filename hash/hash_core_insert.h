@@ -143,7 +143,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::u
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::Examine(std::uint64_t home, std::uint8_t flags, Value& record,
                                                      Entry& entry) -> Outcome {
-  entry.block = record.Get();
+  entry.block = BlockOf(record);
   if (entry.block != nullptr) {
     return Outcome::FOUND;  // final, moved or not
   }
@@ -194,16 +194,15 @@ auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::u
   HeapPtr<Map> map;
   Value* record = nullptr;
   try {
-    map = MakeHeapPtr<Map>(m_mapBytes);
+    map = MakeHeapPtr<Map>(home, m_mapBytes);
     record = &map->entries.try_emplace(key).first->second;
   } catch (const std::exception&) {
     homeCell.flags.WithdrawMap();  // nobody waits for this map any more, and the next insert may create it
     return Outcome::NO_MEMORY;
   }
-  Map* published = map.release();
-  OwnMap(published);
-  homeCell.StoreMap(published);
-  m_mapNum.fetch_add(1, std::memory_order_relaxed);  // see the field
+  m_maps.Add(map.release());
+  m_mapBytes.fetch_add(sizeof(Map), std::memory_order_relaxed);  // a statistic
+  m_mapNum.fetch_add(1, std::memory_order_relaxed);              // see the field
   KAVO_TEST_POINT("HashCore.MapBuilt");
   homeCell.flags.PublishMap();
   // The creation was decided by the flags, and a mover that came after waits for it: the claim needs no confirmation.
@@ -223,11 +222,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapFindOrInsert(const Key& key, std
     return ready;
   }
   Cell& homeCell = CellAt(home);
-  Map* const published = homeCell.LoadMap();
-  if (published == nullptr) {
-    return Outcome::AGAIN;  // I7
-  }
-  Map& map = *published;
+  Map& map = *FindMap(home);
   Value* record = nullptr;
   {
     std::shared_lock lock(map.mutex);

@@ -20,7 +20,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::u
   Cell& homeCell = CellAt(home);
   const Key homeKey = homeCell.LoadKey();
   if (homeKey == key) {
-    return homeCell.value.Get();
+    return BlockOf(homeCell.value);
   }
   if (homeKey == HCore::EMPTY_KEY) {
     return nullptr;  // an insert fills the home cell first: the bucket has no keys at all
@@ -30,7 +30,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::u
     position += distance;
     Cell& cell = CellAt(position);
     if (cell.LoadKey() == key) {
-      return cell.value.Get();
+      return BlockOf(cell.value);
     }
     distance = cell.nextLink.Distance();
   }
@@ -42,15 +42,12 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::u
 
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home, Miss miss) const -> Pointee* {
-  Map* const map = CellAt(home).LoadMap();
-  if (map == nullptr) {
-    return nullptr;  // I7: the flags were read before
-  }
+  Map* const map = FindMap(home);
   {
     std::shared_lock lock(map->mutex);
     const auto entry = map->entries.find(key);
     if (entry != map->entries.end()) {
-      return entry->second.Get();
+      return BlockOf(entry->second);
     }
   }
   if (miss == Miss::TOLD) {

@@ -1,7 +1,7 @@
 // The chain of a table's generations, and the moving of entries along it.
 //
 // THE IDEA: COPY, NEVER EMPTY. A key's block has one address for the life of its table and keys are never removed, so a
-// move copies pointers and leaves the old ones where they are. A reader may meet an old generation at any time, and
+// move copies records and leaves the old ones where they are. A reader may meet an old generation at any time, and
 // whatever block it finds there is the right one. A move can be given up half way and repeated.
 //
 // THE CHAIN. m_curHashCore is where searches start; each generation leads to the next, twice as large. Generations

@@ -28,8 +28,9 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   using Entry = typename Core::Entry;
   using Pointee = typename Value::Pointee;
 
-  // The first generation has at least `size` cells. Throws std::bad_alloc after its line.
-  explicit Hashtable(const unsigned long long& size);
+  // The first generation has at least `size` cells. `blocks` are those that callbacks attach; it outlives the table.
+  // Throws std::bad_alloc after its line.
+  Hashtable(const unsigned long long& size, const BlockDirectory& blocks);
   Hashtable(const Hashtable&) = delete;
   Hashtable& operator=(const Hashtable&) = delete;
   ~Hashtable();
@@ -73,9 +74,10 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
 };
 
 template <class Key, class Value, class KTraits, class VTraits>
-Hashtable<Key, Value, KTraits, VTraits>::Hashtable(const unsigned long long& size) : m_initSize(size < 8 ? 8 : size) {
+Hashtable<Key, Value, KTraits, VTraits>::Hashtable(const unsigned long long& size, const BlockDirectory& blocks)
+    : m_initSize(size < 8 ? 8 : size) {
   try {
-    m_firstHashCore = HeapNew<Core>(m_initSize);
+    m_firstHashCore = HeapNew<Core>(m_initSize, blocks);
   } catch (const std::exception& e) {
     KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
     throw std::bad_alloc();

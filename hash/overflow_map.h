@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <utility>
@@ -33,11 +34,13 @@ template <class Key, class Value>
 struct OverflowMap {
   using Allocator = MapAllocator<std::pair<const Key, Value>>;
 
-  explicit OverflowMap(Atomic<unsigned long long>& bytes) : entries(Allocator(bytes)) {}
+  OverflowMap(std::uint64_t bucket, Atomic<unsigned long long>& bytes) : home(bucket), entries(Allocator(bytes)) {}
+
+  const std::uint64_t home;
 
   SharedMutex mutex;
   std::map<Key, Value, std::less<Key>, Allocator> entries;
-  OverflowMap* nextOwned = nullptr;  // the generation's list of its maps; written before the map is published
+  OverflowMap* next = nullptr;  // in its list; written before the map is published
 };
 
 }  // namespace Qen

@@ -23,7 +23,7 @@ class TableIterator {
   Key EntryKey() const noexcept { return m_it.EntryKey(); }
   auto* EntryBlock() const noexcept { return m_it.EntryBlock(); }
 
-  // At the end it changes nothing.
+  // At the end it changes nothing, unless an insert has appended a generation meanwhile.
   template <class Hint = NoHint>
   void Next(const Hint& hint = Hint()) noexcept {
     m_it.Next(hint);

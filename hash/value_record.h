@@ -1,4 +1,4 @@
-// The value record of one key: where a cell or a map entry points to the key's block.
+// The value record of one key: where a cell or a map entry names the key's block, by its number.
 //
 // States, once the key is set:
 //
@@ -6,8 +6,8 @@
 //                    waits for nobody meanwhile. Left by the owner only: to ATTACHED, or to VACANT.
 //   VACANT           nobody works on it: the claim was withdrawn, or its block could not be had. Left by the
 //                    compare-exchange of an inserter that takes it over, to FILLING.
-//   ATTACHED         points to a block. Final: a key has one block for the life of its table. Copies of the pointer in
-//                    newer generations are the same pointer, which is why a move never has to empty a record and a
+//   ATTACHED         names a block. Final: a key has one block for the life of its table. Copies of the record in
+//                    newer generations name the same block, which is why a move never has to empty a record and a
 //                    reader may trust whatever it finds in an old generation.
 //
 // The record owns nothing; blocks belong to the table's pool.
@@ -16,6 +16,7 @@
 #include <cstdint>
 
 #include "platform/atomic.h"
+#include "platform/block_directory.h"
 
 namespace Qen {
 
@@ -27,23 +28,24 @@ class ValueRecord {
   using Pointee = PointeeType;
 
   // What everybody outside the core sees: the block, or null while there is none.
-  // Acquire: pairs with Attach; whoever sees the pointer sees what was written to the block before.
-  Pointee* Get() const noexcept {
-    const std::uintptr_t word = m_word.load(std::memory_order_acquire);
-    return word > VACANT_WORD ? reinterpret_cast<Pointee*>(word) : nullptr;
+  // Acquire: pairs with Attach; whoever sees the number sees what was written to the block before.
+  Pointee* Get(const BlockDirectory& blocks) const noexcept {
+    const std::uint32_t word = m_word.load(std::memory_order_acquire);
+    return word > VACANT_WORD ? reinterpret_cast<Pointee*>(blocks.At(word - FIRST_BLOCK_WORD)) : nullptr;
   }
 
   RecordState State() const noexcept {
-    const std::uintptr_t word = m_word.load(std::memory_order_acquire);  // as in Get: the caller may go on to Get
+    const std::uint32_t word = m_word.load(std::memory_order_acquire);  // as in Get: the caller may go on to Get
     return word == FILLING_WORD  ? RecordState::FILLING
            : word == VACANT_WORD ? RecordState::VACANT
                                  : RecordState::ATTACHED;
   }
 
   // Owner of FILLING only. Release: pairs with Get.
-  void Attach(Pointee* block) noexcept {
-    m_word.store(reinterpret_cast<std::uintptr_t>(block), std::memory_order_release);
-  }
+  void Attach(BlockNumber number) noexcept { m_word.store(number + FIRST_BLOCK_WORD, std::memory_order_release); }
+
+  // Of an attached record, as the caller has seen. Relaxed: see State.
+  BlockNumber Number() const noexcept { return m_word.load(std::memory_order_relaxed) - FIRST_BLOCK_WORD; }
 
   // Owner of FILLING only. Relaxed: VACANT carries no data, and whoever takes the record over validates its claim
   // against the bucket's flags like a new one.
@@ -59,15 +61,16 @@ class ValueRecord {
   // Makes the caller the owner of FILLING if the record is VACANT. Relaxed: ownership is published by the validation
   // that must follow.
   bool TakeOver() noexcept {
-    std::uintptr_t expected = VACANT_WORD;
+    std::uint32_t expected = VACANT_WORD;
     return m_word.compare_exchange_strong(expected, FILLING_WORD, std::memory_order_relaxed, std::memory_order_relaxed);
   }
 
  private:
-  static constexpr std::uintptr_t FILLING_WORD = 0;
-  static constexpr std::uintptr_t VACANT_WORD = 1;  // never the address of a block: those are aligned to 4
+  static constexpr std::uint32_t FILLING_WORD = 0;
+  static constexpr std::uint32_t VACANT_WORD = 1;
+  static constexpr std::uint32_t FIRST_BLOCK_WORD = 2;
 
-  Atomic<std::uintptr_t> m_word{FILLING_WORD};
+  Atomic<std::uint32_t> m_word{FILLING_WORD};
 };
 
 struct FilterRecord;

@@ -93,14 +93,15 @@ extern "C" {
  *   tableId    the caller's name for the table.
  *   size       entries that the table is expected to hold; it grows beyond by itself. 0 means 2,097,152; 1 to 7 mean
  *              8. Cells for about twice as many entries and value memory for `size` entries are reserved at once, but
- *              cost no memory until they are used: a table for 10,000,000 entries is made in milliseconds.
+ *              cost no memory until they are used: a table for 10,000,000 entries is made in milliseconds. No table
+ *              holds more than 4,294,967,294 entries; an insert beyond that answers KAVO_NO_MEMORY.
  *   valueLen   value bytes of each entry, 1 to 4,294,967,291.
  *   tableType  KAVO_TABLE_TYPE_BASIC or KAVO_TABLE_TYPE_FILTER.
  *
  * Returns KAVO_SUCCESS;
  *   KAVO_EXISTS     the id is in use, or was taken by another thread meanwhile; that table is untouched;
  *   KAVO_NO_MEMORY  the system refused the memory, or a single part of the table (its cells, or its value memory)
- *                   exceeds the machine's physical memory;
+ *                   exceeds the machine's physical memory, or `size` what a table holds;
  *   KAVO_INVALID    `valueLen` or `tableType` is out of range;
  *   KAVO_FAILED     a lock reported an error.
  * On failure nothing of the new table remains.

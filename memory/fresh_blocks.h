@@ -6,7 +6,8 @@
 //   system gives no memory, and whatever a lock throws; nothing is lost by that, and the next call tries again.
 //
 // LAYOUT
-//   chunk    one range from the system, from 64 KiB (or one block, where that is more) doubling to 32 MiB
+//   chunk    one range from the system: the first of some 64 KiB (or one block, where that is more), each
+//            further one twice as large, or as the system gives; what is not touched costs address space only
 //   run      consecutive blocks of a chunk, with the count of those handed out
 //   arena    a current run; each thread always takes from the same arena, many threads may share one
 //
@@ -37,6 +38,7 @@
 #include "memory/block_layout.h"
 #include "platform/allocation.h"
 #include "platform/atomic.h"
+#include "platform/block_directory.h"
 #include "platform/mutex.h"
 
 namespace Qen {
@@ -48,7 +50,7 @@ class FreshBlocks {
   FreshBlocks(const FreshBlocks&) = delete;
   FreshBlocks& operator=(const FreshBlocks&) = delete;
 
-  unsigned char* Take();
+  NumberedBlock Take();
 
   // Blocks handed out so far, those given back again included, and the bytes that are taken from the system for them
   // and for blocks to come. Takes the lock once. Throws what it throws.
@@ -59,7 +61,11 @@ class FreshBlocks {
   Usage GetUsage();
 
   // Takes back a block that nobody else has seen; the next Take may hand it out again, zero-filled.
-  void GiveBack(unsigned char* block) noexcept;
+  void GiveBack(const NumberedBlock& block) noexcept;
+
+  // Addresses by number. A stock of the owner's is set there before the first block is taken.
+  BlockDirectory& Directory() noexcept { return m_directory; }
+  const BlockDirectory& Directory() const noexcept { return m_directory; }
 
  private:
   struct Run;
@@ -70,13 +76,15 @@ class FreshBlocks {
 
   static constexpr unsigned ARENA_COUNT = 32;
 
-  unsigned char* TakeSpare();
-  unsigned char* ReplaceRun(Arena& arena, const Run* usedUp);
+  bool TakeSpare(NumberedBlock& block);
+  bool ReplaceRun(Arena& arena, const Run* usedUp, NumberedBlock& block);
   void MapChunk();
 
   // Fixed after construction.
   const BlockLayout m_layout;
   const unsigned long long m_maxRunCount;
+
+  BlockDirectory m_directory;  // its ranges are the chunks; set under m_mutex
 
   Arena m_arenas[ARENA_COUNT];
 
@@ -85,13 +93,13 @@ class FreshBlocks {
 
   // Guarded by m_mutex.
   Mutex m_mutex;
-  unsigned char* m_spare = nullptr;  // blocks given back; each begins with the address of the next
-  Run* m_runs = nullptr;             // every run, newest first
+  // Blocks given back: the first one's number + 1, or 0; each begins with the same of the next.
+  BlockNumber m_spare = 0;
+  Run* m_runs = nullptr;  // every run, newest first
   std::vector<ZeroedRange, HeapAllocator<ZeroedRange>> m_chunks;
-  unsigned char* m_chunkNext = nullptr;  // the first block not yet in a run
-  unsigned long long m_chunkLeft = 0;    // blocks from there to the end of the chunk
-  std::size_t m_nextChunkBytes;
-  unsigned long long m_inRuns = 0;  // blocks of all runs
+  NumberedBlock m_chunkNext;           // the first block not yet in a run
+  unsigned long long m_chunkLeft = 0;  // blocks from there to the end of the chunk
+  unsigned long long m_inRuns = 0;     // blocks of all runs
   unsigned long long m_chunkBytes = 0;
 };
 

@@ -42,6 +42,9 @@ int MemoryPool::InitMemPool(unsigned long long count) noexcept {
     return KAVO_INVALID;
   }
   try {
+    if (count > BlockDirectory::MAX_BLOCKS) {
+      throw std::bad_alloc();
+    }
     ZeroedRange blocks(m_layout.RangeBytes(count));
     ZeroedRange flags(count, 1);
     m_mem = std::move(blocks);
@@ -51,24 +54,25 @@ int MemoryPool::InitMemPool(unsigned long long count) noexcept {
     return KAVO_NO_MEMORY;
   }
   m_count = count;
+  m_fresh.Directory().SetStock(m_layout.At(m_mem.Data(), 0), count);
   return KAVO_SUCCESS;
 }
 
-int MemoryPool::GetMem(unsigned char*& out, MemKind& kind) noexcept {
+int MemoryPool::GetMem(NumberedBlock& out, MemKind& kind) noexcept {
   ThreadIndex* const record = FindThreadIndex(m_id);
   if (record != nullptr && record->serial != m_serial.Value()) {
     Register(*record);
   }
   const bool prepared = m_prepared.load();
-  if (record != nullptr && kind == (prepared ? MemKind::PREPARED : MemKind::ORDINARY)) {
-    if (unsigned char* const block = TakeFromStock(*record, prepared ? RELEASED : IN_STOCK); block != nullptr) {
-      out = HandOut(block);
-      return KAVO_SUCCESS;
-    }
+  if (record != nullptr && kind == (prepared ? MemKind::PREPARED : MemKind::ORDINARY) &&
+      TakeFromStock(*record, prepared ? RELEASED : IN_STOCK, out)) {
+    HandOut(out.address);
+    return KAVO_SUCCESS;
   }
   kind = MemKind::ORDINARY;
   try {
-    out = HandOut(m_fresh.Take());
+    out = m_fresh.Take();
+    HandOut(out.address);
   } catch (const std::exception& e) {
     KAVO_LOG_EVENT(POOL_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
     return KAVO_NO_MEMORY;
@@ -103,7 +107,8 @@ int MemoryPool::GetMemForValues(unsigned long long index, unsigned char*& ptr) n
     KAVO_LOG_ERROR(POOL_LOG_UNIT, "GetMemForValues failed, index(%llu) is taken", index);
     return KAVO_INVALID;
   }
-  ptr = HandOut(m_layout.At(m_mem.Data(), index));
+  ptr = m_layout.At(m_mem.Data(), index);
+  HandOut(ptr);
   return KAVO_SUCCESS;
 }
 
@@ -117,10 +122,10 @@ void MemoryPool::Register(ThreadIndex& record) noexcept {
   record.cursor = m_allTaken.load(std::memory_order_relaxed) ? record.start + m_count : record.start;
 }
 
-unsigned char* MemoryPool::TakeFromStock(ThreadIndex& record, unsigned char available) noexcept {
+bool MemoryPool::TakeFromStock(ThreadIndex& record, unsigned char available, NumberedBlock& block) noexcept {
   const unsigned long long end = record.start + m_count;
   if (record.cursor >= end) {
-    return nullptr;
+    return false;
   }
   do {
     const unsigned long long position = record.cursor++;
@@ -132,13 +137,14 @@ unsigned char* MemoryPool::TakeFromStock(ThreadIndex& record, unsigned char avai
     KAVO_TEST_POINT("MemoryPool::TakeFromStock slot seen available");
     unsigned char expected = available;
     if (flag.compare_exchange_strong(expected, TAKEN)) {
-      return m_layout.At(m_mem.Data(), slot);
+      block = {m_layout.At(m_mem.Data(), slot), static_cast<BlockNumber>(slot)};
+      return true;
     }
   } while (record.cursor < end);
   if (available == IN_STOCK) {
     m_allTaken.store(true, std::memory_order_relaxed);  // relaxed: see Register
   }
-  return nullptr;
+  return false;
 }
 
 MemoryPool::Usage MemoryPool::GetUsage() {
@@ -177,9 +183,8 @@ AtomicRef<unsigned char> MemoryPool::Flag(unsigned long long slot) const noexcep
   return AtomicRef<unsigned char>(static_cast<unsigned char*>(m_memFlags.Data())[slot]);
 }
 
-unsigned char* MemoryPool::HandOut(unsigned char* block) const noexcept {
+void MemoryPool::HandOut(unsigned char* block) const noexcept {
   PoisonBehindValue(block, m_blockSize, m_layout);
-  return block;
 }
 
 }  // namespace Qen

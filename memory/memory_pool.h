@@ -13,8 +13,8 @@
 //   GetMem and GetMemForValues: with each other and themselves, from any threads; neither throws. GetMem takes no lock
 //   but to start a run of fresh blocks (see FreshBlocks), and allocates only for that and for a thread's first call on
 //   an id outside 0 to 1023.
-//   InitMemPool: before any other thread knows the pool. PrepareMemForValues: while no other call is in progress; if
-//   the host breaks this, a call beside it may draw on either stock, and nothing worse.
+//   InitMemPool: before the first block is taken or any other thread knows the pool. PrepareMemForValues: while no
+//   other call is in progress; if the host breaks this, a call beside it may draw on either stock, and nothing worse.
 //   Construction may throw what a lock throws. Destruction: after every other call, and when nobody uses a block.
 //
 // ORDER OF BLOCKS
@@ -77,7 +77,7 @@ class MemoryPool {
 
   // Puts a block into `out` and says in `kind` which kind it is: PREPARED was asked for and is answered only by a block
   // of a prepared stock. KAVO_SUCCESS, or KAVO_NO_MEMORY; then `out` is unchanged and `kind` is ORDINARY.
-  int GetMem(unsigned char*& out, MemKind& kind) noexcept;
+  int GetMem(NumberedBlock& out, MemKind& kind) noexcept;
 
   // Converts the stock, once and for ever, and gives its size. KAVO_SUCCESS; KAVO_NO_MEMORY when there is no stock;
   // KAVO_INVALID when it was converted before (`count` is given all the same).
@@ -91,6 +91,9 @@ class MemoryPool {
 
   unsigned BlockSize() const noexcept { return m_blockSize; }
 
+  // Addresses of blocks by number.
+  const BlockDirectory& Directory() const noexcept { return m_fresh.Directory(); }
+
   // The bytes of all blocks that GetMem has handed out, and of the memory that is there for further ones. The stock's
   // part is an estimate, which costs GetMem nothing: see StockTaken. Beside any other call. Throws what a lock throws.
   struct Usage {
@@ -103,10 +106,10 @@ class MemoryPool {
   enum SlotState : unsigned char { IN_STOCK = 0, RELEASED = 1, TAKEN = 2 };
 
   void Register(ThreadIndex& record) noexcept;
-  unsigned char* TakeFromStock(ThreadIndex& record, unsigned char available) noexcept;
+  bool TakeFromStock(ThreadIndex& record, unsigned char available, NumberedBlock& block) noexcept;
   AtomicRef<unsigned char> Flag(unsigned long long slot) const noexcept;
   unsigned long long StockTaken() const noexcept;
-  unsigned char* HandOut(unsigned char* block) const noexcept;
+  void HandOut(unsigned char* block) const noexcept;
 
   // Fixed after construction.
   const int m_id;

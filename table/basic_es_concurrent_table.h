@@ -1,5 +1,5 @@
 // BasicEsConcurrentTable: the plain kind. Every key that is inserted gets its value block at once, and its value
-// record is that block's address.
+// record names that block.
 //
 // The class is final, so that the exported functions reach its operations without a virtual call.
 #pragma once
@@ -61,14 +61,16 @@ int BasicEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind(
   // Runs once, on the record of a key that this call created. The block becomes visible to others with Attach, as it
   // is by then.
   const auto onInsert = [this, &info](Value& value) {
-    const int ret = this->GetMemAndRawPtr(info.memKind, info.rawPtr);
+    NumberedBlock block;
+    const int ret = this->GetMemAndRawPtr(info.memKind, block);
     if (ret != KAVO_SUCCESS) {
       return ret;
     }
+    info.rawPtr = block.address;
     if (info.newValue != nullptr) {
       info.newValue->WriteTo(info.rawPtr, this->ValueLen());
     }
-    value.Attach(info.rawPtr);
+    value.Attach(block.number);
     return static_cast<int>(KAVO_SUCCESS);
   };
   // The hash table waits for another thread's insert by itself.

@@ -47,8 +47,10 @@ class EsConcurrentTable {
   };
 
   // `size` is the number of entries expected, 0 for the default. `valueLen` must leave room for the header in 32 bits.
+  // `records` are what the entries' records point to, where that is not the pool's blocks.
   // Throws std::bad_alloc, logged, with nothing left allocated.
-  EsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen);
+  EsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen,
+                    const BlockDirectory* records = nullptr);
   virtual ~EsConcurrentTable() = default;
   EsConcurrentTable(const EsConcurrentTable&) = delete;
   EsConcurrentTable& operator=(const EsConcurrentTable&) = delete;
@@ -103,8 +105,8 @@ class EsConcurrentTable {
  protected:
   Table& HashTableOwner() const noexcept { return *m_table; }
 
-  // A new entry's block. 0, or KAVO_NO_MEMORY with `rawPtr` unchanged.
-  int GetMemAndRawPtr(MemKind& kind, unsigned char*& rawPtr) const;
+  // A new entry's block. 0, or KAVO_NO_MEMORY.
+  int GetMemAndRawPtr(MemKind& kind, NumberedBlock& block) const;
 
   // One batch of an export, of at least one element; `iter` null begins one, and is null again after its end. Here and
   // below `self` is the table itself, under its own type, and `hint` is called with the cells that the walk comes to.
@@ -116,20 +118,20 @@ class EsConcurrentTable {
   static unsigned long long CountEntries(const Self& self, bool admittedOnly, const Hint& hint) noexcept;
 
  private:
-  // The first two are fixed after construction. Destroyed from the last to the first: the blocks go before the records
-  // that point to them, and no record is followed by then.
-  HeapPtr<Table> m_table;
+  // The first two are fixed after construction.
   HeapPtr<MemoryPool> m_pool;
+  HeapPtr<Table> m_table;
   mutable ExportCursors<Cursor> m_batchIters;
 };
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
 EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::EsConcurrentTable(const TableId& tableId,
                                                                             const unsigned long long& size,
-                                                                            const unsigned& valueLen) {
+                                                                            const unsigned& valueLen,
+                                                                            const BlockDirectory* records) {
   try {
-    m_table = MakeHeapPtr<Table>(size);
     m_pool = MakeHeapPtr<MemoryPool>(tableId, valueLen + VALUE_HEADER_BYTES);
+    m_table = MakeHeapPtr<Table>(size, records == nullptr ? m_pool->Directory() : *records);
   } catch (const std::exception& error) {
     KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", error.what());
     throw std::bad_alloc();
@@ -144,14 +146,12 @@ EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::EsConcurrentTable(cons
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
 int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetMemAndRawPtr(MemKind& kind,
-                                                                              unsigned char*& rawPtr) const {
-  unsigned char* block = nullptr;
+                                                                              NumberedBlock& block) const {
   const int ret = m_pool->GetMem(block, kind);
   if (ret != KAVO_SUCCESS) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "pool GetMem failed, ret = [%d]", ret);
     return KAVO_NO_MEMORY;
   }
-  rawPtr = block;
   return KAVO_SUCCESS;
 }
 

@@ -18,7 +18,7 @@ struct BlockHint {
   template <class Core>
   void operator()(const Core& core, std::uint64_t index) const noexcept {
     if (blocks) {
-      PrefetchForRead(core.CellAt(index + BLOCK_CELLS_AHEAD).value.Get());
+      PrefetchForRead(core.BlockOf(core.CellAt(index + BLOCK_CELLS_AHEAD).value));
     }
   }
   bool blocks;  // whether the walk reads them
@@ -28,9 +28,9 @@ struct BlockHint {
 struct RecordHint {
   template <class Core>
   void operator()(const Core& core, std::uint64_t index) const noexcept {
-    PrefetchForRead(core.CellAt(index + RECORD_CELLS_AHEAD).value.Get());
+    PrefetchForRead(core.BlockOf(core.CellAt(index + RECORD_CELLS_AHEAD).value));
     if (blocks) {
-      const FilterRecord* record = core.CellAt(index + BLOCK_CELLS_AHEAD).value.Get();
+      const FilterRecord* record = core.BlockOf(core.CellAt(index + BLOCK_CELLS_AHEAD).value);
       if (record != nullptr) {
         PrefetchForRead(record->value.load(std::memory_order_relaxed));  // relaxed: the address only, for a hint
       }

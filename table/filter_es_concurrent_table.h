@@ -39,8 +39,14 @@
 
 namespace Qen {
 
+// A base, so that the records are there when the table is made, and still when it is destroyed.
+struct FilterRecords {
+  mutable FreshBlocks m_records{BlockLayout{sizeof(FilterRecord), 0}};
+};
+
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
-class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Value, KTraits, VTraits> {
+class FilterEsConcurrentTable final : private FilterRecords,
+                                      public EsConcurrentTable<TableId, Key, Value, KTraits, VTraits> {
   using Base = EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>;
 
  public:
@@ -57,7 +63,7 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
   };
 
   FilterEsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen)
-      : Base(tableId, size, valueLen), m_records(BlockLayout{sizeof(FilterRecord), 0}) {}
+      : Base(tableId, size, valueLen, &m_records.Directory()) {}
 
   // Null while the key is not admitted.
   unsigned char* GetValue(FilterRecord* record) const override { return VTraits::Block(*record); }
@@ -141,7 +147,6 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
 
   mutable Atomic<std::uint32_t> m_filterFreq{100};
   mutable Atomic<std::uint32_t> m_filterThreshold{99};
-  mutable FreshBlocks m_records;
 };
 
 // A step that makes a filter record logs a failed allocation under its own name.
@@ -155,27 +160,27 @@ class FilterEsConcurrentTable final : public EsConcurrentTable<TableId, Key, Val
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
 int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::MakeRecord(Value& value, FilterOperationInfo& info,
                                                                                bool admit) const {
-  unsigned char* const memory = m_records.Take();
-  FilterRecord* const record = new (memory) FilterRecord;
+  const NumberedBlock place = m_records.Take();
+  FilterRecord* const record = new (place.address) FilterRecord;
   if (admit) {
-    unsigned char* block = nullptr;
+    NumberedBlock block;
     const int ret = this->GetMemAndRawPtr(info.memKind, block);
     if (ret != KAVO_SUCCESS) {
-      m_records.GiveBack(memory);
+      m_records.GiveBack(place);
       return ret;
     }
-    info.rawPtr = block;
+    info.rawPtr = block.address;
     if (info.newValue != nullptr) {
-      info.newValue->WriteTo(block, this->ValueLen());
+      info.newValue->WriteTo(block.address, this->ValueLen());
     }
     // Relaxed: Attach publishes the record with all that it holds.
-    record->value.store(block, std::memory_order_relaxed);
+    record->value.store(block.address, std::memory_order_relaxed);
     record->admitted.store(1, std::memory_order_relaxed);
   } else {
     info.rawPtr = nullptr;
   }
   record->count.store(info.filterCount, std::memory_order_relaxed);
-  value.Attach(record);
+  value.Attach(place.number);
   return KAVO_SUCCESS;
 }
 
@@ -281,12 +286,14 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::FindOrAdmit(
       KAVO_TEST_POINT("FilterTable.MayAdmit");
       if (record.admitted.compare_exchange_strong(admitted, 1, std::memory_order_relaxed)) {
         KAVO_TEST_POINT("FilterTable.Admitting");
-        const int ret = this->GetMemAndRawPtr(info.memKind, info.rawPtr);
+        NumberedBlock block;
+        const int ret = this->GetMemAndRawPtr(info.memKind, block);
         if (ret != KAVO_SUCCESS) {
           record.admitted.store(0, std::memory_order_relaxed);
           return ret;
         }
-        record.value.store(info.rawPtr, std::memory_order_release);
+        info.rawPtr = block.address;
+        record.value.store(block.address, std::memory_order_release);
         return KAVO_SUCCESS;
       }
     }

@@ -61,8 +61,7 @@ std::string ExploredTable::Leftovers() const {
 }
 
 std::string ExploredTable::NameOf(const void* where) const {
-  static constexpr std::string_view FIELDS[] = {"flags", "move claim", "first link", "next link", "",   "",
-                                                "",      "",           "key",        "record",    "map"};
+  static constexpr std::string_view FIELDS[] = {"flags", "move claim", "first link", "next link", "record", "key"};
   const auto address = reinterpret_cast<std::uintptr_t>(where);
   const auto offsetIn = [address](const void* base, std::size_t bytes) {
     const auto begin = reinterpret_cast<std::uintptr_t>(base);
@@ -74,10 +73,10 @@ std::string ExploredTable::NameOf(const void* where) const {
     for (unsigned long long i = 0; i < core->TableSize(); ++i) {
       const Core::Cell& cell = core->CellAt(i);
       if (const long offset = offsetIn(&cell, sizeof(cell)); offset >= 0) {
-        const long field = offset < 8 ? offset : 7 + offset / 8;
+        const long field = offset < 4 ? offset : 3 + offset / 4 - offset / 8;
         return generation + " cell " + std::to_string(i) + ' ' + std::string(FIELDS[field]);
       }
-      if (Core::Map* const map = cell.LoadMap()) {
+      if (Core::Map* const map = core->FindMap(i)) {
         if (offsetIn(map, sizeof(*map)) >= 0) {
           return generation + " cell " + std::to_string(i) + " map";
         }

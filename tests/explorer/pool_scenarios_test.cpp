@@ -18,10 +18,10 @@ class PoolRun final : public ScenarioRun {
 
   void Take(unsigned thread, unsigned count, Qen::MemKind kind = Qen::MemKind::ORDINARY) {
     for (; count > 0; --count) {
-      unsigned char* block = nullptr;
+      Qen::NumberedBlock block;
       Qen::MemKind given = kind;
       if (m_pool.GetMem(block, given) == KAVO_SUCCESS) {
-        m_taken[thread].push_back({block, given});
+        m_taken[thread].push_back({block.address, given});
       }
     }
   }

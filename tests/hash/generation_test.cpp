@@ -22,8 +22,9 @@ class Generation : public ::testing::Test {
     m_core = nullptr;
     const int ret = core.InsertOrFindProcess(key, m_entry, m_core);
     if (m_entry.record != nullptr) {
-      m_entry.block = m_blocks + 8 * ++m_used;
-      m_entry.record->Attach(m_entry.block);
+      const Qen::NumberedBlock block = m_blocks.NewBlock();
+      m_entry.block = block.address;
+      m_entry.record->Attach(block.number);
     }
     return ret;
   }
@@ -35,14 +36,13 @@ class Generation : public ::testing::Test {
     }
   }
 
-  alignas(8) unsigned char m_blocks[8 * 4096] = {};
-  int m_used = 0;
+  TestBlocks m_blocks;
   Core::Entry m_entry;
   Core* m_core = nullptr;
 };
 
 TEST_F(Generation, FirstOfferInsertsAndSecondFindsTheSameBlock) {
-  Core core(8);
+  Core core(8, m_blocks.Directory());
   EXPECT_EQ(Insert(core, 5), ENTRY_INSERTED);
   const unsigned char* block = m_entry.block;
   EXPECT_EQ(m_core, &core);
@@ -54,7 +54,7 @@ TEST_F(Generation, FirstOfferInsertsAndSecondFindsTheSameBlock) {
 }
 
 TEST_F(Generation, ChainsAreLinkedInProbeOrderAcrossTheEndOfTheArray) {
-  Core core(8);
+  Core core(8, m_blocks.Directory());
   for (const long key : {6L, 14L, 22L, 7L}) {
     EXPECT_EQ(Insert(core, key), ENTRY_INSERTED);
   }
@@ -69,7 +69,7 @@ TEST_F(Generation, ChainsAreLinkedInProbeOrderAcrossTheEndOfTheArray) {
 }
 
 TEST_F(Generation, KeysThatDifferAboveTheBucketBitsAreToldApart) {
-  Core core(8);
+  Core core(8, m_blocks.Directory());
   const long keys[] = {3, 3 + (1L << 32), 3 + (1L << 62)};
   for (const long key : keys) {
     EXPECT_EQ(Insert(core, key), ENTRY_INSERTED);
@@ -79,7 +79,7 @@ TEST_F(Generation, KeysThatDifferAboveTheBucketBitsAreToldApart) {
 }
 
 TEST_F(Generation, AProbeEndsAtTheHomeCellAndThenTheKeyGoesToAMap) {
-  Core core(8);
+  Core core(8, m_blocks.Directory());
   for (long key = 3; key < 8 * 8; key += 8) {
     EXPECT_EQ(Insert(core, key), ENTRY_INSERTED);
   }
@@ -94,7 +94,7 @@ TEST_F(Generation, AProbeEndsAtTheHomeCellAndThenTheKeyGoesToAMap) {
 }
 
 TEST_F(Generation, OverTheThresholdOnlyWhatNeedsNoProbeIsStored) {
-  Core core(1024);
+  Core core(1024, m_blocks.Directory());
   FillBehindBucketZero(core);
   EXPECT_EQ(Insert(core, 1024), MUST_GROW);  // creates bucket 0's map
   EXPECT_NE(m_entry.record, nullptr);
@@ -110,16 +110,16 @@ TEST_F(Generation, OverTheThresholdOnlyWhatNeedsNoProbeIsStored) {
 }
 
 TEST_F(Generation, ABucketWithAMapTakesNewKeysIntoTheMapEvenWhereCellsAreFree) {
-  Core core(4096);  // three maps are within its threshold
+  Core core(4096, m_blocks.Directory());  // three maps are within its threshold
   FillBehindBucketZero(core);
   EXPECT_EQ(Insert(core, 4096), ENTRY_INSERTED);
   EXPECT_EQ(Insert(core, 2 * 4096), ENTRY_INSERTED);
-  EXPECT_EQ(core.CellAt(0).LoadMap()->entries.size(), 2U);
+  EXPECT_EQ(core.FindMap(0)->entries.size(), 2U);
   EXPECT_EQ(core.CellAt(129).LoadKey(), Qen::HCore::EMPTY_KEY);
 }
 
 TEST_F(Generation, AMissInAMapIsReportedOnceAndAMissWithoutOneIsNot) {
-  Core core(4096);
+  Core core(4096, m_blocks.Directory());
   FillBehindBucketZero(core);
   Insert(core, 4096);
   LogCapture log(Qen::SetLogSink);
@@ -133,7 +133,7 @@ TEST_F(Generation, AMissInAMapIsReportedOnceAndAMissWithoutOneIsNot) {
 }
 
 TEST_F(Generation, AMovedBucketSendsTheKeyToTheNextGeneration) {
-  Core core(8);
+  Core core(8, m_blocks.Directory());
   core.CellAt(2).flags.TryBeginMove();
   core.CellAt(2).flags.FinishMove();
   {
@@ -141,7 +141,7 @@ TEST_F(Generation, AMovedBucketSendsTheKeyToTheNextGeneration) {
     EXPECT_EQ(Insert(core, 10), KAVO_FAILED);
     EXPECT_EQ(log.Count("Current key has been rehashed but m_nextHashCore is nullptr!"), 1U);
   }
-  Core next(16);
+  Core next(16, m_blocks.Directory());
   core.PublishNext(&next);
   EXPECT_EQ(Insert(core, 10), ENTRY_INSERTED);
   EXPECT_EQ(m_core, &next);
@@ -149,7 +149,7 @@ TEST_F(Generation, AMovedBucketSendsTheKeyToTheNextGeneration) {
 }
 
 TEST_F(Generation, ABucketBeingMovedAnswersPresentKeysAtOnceAndLetsNewOnesWait) {
-  Core core(8);
+  Core core(8, m_blocks.Directory());
   Insert(core, 2);
   core.CellAt(2).flags.TryBeginMove();
   EXPECT_EQ(Insert(core, 2), ENTRY_FOUND);
@@ -163,7 +163,7 @@ TEST_F(Generation, ABucketBeingMovedAnswersPresentKeysAtOnceAndLetsNewOnesWait) 
 }
 
 TEST_F(Generation, AMapThatNeverBecomesReadyFailsTheInsertButNotTheLookup) {
-  Core core(4096);
+  Core core(4096, m_blocks.Directory());
   FillBehindBucketZero(core);
   std::uint8_t observed = 0;
   ASSERT_TRUE(core.CellAt(0).flags.TryBeginMap(observed));

@@ -143,7 +143,7 @@ TEST(GradualGrowth, TheOldestIsFinishedPastTheMiddleGeneration) {
 // Cells of some size are pages, which go back piece by piece.
 TEST(GradualGrowth, TheMemoryOfLeftGenerationsGoesBackToTheSystem) {
   for (const unsigned char mode : {Qen::REHASH_GRADUAL, Qen::REHASH_WHOLE_TABLE}) {
-    TestTable table(1ULL << 19);  // 16 MiB
+    TestTable table(1ULL << 19);  // 8 MiB
     table.SetRehashType(mode);
     std::mt19937_64 random(TestSeed());
     const Core* const first = table.FirstGeneration();
@@ -154,10 +154,10 @@ TEST(GradualGrowth, TheMemoryOfLeftGenerationsGoesBackToTheSystem) {
       table.Offer(static_cast<long>(random() >> 1));
     }
     EXPECT_EQ(first->CellBytes(), 0U);
-    for (unsigned long long i = 0; i < first->TableSize(); i += 4096 / 32) {
+    for (unsigned long long i = 0; i < first->TableSize(); i += 4096 / 16) {
       ASSERT_EQ(first->CellAt(i).LoadKey(), Qen::HCore::EMPTY_KEY);
     }
-    EXPECT_EQ(table.CurrentGeneration()->CellBytes(), 32ULL << 20);
+    EXPECT_EQ(table.CurrentGeneration()->CellBytes(), 16ULL << 20);
   }
 }
 

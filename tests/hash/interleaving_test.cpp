@@ -56,7 +56,7 @@ class Interleaving : public ::testing::Test {
     for (unsigned long long i = 0; i < newest.TableSize(); ++i) {
       const Core::Cell& cell = newest.CellAt(i);
       places += cell.LoadKey() == key;
-      places += cell.LoadMap() != nullptr && cell.LoadMap()->entries.count(key) != 0;
+      places += newest.FindMap(i) != nullptr && newest.FindMap(i)->entries.count(key) != 0;
     }
     EXPECT_EQ(places, 1U);
   }
@@ -247,7 +247,7 @@ TEST_F(Interleaving, AMoverWaitsForAMapThatIsBeingBuiltAndTakesItsEntryAlong) {
 // The inserter has seen no move; by the time it has the map's lock the bucket is gone.
 TEST_F(Interleaving, AMapIsNotEnteredOnceItsBucketMoves) {
   Fill({0, 8, 16, 24, 32, 40, 48, 56, 64});
-  const Core::Map& map = *m_table.FirstGeneration()->CellAt(0).LoadMap();
+  const Core::Map& map = *m_table.FirstGeneration()->FindMap(0);
   Parking entering("HashCore.MapEntering");
   Background<Offered> inserter([&] { return m_table.Offer(72); });
   ASSERT_TRUE(entering.WaitUntilParked());

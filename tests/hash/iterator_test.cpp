@@ -34,10 +34,10 @@ unsigned CopiesIn(const Core& core, long key) {
   unsigned copies = 0;
   for (unsigned long long i = 0; i < core.TableSize(); ++i) {
     const Core::Cell& cell = core.CellAt(i);
-    copies += cell.LoadKey() == key && cell.value.Get() != nullptr;
-    if (cell.LoadMap() != nullptr) {
-      const auto entry = cell.LoadMap()->entries.find(key);
-      copies += entry != cell.LoadMap()->entries.end() && entry->second.Get() != nullptr;
+    copies += cell.LoadKey() == key && core.BlockOf(cell.value) != nullptr;
+    if (const Core::Map* const map = core.FindMap(i)) {
+      const auto entry = map->entries.find(key);
+      copies += entry != map->entries.end() && core.BlockOf(entry->second) != nullptr;
     }
   }
   return copies;
@@ -120,7 +120,7 @@ TEST_F(Iterator, KeysWithoutABlockArePassedOver) {
   Fill({64});
   m_table.InsertOrFind(
       56, [](Qen::HashValue&) { return KAVO_NO_MEMORY; }, found);
-  ASSERT_EQ(m_table.FirstGeneration()->CellAt(0).LoadMap()->entries.size(), 2U);
+  ASSERT_EQ(m_table.FirstGeneration()->FindMap(0)->entries.size(), 2U);
   ExpectWalked(m_table, m_blocks);
 }
 

@@ -23,8 +23,9 @@ TEST(Layout, CapacityGivesCellsAndMapThreshold) {
                {100, 100, 256, 0},
                {1000, 1000, 4096, 3},
                {1'000'000, 1'000'000, 4'194'304, 3'145}};
+  const TestBlocks blocks;
   for (const auto& c : cases) {
-    const SizedTable table(c.asked);
+    const SizedTable table(c.asked, blocks.Directory());
     const Core& core = *table.GetHashtable().CurrentGeneration();
     EXPECT_EQ(table.Capacity(), c.capacity) << c.asked;
     EXPECT_EQ(core.TableSize(), c.cells) << c.asked;
@@ -43,8 +44,9 @@ TEST(Layout, GenerationSizeIsThePowerOfTwoThatHoldsTheRequest) {
                {32768, 32768, 24, 256},
                {65536, 65536, 49, 512},
                {1ULL << 21, 1ULL << 21, 1572, 16384}};
+  const TestBlocks blocks;
   for (const auto& c : cases) {
-    const Core core(c.asked);
+    const Core core(c.asked, blocks.Directory());
     EXPECT_EQ(core.TableSize(), c.cells);
     EXPECT_EQ(core.MaxMapNum(), c.maxMaps);
     EXPECT_EQ(core.ChunkSize(), c.chunk);
@@ -52,23 +54,25 @@ TEST(Layout, GenerationSizeIsThePowerOfTwoThatHoldsTheRequest) {
 }
 
 TEST(Layout, NewCellsAreEmpty) {
-  const Core core(4096);
+  const TestBlocks blocks;
+  const Core core(4096, blocks.Directory());
   for (unsigned long long i = 0; i < core.TableSize(); ++i) {
     const Core::Cell& cell = core.CellAt(i);
     ASSERT_EQ(cell.LoadKey(), Qen::HCore::EMPTY_KEY);
     ASSERT_EQ(cell.flags.Load() + cell.firstLink.Distance() + cell.nextLink.Distance(), 0U);
-    ASSERT_EQ(cell.value.Get(), nullptr);
-    ASSERT_EQ(cell.LoadMap(), nullptr);
+    ASSERT_EQ(cell.value.State(), Qen::RecordState::FILLING);
+    ASSERT_EQ(core.FindMap(i), nullptr);
   }
 }
 
 TEST(Layout, EveryFailedAllocationOfATableIsReportedByEachLayer) {
+  const TestBlocks blocks;
   const long long heap = Qen::TestHooks::HeapBytesInUse();
   const unsigned long long allocations = ForEachFailingAllocation([&] {
     LogCapture log(Qen::SetLogSink);
     bool failed = false;
     try {
-      const SizedTable table(1000);
+      const SizedTable table(1000, blocks.Directory());
     } catch (const std::bad_alloc&) {
       failed = true;
     }
@@ -83,12 +87,12 @@ TEST(Layout, EveryFailedAllocationOfATableIsReportedByEachLayer) {
       EXPECT_EQ(log.Lines().back().function, "ConcurrentTable");
     }
   });
-  EXPECT_EQ(allocations, 3U);  // the table, its first generation, the cells
+  EXPECT_EQ(allocations, 4U);  // the table, its first generation, the cells, the index of maps
 }
 
 TEST(Layout, CellsThatCannotBeMappedFailAllThreeLayersInOrder) {
   LogCapture log(Qen::SetLogSink);
-  EXPECT_THROW(SizedTable(1ULL << 60), std::bad_alloc);
+  EXPECT_THROW(SizedTable(1ULL << 60, TestBlocks().Directory()), std::bad_alloc);
   std::vector<std::string> functions;
   for (const LogLine& line : log.Lines()) {
     functions.push_back(line.function);

@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
+#include <atomic>
+#include <cstdlib>
 #include <map>
-#include <mutex>
+#include <memory>
+#include <stdexcept>
 
 #include "hash/concurrent_table.h"
 #include "hash/traits.h"
@@ -22,14 +24,36 @@ struct Offered {
   unsigned char* block = nullptr;
 };
 
-class TestTable : public Table {
+// Blocks of 8 bytes.
+class TestBlocks {
  public:
-  explicit TestTable(unsigned long long cells = 8) : Table(cells) {}
+  const Qen::BlockDirectory& Directory() const { return m_directory; }
 
-  unsigned char* NewBlock() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_blocks.emplace_back().bytes;
+  TestBlocks() : m_memory(static_cast<unsigned char*>(std::calloc(MOST, SIZE)), &std::free) {
+    m_directory.SetStock(m_memory.get(), MOST);
   }
+
+  Qen::NumberedBlock NewBlock() {
+    const Qen::BlockNumber number = m_used++;
+    if (number >= MOST) {
+      throw std::logic_error("more blocks than tests use");
+    }
+    return {m_memory.get() + number * SIZE, number};
+  }
+
+ private:
+  static constexpr std::size_t SIZE = 8;
+  static constexpr Qen::BlockNumber MOST = 1U << 22;  // what is not touched costs nothing
+
+  std::unique_ptr<unsigned char, decltype(&std::free)> m_memory;
+  Qen::BlockDirectory m_directory{SIZE, 1};
+  std::atomic<Qen::BlockNumber> m_used{0};
+};
+
+// The blocks first: they are there when the table is made.
+class TestTable : public TestBlocks, public Table {
+ public:
+  explicit TestTable(unsigned long long cells = 8) : Table(cells, Directory()) {}
 
   // As a table adapter offers a key.
   Offered Offer(long key) {
@@ -37,7 +61,9 @@ class TestTable : public Table {
     offered.status = InsertOrFind(
         key,
         [&](Qen::HashValue& record) {
-          record.Attach(offered.block = NewBlock());
+          const Qen::NumberedBlock block = NewBlock();
+          offered.block = block.address;
+          record.Attach(block.number);
           return 0;
         },
         [&](unsigned char& block) {
@@ -54,8 +80,9 @@ class TestTable : public Table {
     Core* core = nullptr;
     CurrentGeneration()->InsertOrFindProcess(key, entry, core);
     if (entry.record != nullptr) {
-      entry.block = NewBlock();
-      entry.record->Attach(entry.block);
+      const Qen::NumberedBlock block = NewBlock();
+      entry.block = block.address;
+      entry.record->Attach(block.number);
     }
     return entry;
   }
@@ -79,14 +106,6 @@ class TestTable : public Table {
   void KeepLeftCells() { BeginWalk(); }
 
   unsigned long long BackstopCompletions() const { return m_backstopCompletions.load(); }
-
- private:
-  struct Block {
-    alignas(8) unsigned char bytes[8] = {};
-  };
-
-  std::mutex m_mutex;
-  std::deque<Block> m_blocks;
 };
 
 // Every cell's flags have MOVED, which is what makes a generation one that may be left.

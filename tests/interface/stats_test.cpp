@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned TABLE = 6;
 constexpr unsigned LEN = 16;
-constexpr unsigned CELL_BYTES = 32;
+constexpr unsigned CELL_BYTES = 16;
 
 KavoTableStats StatsOf(unsigned id) {
   KavoTableStats stats{};

@@ -2,10 +2,12 @@
 #include <atomic>
 #include <cstring>
 #include <functional>
+#include <set>
 
 #include "memory/fresh_blocks.h"
 #include "memory/memory_pool.h"
 #include "memory/pool_test_support.h"
+#include "platform/test_hooks.h"
 #include "support/parking.h"
 
 namespace Qen {
@@ -135,7 +137,8 @@ TEST(FreshBlocksConcurrent, BlocksAreUniqueZeroAndKeepWhatIsWritten) {
     std::vector<std::vector<unsigned char*>> taken(THREADS);
     InThreads(THREADS, [&, size = size, perThread = perThread](unsigned thread) {
       for (unsigned i = 0; i < perThread; ++i) {
-        unsigned char* const block = blocks.Take();
+        const auto [block, number] = blocks.Take();
+        EXPECT_EQ(blocks.Directory().At(number), block);
         EXPECT_EQ(std::count(block, block + size, 0), size);
         const unsigned mark[2] = {thread + 1, i};
         std::memcpy(block, mark, sizeof(mark));
@@ -158,6 +161,34 @@ TEST(FreshBlocksConcurrent, BlocksAreUniqueZeroAndKeepWhatIsWritten) {
   }
 }
 
+// What of the chunk's numbers has no memory then is not used, and nobody is told of the refusal.
+TEST(FreshBlocksConcurrent, AChunkThatTheSystemRefusesIsMadeSmaller) {
+  constexpr unsigned SIZE = 1024;
+  FreshBlocks blocks(BlockLayout{SIZE, 0});
+  std::set<BlockNumber> numbers;
+  std::set<unsigned char*> addresses;
+  const auto take = [&](int count) {
+    for (; count > 0; --count) {
+      const NumberedBlock block = blocks.Take();
+      EXPECT_EQ(blocks.Directory().At(block.number), block.address);
+      std::memset(block.address, 1, SIZE);
+      numbers.insert(block.number);
+      addresses.insert(block.address);
+    }
+  };
+  take(64);
+  TestHooks::FailAllocation(2);  // of the second chunk: a place in the list is had, its memory is not
+  take(64);
+  EXPECT_EQ(TestHooks::AllocationFailures(), 1U);
+  TestHooks::FailAllocation(0);
+  EXPECT_EQ(*numbers.rbegin(), 127U);
+  take(1000);
+  EXPECT_EQ(addresses.size(), 1128U);
+  EXPECT_EQ(numbers.size(), 1128U);
+  EXPECT_EQ(numbers.count(128), 0U);
+  EXPECT_EQ(numbers.count(192), 1U);
+}
+
 TEST(FreshBlocksConcurrent, RunThatTwoThreadsFindUsedUpIsReplacedOnce) {
   constexpr unsigned SIZE = 16;
   FreshBlocks scratch(BlockLayout{SIZE, 0});
@@ -173,7 +204,7 @@ TEST(FreshBlocksConcurrent, RunThatTwoThreadsFindUsedUpIsReplacedOnce) {
     while (!go.load()) {
       std::this_thread::yield();
     }
-    ofParked = blocks.Take();
+    ofParked = blocks.Take().address;
   });
   while (!runIsUsedUp.load()) {
     std::this_thread::yield();
@@ -186,13 +217,13 @@ TEST(FreshBlocksConcurrent, RunThatTwoThreadsFindUsedUpIsReplacedOnce) {
   go = true;
   parking.WaitUntilParked();
   InNewThread([&] {
-    unsigned char* const first = blocks.Take();  // replaces the run
-    unsigned char* const second = blocks.Take();
+    unsigned char* const first = blocks.Take().address;  // replaces the run
+    unsigned char* const second = blocks.Take().address;
     EXPECT_EQ(second, first + SIZE) << "of one run";
     parking.Release();
     parked.join();
     EXPECT_EQ(ofParked, second + SIZE) << "the next of the same run: it was not replaced again";
-    EXPECT_EQ(blocks.Take(), ofParked + SIZE);
+    EXPECT_EQ(blocks.Take().address, ofParked + SIZE);
   });
 }
 

@@ -188,7 +188,7 @@ TEST(MemoryPool, AnyOneFailedAllocationCostsOneCallAtMostAndNothingLeaks) {
         EXPECT_EQ(taken.ret, KAVO_NO_MEMORY);
       }
       ExpectFreshAndDisjoint(blocks, 1004);
-      EXPECT_EQ(failures, KavoTest::FaultWasInjected() ? 1U : 0U);
+      EXPECT_LE(failures, KavoTest::FaultWasInjected() ? 1U : 0U);  // none where a smaller chunk would do
       EXPECT_EQ(log.Lines().size(), failures);
       log.Clear();
     }
@@ -206,10 +206,10 @@ TEST(MemoryPool, LastingLackOfMemoryIsAnsweredAndSurvived) {
   TestHooks::FailAllocation(1, true);
   unsigned char mark = 0;
   for (int i = 0; i < 100; ++i) {
-    unsigned char* out = &mark;
+    NumberedBlock out{&mark, 77};
     MemKind kind = MemKind::PREPARED;
     EXPECT_EQ(pool.GetMem(out, kind), KAVO_NO_MEMORY);
-    EXPECT_EQ(out, &mark);
+    EXPECT_EQ(out.address, &mark);
     EXPECT_EQ(kind, MemKind::ORDINARY);
     ExpectNoMemoryLine(log, "GetMem");
   }

@@ -27,7 +27,10 @@ struct Taken {
 
 inline Taken Take(MemoryPool& pool, MemKind kind = MemKind::ORDINARY) {
   Taken taken{0, nullptr, kind};
-  taken.ret = pool.GetMem(taken.block, taken.kind);
+  NumberedBlock block;
+  taken.ret = pool.GetMem(block, taken.kind);
+  taken.block = block.address;
+  EXPECT_TRUE(block.address == nullptr || pool.Directory().At(block.number) == block.address);
   return taken;
 }
 

@@ -72,7 +72,9 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
                 return KAVO_NO_MEMORY;
               }
               created = true;
-              record.Attach(block = table.NewBlock());
+              const Qen::NumberedBlock taken = table.NewBlock();
+              block = taken.address;
+              record.Attach(taken.number);
               return 0;
             },
             [&](unsigned char& found) {
