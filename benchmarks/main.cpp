@@ -50,7 +50,7 @@ void RunRounds(const Options& options, Results& results) {
     results.times.push_back({subject.name, {}});
   }
   // As much memory as the cells and blocks of a pre-sized table.
-  const MachineLimits limits(32 * std::bit_ceil(options.entries * 12 / 5) + 72 * options.entries, options.threads);
+  const MachineLimits limits(16 * std::bit_ceil(options.entries * 12 / 5) + 72 * options.entries, options.threads);
   results.limitRangeBytes = limits.Bytes();
   for (unsigned round = 0; round < options.rounds; ++round) {
     Say(fmt::format("round {} of {}", round + 1, options.rounds));
@@ -75,7 +75,7 @@ void RunGrowth(const Options& options, Results& results) {
       subjects.push_back(subject);
     }
   }
-  subjects.push_back(ClockOnly());
+  subjects.push_back(BareMemoryOnly());
   for (const SubjectEntry& subject : subjects) {
     results.latencies.push_back({subject.name, {}});
   }

@@ -26,7 +26,7 @@ const char* ColourOf(const std::string& subject) {
   if (subject == "Kavo gradual") {
     return "#66ccaa";
   }
-  return subject == "no table" || subject == "floor" ? "#aaaaaa" : "#aa3377";
+  return subject == "bare memory" || subject == "floor" ? "#aaaaaa" : "#aa3377";
 }
 
 // Clustered bars: a cluster for each workload, a bar for each of the tables.

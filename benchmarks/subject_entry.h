@@ -31,7 +31,8 @@ const std::vector<SubjectEntry>& Subjects();
 
 const SubjectEntry* FindSubject(std::string_view name);
 
-// The steps of growth without a table: what the clock and the scheduler do to the latencies by themselves.
-SubjectEntry ClockOnly();
+// Growth without a table: entries written one after the other, read at random. What fresh memory, the clock and the
+// scheduler do to the latencies by themselves.
+SubjectEntry BareMemoryOnly();
 
 }  // namespace Bench

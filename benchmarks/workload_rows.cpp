@@ -7,7 +7,7 @@
 namespace Bench {
 namespace {
 
-constexpr double CELL_BYTES = 32;
+constexpr double CELL_BYTES = 16;
 
 // A value and its header. Values lie so in the order of their inserts, on 8-byte boundaries.
 constexpr double BLOCK_BYTES = 8 + VALUE_BYTES;
