@@ -1,0 +1,248 @@
+#include "explorer/batch_run.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <numeric>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "explorer/explore.h"
+#include "explorer/ledger.h"
+#include "explorer/table_run.h"
+#include "platform/test_hooks.h"
+
+namespace KavoExplorer {
+namespace {
+
+constexpr long ABSENT = -1;  // the default row of a gather
+
+// Element `index` of a batch writes this, which tells the key, and is not zero.
+long RowOf(long key, std::size_t index) {
+  return 10 * (key + 1) + static_cast<long>(index);
+}
+
+long long BytesInUse() {
+  return Qen::TestHooks::HeapBytesInUse() + Qen::TestHooks::MappedBytesInUse();
+}
+
+}  // namespace
+
+class BatchRun final : public ScenarioRun {
+ public:
+  explicit BatchRun(const BatchTable& table) : m_isFilter(table.type == KAVO_TABLE_TYPE_FILTER) {
+    while (KavoInitHashTable(m_id, 8, sizeof(long), table.type) == KAVO_EXISTS) {
+      ++m_id;  // a run that cannot end has it
+    }
+    KavoSetRehashMode(m_id, table.mode);
+    KavoSetFilterFreq(m_id, BATCH_FREQ);  // refused for a basic table
+  }
+  ~BatchRun() override { KavoUninitHashTable(m_id); }
+
+  void Offer(const Keys& keys, unsigned filterCount, bool hasMemory = true) {
+    unsigned char untouched = 0;
+    std::vector<unsigned char*> values(keys.size(), &untouched);
+    std::vector<unsigned> isFind(keys.size(), UNTOUCHED);
+    unsigned long long done = UNTOUCHED;
+    Qen::TestHooks::FailAllocation(hasMemory ? 0 : 1, true);
+    const int status =
+        KavoBatchLookupOrInsert(m_id, keys.data(), keys.size(), values.data(), isFind.data(), filterCount, &done);
+    Qen::TestHooks::FailAllocation(0);
+    if (status == KAVO_SUCCESS ? done != keys.size() : hasMemory || status != KAVO_NO_MEMORY || done >= keys.size()) {
+      m_ledger.Fail(keys[0], "a batch of offers failed, or tells a wrong number");
+      return;
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (i < done) {
+        const bool isFirst = std::count(keys.begin(), keys.begin() + static_cast<long>(i), keys[i]) == 0;
+        Served(keys[i], values[i], isFind[i], isFirst, filterCount);
+      } else if (m_ledger.Completed(keys[i]); values[i] != &untouched || isFind[i] != UNTOUCHED) {
+        m_ledger.Fail(keys[i], "not served, and something was written");
+      }
+    }
+  }
+
+  void Put(const Keys& keys) {
+    std::vector<long> rows;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      rows.push_back(RowOf(keys[i], i));
+    }
+    unsigned long long done = UNTOUCHED;
+    const auto* const bytes = reinterpret_cast<unsigned char*>(rows.data());
+    if (KavoBatchInsertOrUpdate(m_id, keys.data(), keys.size(), bytes, sizeof(long), 0, &done) != KAVO_SUCCESS ||
+        done != keys.size()) {
+      m_ledger.Fail(keys[0], "a batch of rows failed, or tells a wrong number");
+      return;
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      unsigned char* const value = Find(keys[i]);
+      m_ledger.Offered(keys[i], 0, value);  // whether it was created is not said
+      Told& told = m_told[keys[i]];
+      told.row = rows[i];
+      told.value = value;
+      told.isPut = true;
+    }
+  }
+
+  void Gather(const Keys& keys) {
+    const std::vector<const void*> before = Completed(keys);
+    const std::vector<long> rows = Rows(keys);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (rows[i] == ABSENT ? before[i] != nullptr : rows[i] / 10 != keys[i] + 1) {
+        m_ledger.Fail(keys[i], rows[i] == ABSENT ? "a gather missed it" : "gathered what nobody has written");
+      }
+    }
+  }
+
+  void Look(const Keys& keys) {
+    const std::vector<const void*> before = Completed(keys);
+    std::vector<unsigned char*> values(keys.size());
+    unsigned long long found = UNTOUCHED;
+    KavoBatchLookup(m_id, keys.data(), keys.size(), values.data(), &found);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      m_ledger.LookedUp(keys[i], before[i], values[i]);
+      found -= values[i] != nullptr ? 1 : 0;
+    }
+    if (found != 0) {
+      m_ledger.Fail(keys[0], "the number found is not that of the addresses");
+    }
+  }
+
+  std::string Check() override {
+    CheckEntries();
+    if (m_ledger.Failure().empty()) {
+      Keys others(32);  // whatever was left half done, an offer to its bucket waits for it in vain
+      std::iota(others.begin(), others.end(), 3200);
+      Offer(others, 0);
+      KavoUninitHashTable(m_id);
+      if (BytesInUse() != m_bytesBefore) {
+        m_ledger.Fail(others[0], "memory is left behind the table");
+      }
+    }
+    return m_ledger.Failure();
+  }
+
+ private:
+  static constexpr unsigned UNTOUCHED = 77;
+
+  struct Told {
+    unsigned char* value = nullptr;
+    long row = 0;
+    bool isCreated = false;
+    bool isPut = false;
+    unsigned occurrences = 0;
+    unsigned withoutValue = 0;
+  };
+
+  void Served(long key, unsigned char* value, unsigned isFind, bool isFirst, unsigned filterCount) {
+    Told& told = m_told[key];
+    told.occurrences += filterCount;
+    if (isFind > 1 || (isFind == 0 && (!isFirst || value == nullptr))) {
+      m_ledger.Fail(key, "isFind is wrong");
+    }
+    if (m_isFilter && value == nullptr) {
+      if (++told.withoutValue == BATCH_FREQ) {
+        m_ledger.Fail(key, "admitted too late");
+      }
+      return;
+    }
+    told.value = value;
+    told.isCreated = told.isCreated || isFind == 0;
+    m_ledger.Offered(key, isFind == 0 ? 1 : 0, value);
+  }
+
+  std::vector<const void*> Completed(const Keys& keys) {
+    std::vector<const void*> completed;
+    for (const long key : keys) {
+      completed.push_back(m_ledger.Completed(key));
+    }
+    return completed;
+  }
+
+  std::vector<long> Rows(const Keys& keys) const {
+    std::vector<long> rows(keys.size());
+    KavoBatchGather(m_id, keys.data(), keys.size(), reinterpret_cast<unsigned char*>(rows.data()), sizeof(long),
+                    reinterpret_cast<const unsigned char*>(&ABSENT));
+    return rows;
+  }
+
+  unsigned char* Find(long key) const {
+    unsigned char* value = nullptr;
+    unsigned long long found = 0;
+    KavoBatchLookup(m_id, &key, 1, &value, &found);
+    return value;
+  }
+
+  void CheckEntries() {
+    std::multiset<long> walked;
+    KavoHtBatchElement elements[64];
+    KavoHtBatchInfo batch{elements, 64, KAVO_EXPORT_ALL, 0};
+    unsigned count = 0;
+    void* cursor = nullptr;
+    KavoBatchGetNext(m_id, &batch, &count, &cursor);
+    for (const KavoHtBatchElement* element = elements; element != elements + count; ++element) {
+      if (m_isFilter && element->count != m_told[element->key].occurrences) {
+        m_ledger.Fail(element->key, "occurrences were lost, or counted twice");
+      }
+      if (element->value != nullptr) {
+        walked.insert(element->key);
+      }
+    }
+    std::set<const void*> values;
+    for (const auto& [key, told] : m_told) {
+      if (told.value != nullptr && !values.insert(told.value).second) {
+        m_ledger.Fail(key, "has the value of another key");
+      }
+      if (m_isFilter && !told.isPut && (told.value != nullptr) != (told.occurrences >= BATCH_FREQ)) {
+        m_ledger.Fail(key, "admitted too early, or not at all");
+      }
+      if (told.value != nullptr && !told.isCreated && (told.isPut || m_isFilter)) {
+        m_ledger.Offered(key, 1, told.value);
+      }
+      if (Rows({key})[0] != (told.value != nullptr ? told.row : ABSENT)) {
+        m_ledger.Fail(key, "not the last row that was written");
+      }
+    }
+    m_ledger.CheckAtRest([this](long key) { return Find(key); }, walked);
+  }
+
+  const bool m_isFilter;
+  const long long m_bytesBefore = BytesInUse();
+  unsigned m_id = 0;
+  Ledger m_ledger;
+  std::map<long, Told> m_told;
+};
+
+Batch Offers(const Keys& keys, unsigned filterCount) {
+  return [=](BatchRun& run) { run.Offer(keys, filterCount); };
+}
+Batch OffersWithoutMemory(const Keys& keys) {
+  return [=](BatchRun& run) { run.Offer(keys, 0, false); };
+}
+Batch Puts(const Keys& keys) {
+  return [=](BatchRun& run) { run.Put(keys); };
+}
+Batch Gathers(const Keys& keys) {
+  return [=](BatchRun& run) { run.Gather(keys); };
+}
+Batch Looks(const Keys& keys) {
+  return [=](BatchRun& run) { run.Look(keys); };
+}
+
+void ExpectBatchesHold(const Keys& present, const std::vector<Batch>& threads, const BatchTable& table) {
+  Silence();
+  ExpectHolds([&] {
+    auto run = std::make_unique<BatchRun>(table);
+    if (!present.empty()) {
+      run->Put(present);
+    }
+    for (const Batch& batch : threads) {
+      run->threads.emplace_back([&batch, &self = *run] { batch(self); });
+    }
+    return run;
+  });
+}
+
+}  // namespace KavoExplorer

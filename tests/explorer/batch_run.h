@@ -1,0 +1,36 @@
+// Scenarios of batches on one table, through the exported functions: what each thread calls, and the promises held
+// against it.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "kavo.h"
+
+namespace KavoExplorer {
+
+class BatchRun;
+
+using Keys = std::vector<long>;
+using Batch = std::function<void(BatchRun&)>;
+
+inline constexpr unsigned BATCH_FREQ = 3;  // of filter tables: the third occurrence admits
+
+Batch Offers(const Keys& keys, unsigned filterCount = 0);  // KavoBatchLookupOrInsert
+Batch OffersWithoutMemory(const Keys& keys);               // its thread gets no value blocks but those in stock
+// KavoBatchInsertOrUpdate, each element with a row of its own. A key that another thread gathers meanwhile stands there
+// once, in one batch only: its value must not change then.
+Batch Puts(const Keys& keys);
+Batch Gathers(const Keys& keys);
+Batch Looks(const Keys& keys);
+
+struct BatchTable {
+  unsigned type = KAVO_TABLE_TYPE_BASIC;
+  unsigned mode = KAVO_REHASH_WHOLE_TABLE;
+};
+
+// Every order of the threads' steps that the budget reaches keeps the promises, on a table with `present` in it. It has
+// 16 cells, and so as many buckets, and stock for 8 values.
+void ExpectBatchesHold(const Keys& present, const std::vector<Batch>& threads, const BatchTable& table = {});
+
+}  // namespace KavoExplorer

@@ -1,0 +1,55 @@
+// Batches beside batches: what is promised for a key holds for each key of a batch.
+#include <gtest/gtest.h>
+
+#include "explorer/batch_run.h"
+
+namespace KavoExplorer {
+namespace {
+
+// Keys that differ by 16 have the same home.
+const Keys FULL = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+const Keys ALL_BUT_ONE_BLOCK = {1, 2, 3, 4, 5, 6, 7};
+
+constexpr BatchTable BASIC = {};
+constexpr BatchTable FILTER = {.type = KAVO_TABLE_TYPE_FILTER};
+constexpr BatchTable GRADUAL = {.mode = KAVO_REHASH_GRADUAL};
+
+TEST(BatchScenarios, KeysThatTwoBatchesShareAreCreatedOnce) {
+  ExpectBatchesHold({}, {Offers({0, 16, 0}), Offers({16, 0, 16}), Looks({0, 16, 0})});
+}
+
+TEST(BatchScenarios, TheLastRowOfARepeatedKeyStays) {
+  ExpectBatchesHold({}, {Puts({0, 16, 0}), Offers({16, 0}), Looks({0, 16})});
+}
+
+TEST(BatchScenarios, ANewKeyComesWithItsWholeRow) {
+  for (const BatchTable& table : {BASIC, FILTER}) {
+    ExpectBatchesHold({1}, {Puts({0, 16}), Puts({32}), Gathers({16, 1, 0, 32})}, table);
+  }
+}
+
+TEST(BatchScenarios, ANewKeyComesWithItsWholeRowBesideGrowth) {
+  for (const BatchTable& table : {BASIC, FILTER, GRADUAL}) {
+    ExpectBatchesHold(FULL, {Puts({16, 17}), Gathers({16, 0, 17})}, table);
+  }
+}
+
+TEST(BatchScenarios, AGrowthInABatchLosesNoKeyOfAnother) {
+  for (const BatchTable& table : {BASIC, GRADUAL}) {
+    ExpectBatchesHold(FULL, {Offers({16, 1, 17}), Offers({17, 16, 0})}, table);
+    ExpectBatchesHold(FULL, {Offers({16, 17}), Puts({32, 18}), Looks({0, 16, 32})}, table);
+  }
+}
+
+TEST(BatchScenarios, ABatchWithoutMemoryKeepsWhatItServed) {
+  ExpectBatchesHold(ALL_BUT_ONE_BLOCK, {OffersWithoutMemory({1, 0, 16, 32}), Offers({16, 0}), Looks({16, 0})});
+  ExpectBatchesHold(ALL_BUT_ONE_BLOCK, {OffersWithoutMemory({0, 16}), OffersWithoutMemory({16, 0}), Offers({16})});
+}
+
+TEST(BatchScenarios, EveryElementCountsAndOneAdmits) {
+  ExpectBatchesHold({1}, {Offers({0, 16, 0}, 1), Offers({0, 1, 16}, 1), Looks({0, 1, 16})}, FILTER);
+  ExpectBatchesHold({}, {Offers({0, 0}, 1), Offers({0}, 1), Offers({0}, BATCH_FREQ)}, FILTER);
+}
+
+}  // namespace
+}  // namespace KavoExplorer
