@@ -41,9 +41,9 @@ class BlockDirectory {
       return m_stock + static_cast<std::size_t>(number) * m_stride;
     }
     const unsigned long long place = number - m_stockCount + m_firstCount;
-    // Relaxed: see the contract.
-    return reinterpret_cast<unsigned char*>(m_origins[RangeOf(place)].load(std::memory_order_relaxed) +
-                                            place * m_stride);
+    // Relaxed: see the contract. An origin may lie outside of all memory, so it is a number and no pointer.
+    const std::uintptr_t origin = m_origins[RangeOf(place)].load(std::memory_order_relaxed);
+    return reinterpret_cast<unsigned char*>(origin + place * m_stride);  // NOLINT(performance-no-int-to-ptr)
   }
 
   // Before any number was handed out.
