@@ -6,8 +6,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <bit>
 
+#include "kavo_layout.h"
 #include "report.h"
 #include "results.h"
 #include "subject_entry.h"
@@ -50,7 +50,8 @@ void RunRounds(const Options& options, Results& results) {
     results.times.push_back({subject.name, {}});
   }
   // As much memory as the cells and blocks of a pre-sized table.
-  const MachineLimits limits(16 * std::bit_ceil(options.entries * 12 / 5) + 72 * options.entries, options.threads);
+  const MachineLimits limits(CELL_BYTES * PreSizedCells(options.entries) + BLOCK_BYTES * options.entries,
+                             options.threads);
   results.limitRangeBytes = limits.Bytes();
   for (unsigned round = 0; round < options.rounds; ++round) {
     Say(fmt::format("round {} of {}", round + 1, options.rounds));

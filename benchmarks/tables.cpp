@@ -2,6 +2,8 @@
 
 #include <fmt/core.h>
 
+#include "kavo_layout.h"
+
 namespace Bench {
 namespace {
 
@@ -58,6 +60,9 @@ TextTable Throughput(const Results& results) {
   };
   return table;
 }
+
+// The notes below say so.
+static_assert(CELL_BYTES == 16 && BLOCK_BYTES == 72);
 
 TextTable Limits(const Results& results) {
   const MachineLimits::Rates rates = results.MedianLimits();
@@ -117,11 +122,11 @@ TextTable Latency(const Results& results) {
       "returned, chosen "
       "at random. Each call is timed, the clock included. Medians of {} rounds, and the worst call of all "
       "rounds. In the row "
-      "of bare memory the inserting thread writes 104 bytes an entry, one after the other, to fresh memory on "
+      "of bare memory the inserting thread writes {} bytes an entry, one after the other, to fresh memory on "
       "huge pages, and the other reads a byte at random of what was written: long times there are the doing "
       "of the system, which has to find and clear the pages, and of whatever else runs, and such times are "
       "in the other rows too.",
-      Grouped(results.entries), results.latencyRounds)};
+      Grouped(results.entries), results.latencyRounds, GROWN_ENTRY_BYTES)};
   return table;
 }
 

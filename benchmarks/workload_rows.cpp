@@ -1,16 +1,9 @@
 #include "workload_rows.h"
 
-#include <bit>
-
-#include "value.h"
+#include "kavo_layout.h"
 
 namespace Bench {
 namespace {
-
-constexpr double CELL_BYTES = 16;
-
-// A value and its header. Values lie so in the order of their inserts, on 8-byte boundaries.
-constexpr double BLOCK_BYTES = 8 + VALUE_BYTES;
 
 // Cache lines that a whole value lies on, on average over the eight positions that it can have in a line.
 constexpr double WHOLE_VALUE_LINES = 1 + 7.0 / 8;
@@ -18,9 +11,8 @@ constexpr double WHOLE_VALUE_LINES = 1 + 7.0 / 8;
 }  // namespace
 
 std::array<RowInfo, ROWS> RowInfos(std::uint64_t entries, const KeySets& keys) {
-  // A pre-sized table has 2.4 cells an entry, rounded up to a power of two.
   const auto count = static_cast<double>(entries);
-  const double cellBytes = CELL_BYTES * static_cast<double>(std::bit_ceil(entries * 12 / 5)) / count;
+  const double cellBytes = static_cast<double>(CELL_BYTES * PreSizedCells(entries)) / count;
   // While a table grows each entry is moved once on average: one cell read, one written, in order.
   const double moveBytes = 2 * CELL_BYTES;
   // Frequent keys stay in the processor's caches: lines are counted once for each key that comes up.

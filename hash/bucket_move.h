@@ -236,6 +236,7 @@ auto HashCoreMigration<Key, Value, KTraits, VTraits>::ClaimBucket(Core* core, co
 template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::PassOverMiddle(Core* src, Core* middle,
                                                                     const unsigned long long& bucket) {
+  MovedCount moved{middle};
   for (unsigned long long split = bucket; split < middle->AddressableSize(); split += src->TableSize()) {
     const BucketClaim claim = ClaimBucket(middle, split);
     if (claim == BucketClaim::FAILED) {
@@ -243,7 +244,7 @@ int HashCoreMigration<Key, Value, KTraits, VTraits>::PassOverMiddle(Core* src, C
     }
     if (claim == BucketClaim::OWNED) {
       middle->CellAt(split).flags.FinishMove();
-      middle->CountMoved(1, 0);
+      ++moved.buckets;
     }
   }
   return KAVO_SUCCESS;

@@ -237,7 +237,6 @@ HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size,
       throw std::bad_alloc();
     }
     m_tableSize = size <= 8 ? 8 : std::bit_ceil(size);
-    m_maxMapNum = static_cast<unsigned long long>(static_cast<float>(m_tableSize) * HCore::MAP_RATIO);
     m_cellMemory = ZeroedRange(m_tableSize, sizeof(Cell));
     m_maps = MapIndex<Map>(m_tableSize);
   } catch (const std::exception& e) {
@@ -247,6 +246,7 @@ HashCore<Key, Value, KTraits, VTraits>::HashCore(const unsigned long long& size,
   // Zero bytes are the initial state of a cell; nobody writes them.
   m_cells = static_cast<Cell*>(m_cellMemory.Data());
   m_mask = m_tableSize - 1;
+  m_maxMapNum = static_cast<unsigned long long>(static_cast<float>(m_tableSize) * HCore::MAP_RATIO);
 }
 
 template <class Key, class Value, class KTraits, class VTraits>

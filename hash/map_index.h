@@ -23,7 +23,6 @@ class MapIndex {
   explicit MapIndex(unsigned long long cells)
       : m_shift(64 - std::max(1, static_cast<int>(std::bit_width(cells / 64)) - 1)),
         m_memory(std::size_t{1} << (64 - m_shift), sizeof(Atomic<Map*>)) {}
-  MapIndex(MapIndex&&) noexcept = default;
   MapIndex& operator=(MapIndex&&) noexcept = default;
   ~MapIndex() {
     for (std::size_t i = 0; i < m_memory.Bytes() / sizeof(Atomic<Map*>); ++i) {

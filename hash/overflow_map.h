@@ -37,7 +37,6 @@ struct OverflowMap {
   OverflowMap(std::uint64_t bucket, Atomic<unsigned long long>& bytes) : home(bucket), entries(Allocator(bytes)) {}
 
   const std::uint64_t home;
-
   SharedMutex mutex;
   std::map<Key, Value, std::less<Key>, Allocator> entries;
   OverflowMap* next = nullptr;  // in its list; written before the map is published

@@ -47,7 +47,7 @@ class EsConcurrentTable {
   };
 
   // `size` is the number of entries expected, 0 for the default. `valueLen` must leave room for the header in 32 bits.
-  // `records` are what the entries' records point to, where that is not the pool's blocks.
+  // `records` are the blocks that the entries' records name, where those are not the pool's.
   // Throws std::bad_alloc, logged, with nothing left allocated.
   EsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen,
                     const BlockDirectory* records = nullptr);

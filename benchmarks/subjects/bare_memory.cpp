@@ -1,23 +1,24 @@
+#include <atomic>
 #include <cstring>
 
 #include "growth_latency.h"
 #include "huge_range.h"
+#include "kavo_layout.h"
 #include "subject_entry.h"
 
 namespace Bench {
 namespace {
 
 constexpr std::uint64_t GROWTH = 1000;
-// What an entry of a grown table weighs, in words.
-constexpr std::uint64_t ENTRY_BYTES = 104;
 
 class BareMemory {
  public:
-  explicit BareMemory(std::uint64_t firstEntries) : m_memory(GROWTH * firstEntries * ENTRY_BYTES + ENTRY_BYTES) {}
+  explicit BareMemory(std::uint64_t firstEntries)
+      : m_memory(GROWTH * firstEntries * GROWN_ENTRY_BYTES + GROWN_ENTRY_BYTES) {}
   bool Insert(long key, const Value& /* value */) {
-    std::memset(Next(), static_cast<int>(key | 1), ENTRY_BYTES);
-    // Release: whoever reads the number may read the bytes.
-    m_used.store(m_used.load(std::memory_order_relaxed) + ENTRY_BYTES, std::memory_order_release);
+    const std::uint64_t used = m_used.load(std::memory_order_relaxed);  // the only writer
+    std::memset(m_memory.Data() + used, static_cast<int>(key | 1), GROWN_ENTRY_BYTES);
+    m_used.store(used + GROWN_ENTRY_BYTES, std::memory_order_release);  // whoever reads the number may read the bytes
     return true;
   }
   bool Find(long key, std::uint64_t& sum) const {
@@ -27,8 +28,6 @@ class BareMemory {
   }
 
  private:
-  unsigned char* Next() const { return m_memory.Data() + m_used.load(std::memory_order_relaxed); }  // the only writer
-
   HugeRange m_memory;
   std::atomic<std::uint64_t> m_used{0};
 };

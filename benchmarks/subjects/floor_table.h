@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cstdint>
 #include <cstring>
 
 #include "huge_range.h"
+#include "kavo_layout.h"
 #include "value.h"
 
 namespace Bench {
@@ -20,7 +20,7 @@ class FloorTable {
   static constexpr bool GROWS = false;
 
   explicit FloorTable(std::uint64_t expected)
-      : m_mask(std::bit_ceil(expected * 12 / 5) - 1),
+      : m_mask(PreSizedCells(expected) - 1),
         m_cellMemory((m_mask + 1) * sizeof(Cell)),
         m_blockMemory((expected + expected / 4) * BLOCK_BYTES + 64 * RUN * BLOCK_BYTES),
         m_cells(reinterpret_cast<Cell*>(m_cellMemory.Data())) {}
@@ -129,10 +129,8 @@ class FloorTable {
     std::atomic<std::uint32_t> block;      // its number, from 1; 0 for none
     std::atomic<std::uint64_t> storedKey;  // complemented, 0 for none
   };
-  static_assert(sizeof(Cell) == 16);
+  static_assert(sizeof(Cell) == CELL_BYTES);
 
-  // A value and a header before it.
-  static constexpr std::uint64_t BLOCK_BYTES = 8 + VALUE_BYTES;
   static constexpr std::uint64_t RUN = 1024;
   static constexpr std::uint64_t AHEAD = 16;
 

@@ -22,9 +22,7 @@ class Generation : public ::testing::Test {
     m_core = nullptr;
     const int ret = core.InsertOrFindProcess(key, m_entry, m_core);
     if (m_entry.record != nullptr) {
-      const Qen::NumberedBlock block = m_blocks.NewBlock();
-      m_entry.block = block.address;
-      m_entry.record->Attach(block.number);
+      m_entry.block = m_blocks.AttachNew(*m_entry.record);
     }
     return ret;
   }

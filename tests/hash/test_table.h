@@ -33,12 +33,14 @@ class TestBlocks {
     m_directory.SetStock(m_memory.get(), MOST);
   }
 
-  Qen::NumberedBlock NewBlock() {
+  // Fills a record with a new block, and gives its address.
+  unsigned char* AttachNew(Qen::HashValue& record) {
     const Qen::BlockNumber number = m_used++;
     if (number >= MOST) {
       throw std::logic_error("more blocks than tests use");
     }
-    return {m_memory.get() + number * SIZE, number};
+    record.Attach(number);
+    return m_memory.get() + number * SIZE;
   }
 
  private:
@@ -61,9 +63,7 @@ class TestTable : public TestBlocks, public Table {
     offered.status = InsertOrFind(
         key,
         [&](Qen::HashValue& record) {
-          const Qen::NumberedBlock block = NewBlock();
-          offered.block = block.address;
-          record.Attach(block.number);
+          offered.block = AttachNew(record);
           return 0;
         },
         [&](unsigned char& block) {
@@ -80,9 +80,7 @@ class TestTable : public TestBlocks, public Table {
     Core* core = nullptr;
     CurrentGeneration()->InsertOrFindProcess(key, entry, core);
     if (entry.record != nullptr) {
-      const Qen::NumberedBlock block = NewBlock();
-      entry.block = block.address;
-      entry.record->Attach(block.number);
+      entry.block = AttachNew(*entry.record);
     }
     return entry;
   }

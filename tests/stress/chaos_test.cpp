@@ -72,9 +72,7 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
                 return KAVO_NO_MEMORY;
               }
               created = true;
-              const Qen::NumberedBlock taken = table.NewBlock();
-              block = taken.address;
-              record.Attach(taken.number);
+              block = table.AttachNew(record);
               return 0;
             },
             [&](unsigned char& found) {
