@@ -1,0 +1,241 @@
+#!/usr/bin/env python3
+"""Breaks the code one rule at a time, in a copy of the tree, and expects the named test to find each fault.
+
+The faults stand in *.toml beside this file, by the folder that they break:
+
+    [[mutant]]
+    name = "claim is not confirmed"     # what is wrong, in a few words; unique
+    finder = "explorer_test"            # the test program that must find it: a target of the build
+    filter = "Batch*"                   # optional: only these of its GoogleTest cases
+    racy = true                         # optional: found by real threads: tried more than once, not in the sample
+    [[mutant.edit]]                     # one or more; `from` must stand in `file` exactly once
+    file = "hash/hash_core_insert.h"
+    from = '''text as it stands, without the line's first indentation'''
+    to = '''text in its place'''
+
+A fault that no caller can tell from the right code is not listed. Each finder runs on the unbroken code first. Ends
+with 0 when every fault was found.
+"""
+
+import argparse
+import dataclasses
+import os
+import pathlib
+import queue
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import tomllib
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+TRIES_OF_RACES = 3
+TIME_LIMIT_S = 900  # a fault that makes a program hang is found too, but says less
+
+# How finders that are not plain GoogleTest programs are run; more calls are tried until one finds the fault.
+ARGUMENTS = {
+    "explorer_test": [["--gtest_filter=-Explorer.*"]] * 2,
+    "soak": [["--minutes", "0.4", "--seed", "1"]],
+    "ctr_training": [["--rows", "60000"]],
+    "incremental_export": [["--entries", "5000", "--type", "basic"], ["--entries", "5000", "--type", "filter"]],
+    "sharded_lookup": [["--keys", "60000"]],
+}
+ENVIRONMENTS = {"explorer_test": [{"KAVO_EXPLORE_SCHEDULES": "1000"}, {"KAVO_EXPLORE_SCHEDULES": "20000"}]}
+SCRIPTS = {"soak", "ctr_training", "incremental_export", "sharded_lookup", "kavo_c_test"}  # no GoogleTest options
+
+
+@dataclasses.dataclass
+class Edit:
+    file: str
+    old: str
+    new: str
+
+
+@dataclasses.dataclass
+class Mutant:
+    name: str
+    finder: str
+    edits: list[Edit]
+    filter: str = ""
+    racy: bool = False
+
+
+def load() -> list[Mutant]:
+    mutants = []
+    for path in sorted(pathlib.Path(__file__).parent.glob("*.toml")):
+        for entry in tomllib.loads(path.read_text())["mutant"]:
+            edits = [Edit(edit.pop("file"), edit.pop("from"), edit.pop("to")) for edit in entry.pop("edit")]
+            mutants.append(Mutant(edits=edits, **entry))
+    names = [mutant.name for mutant in mutants]
+    twice = {name for name in names if names.count(name) > 1}
+    if twice:
+        sys.exit(f"two faults of one name: {sorted(twice)[0]}")
+    return mutants
+
+
+def apply(tree: pathlib.Path, mutant: Mutant) -> str:
+    """Breaks the tree; what does not match, if anything."""
+    for edit in mutant.edits:
+        path = tree / edit.file
+        text = path.read_text() if path.exists() else ""
+        if text.count(edit.old) != 1:
+            return f"{mutant.name}: stands {text.count(edit.old)} times in {edit.file}, not once:\n{edit.old}"
+        path.write_text(text.replace(edit.old, edit.new))
+    return ""
+
+
+def restore(tree: pathlib.Path, mutant: Mutant) -> None:
+    for name in {edit.file for edit in mutant.edits}:
+        if (ROOT / name).exists():
+            shutil.copyfile(ROOT / name, tree / name)
+
+
+def check(mutants: list[Mutant]) -> int:
+    """Whether every edit still matches once."""
+    with tempfile.TemporaryDirectory(prefix="kavo-mutants-") as scratch:
+        tree = pathlib.Path(scratch)
+        for name in {edit.file for mutant in mutants for edit in mutant.edits}:
+            (tree / name).parent.mkdir(parents=True, exist_ok=True)
+            if (ROOT / name).exists():
+                shutil.copyfile(ROOT / name, tree / name)
+        wrong = []
+        for mutant in mutants:
+            wrong += [text for text in [apply(tree, mutant)] if text]
+            restore(tree, mutant)
+    print("\n".join(wrong + [f"{len(mutants) - len(wrong)} of {len(mutants)} faults match the code"]))
+    return 1 if wrong else 0
+
+
+def run(command: list[str], **options) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", check=False, **options
+    )
+
+
+class Workshop:
+    """A copy of the tree with a build of its own."""
+
+    def __init__(self, folder: pathlib.Path, jobs: int):
+        self.tree, self.build, self.jobs = folder / "tree", folder / "build", jobs
+        shutil.copytree(ROOT, self.tree, ignore=shutil.ignore_patterns("build", ".git"), symlinks=True)
+        configure = ["cmake", "-S", str(self.tree), "-B", str(self.build), "-G", "Ninja", "-DKAVO_BENCHMARKS=OFF"]
+        done = run(configure + ["-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O1 -w"])
+        if done.returncode != 0:
+            sys.exit(done.stdout)
+
+    def compile(self, finder: str) -> str:
+        done = run(["cmake", "--build", str(self.build), "-j", str(self.jobs), "--target", finder])
+        return done.stdout if done.returncode != 0 else ""
+
+    def find(self, finder: str, cases: str, tries: int) -> str:
+        """What the finder found; empty when it ended well each time."""
+        program = next(path for path in self.build.rglob(finder) if path.is_file() and os.access(path, os.X_OK))
+        calls = ARGUMENTS.get(finder, [[]])
+        environments = ENVIRONMENTS.get(finder, [{}] * len(calls))
+        for arguments, environment in [*zip(calls, environments)] * tries:
+            if finder not in SCRIPTS:
+                arguments = ["--gtest_fail_fast", *([f"--gtest_filter={cases}"] if cases else arguments)]
+            try:
+                variables = {**os.environ, "KAVO_TEST_SEED": "1", **environment}
+                done = run([str(program), *arguments], env=variables, timeout=TIME_LIMIT_S)
+            except subprocess.TimeoutExpired:
+                return f"no end after {TIME_LIMIT_S} s"
+            if done.returncode != 0:
+                return summary(done)
+        return ""
+
+
+def summary(done: subprocess.CompletedProcess[str]) -> str:
+    lines = done.stdout.splitlines()
+    first = next((i for i, line in enumerate(lines) if line.endswith(": Failure")), len(lines))
+    case = next((line.split()[-1] for line in reversed(lines[:first]) if line.startswith("[ RUN")), "")
+    what = next((line.strip() for line in lines[first:][1:] if line.strip() and line != "Failed"), "")
+    if not what:
+        what = f"ended by signal {-done.returncode}" if done.returncode < 0 else f"exit status {done.returncode}"
+    return f"{case}: {what}" if case else what
+
+
+def try_all(chosen: list[Mutant], workers: int) -> int:
+    work: queue.SimpleQueue[Mutant] = queue.SimpleQueue()
+    for mutant in sorted(chosen, key=lambda mutant: mutant.finder):  # neighbours share what was built
+        work.put(mutant)
+    wrong: list[str] = []
+    lock = threading.Lock()
+    sound: dict[str, str] = {}  # what each finder says of the unbroken code
+
+    def report(mutant: Mutant, result: str, detail: str) -> None:
+        with lock:
+            print(f"{result:<10} {mutant.name}   [{mutant.finder}] {detail}", flush=True)
+            wrong.extend([] if result == "found" else [mutant.name])
+
+    def judge(workshop: Workshop, mutant: Mutant) -> tuple[str, str]:
+        if mutant.finder not in sound:
+            sound[mutant.finder] = workshop.compile(mutant.finder) or workshop.find(mutant.finder, "", 1)
+        if sound[mutant.finder]:
+            return "NOT SOUND", "the unbroken code fails: " + sound[mutant.finder][-2000:]
+        if problem := apply(workshop.tree, mutant):
+            return "NO MATCH", problem
+        if problem := workshop.compile(mutant.finder):
+            return "NO BUILD", problem[-2000:]
+        found = workshop.find(mutant.finder, mutant.filter, TRIES_OF_RACES if mutant.racy else 1)
+        return ("found", found) if found else ("NOT FOUND", "")
+
+    def worker(folder: pathlib.Path) -> None:
+        workshop = Workshop(folder, max(1, (os.cpu_count() or 2) // workers))
+        while True:
+            try:
+                mutant = work.get_nowait()
+            except queue.Empty:
+                return
+            try:
+                report(mutant, *judge(workshop, mutant))
+            except Exception as error:  # a worker that dies must not pass for one that found everything
+                report(mutant, "ERROR", repr(error))
+            restore(workshop.tree, mutant)
+
+    with tempfile.TemporaryDirectory(prefix="kavo-mutants-") as scratch:
+        threads = [threading.Thread(target=worker, args=(pathlib.Path(scratch) / str(i),)) for i in range(workers)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+    left = work.qsize()
+    print(f"{len(chosen) - len(wrong) - left} found, {len(wrong) + left} not found")
+    return 1 if wrong or left else 0
+
+
+def main() -> int:
+    options = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    options.add_argument("--list", action="store_true", help="print finders and names")
+    options.add_argument("--check", action="store_true", help="only see that every edit matches the code once")
+    options.add_argument("--sample", type=int, metavar="N", help="N of those whose finder does the same at each run")
+    options.add_argument("--seed", default="1", help="chooses the sample")
+    options.add_argument("--finder", metavar="PROGRAM", help="only those that this program must find")
+    options.add_argument(
+        "--workers", type=int, default=os.cpu_count() or 2, help="trees that are built and run at once"
+    )
+    options.add_argument("names", nargs="*", metavar="NAME")
+    chosen = options.parse_args()
+    mutants = load()
+    unknown = set(chosen.names) - {mutant.name for mutant in mutants}
+    if unknown:
+        sys.exit(f"no such fault: {sorted(unknown)[0]}")
+    if chosen.names:
+        mutants = [mutant for mutant in mutants if mutant.name in chosen.names]
+    if chosen.finder:
+        mutants = [mutant for mutant in mutants if mutant.finder == chosen.finder]
+    if chosen.sample is not None:
+        steady = [mutant for mutant in mutants if not mutant.racy]
+        mutants = random.Random(chosen.seed).sample(steady, min(chosen.sample, len(steady)))
+    if chosen.list:
+        print("\n".join(f"{mutant.finder:<24} {mutant.name}" for mutant in mutants))
+        return 0
+    if chosen.check:
+        return check(mutants)
+    return try_all(mutants, max(1, min(chosen.workers, len(mutants))))
+
+
+if __name__ == "__main__":
+    sys.exit(main())
