@@ -30,7 +30,7 @@ template <class Table>
 int Lookup(const Table& table, const long* keys, unsigned long long num, unsigned char** valuePtrs,
            unsigned long long& found) {
   unsigned long long count = 0;
-  ForEachBlock<Touch::ADDRESS>(table, keys, num, [&](unsigned long long i, unsigned char* block) {
+  ForEachBlock<Prefetch::CELLS>(table, keys, num, [&](unsigned long long i, unsigned char* block) {
     valuePtrs[i] = block == nullptr ? nullptr : ValueBytes(block);
     count += block == nullptr ? 0 : 1;
   });
@@ -46,7 +46,7 @@ int Gather(const Table& table, const long* keys, unsigned long long num, unsigne
     return KAVO_INVALID;
   }
   const std::size_t len = valueLen;
-  ForEachBlock<Touch::VALUE>(table, keys, num, [&](unsigned long long i, unsigned char* block) {
+  ForEachBlock<Prefetch::VALUES>(table, keys, num, [&](unsigned long long i, unsigned char* block) {
     const unsigned char* const from = block == nullptr ? defaultRow : ValueBytes(block);
     if (from == nullptr) {
       std::memset(rows + i * len, 0, len);
@@ -60,7 +60,7 @@ int Gather(const Table& table, const long* keys, unsigned long long num, unsigne
 template <class Table>
 int LookupOrInsert(const Table& table, const long* keys, unsigned long long num, unsigned char** valuePtrs,
                    unsigned* isFind, unsigned filterCount, unsigned long long& done) {
-  return ForEachKey<Touch::RECORD>(table, keys, num, done, [&](unsigned long long i) {
+  return ForEachKey<Prefetch::RECORDS>(table, keys, num, done, [&](unsigned long long i) {
     unsigned char* block = nullptr;
     const int status = LookupOrInsert(table, keys[i], filterCount, block, isFind[i]);
     if (status == KAVO_SUCCESS) {
@@ -77,7 +77,7 @@ int InsertOrUpdate(const Table& table, const long* keys, unsigned long long num,
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
     return KAVO_INVALID;
   }
-  return ForEachKey<Touch::VALUE>(table, keys, num, done, [&](unsigned long long i) {
+  return ForEachKey<Prefetch::VALUES>(table, keys, num, done, [&](unsigned long long i) {
     // An offer's bytes are only read; it has the type of the single call's argument.
     auto* const row = const_cast<unsigned char*>(rows) + i * std::size_t{valueLen};
     return InsertOrUpdate(table, Offer{keys[i], row, valueLen, filterCount});

@@ -84,8 +84,8 @@ class HashCore {
   // An insert obeys the growth threshold; the placing of a moved entry does not, or a move could not end.
   enum class Purpose { INSERT, PLACE };
 
-  // Whether a search that goes through an overflow map and finds nothing writes its line.
-  enum class Miss { TOLD, UNTOLD };
+  // Whether a search that goes through an overflow map and finds nothing writes its log line.
+  enum class OnMiss { LOG, QUIET };
 
   // A generation of at least `size` cells (at least 8). Throws std::bad_alloc after its line.
   HashCore(const unsigned long long& size, const BlockDirectory& blocks);
@@ -96,7 +96,7 @@ class HashCore {
   // The key's block in this generation, else null.
   Pointee* FindValueProcess(const Key& key) const;
   // `flags` was read before, and has no MOVED. Null means absent only if this generation is not left (I7).
-  Pointee* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags, Miss miss = Miss::TOLD) const;
+  Pointee* FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags, OnMiss onMiss = OnMiss::LOG) const;
 
   // The same if the key stands in its home cell. Null says nothing.
   Pointee* FindAtHome(const Key& key) const noexcept {
@@ -202,7 +202,7 @@ class HashCore {
   Outcome ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record, Entry& entry);
   Outcome LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
   HashCore* FindOrInsertCellInNext(std::uint64_t home);
-  Pointee* MapFind(const Key& key, std::uint64_t home, Miss miss) const;
+  Pointee* MapFind(const Key& key, std::uint64_t home, OnMiss onMiss) const;
 
   // Fixed after construction.
   const BlockDirectory& m_blocks;

@@ -16,7 +16,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindValueProcess(const Key& key) co
 // without a block belongs to an insert that has not finished, and reads as absent.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                          Miss miss) const -> Pointee* {
+                                                          OnMiss onMiss) const -> Pointee* {
   Cell& homeCell = CellAt(home);
   const Key homeKey = homeCell.LoadKey();
   if (homeKey == key) {
@@ -37,11 +37,12 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindInBucket(const Key& key, std::u
   if ((flags & HCore::MAP_READY) == 0) {
     return nullptr;  // a map still being built holds only the key of the insert that builds it
   }
-  return MapFind(key, home, miss);
+  return MapFind(key, home, onMiss);
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home, Miss miss) const -> Pointee* {
+auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64_t home, OnMiss onMiss) const
+    -> Pointee* {
   Map* const map = FindMap(home);
   {
     std::shared_lock lock(map->mutex);
@@ -50,7 +51,7 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapFind(const Key& key, std::uint64
       return BlockOf(entry->second);
     }
   }
-  if (miss == Miss::TOLD) {
+  if (onMiss == OnMiss::LOG) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "key is not exist in map! bucketHead[%llu], tableSize[%llu]",
                    static_cast<unsigned long long>(home), m_tableSize);
   }

@@ -35,10 +35,10 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Hashtable& operator=(const Hashtable&) = delete;
   ~Hashtable();
 
-  using Miss = typename Core::Miss;
+  using OnMiss = typename Core::OnMiss;
 
   // The key's block, or null when the key is absent or its first insert has not finished.
-  Pointee* Find(const Key& key, Miss miss = Miss::TOLD) const;
+  Pointee* Find(const Key& key, OnMiss onMiss = OnMiss::LOG) const;
 
   // Asks for the cells that Find will come to first.
   void PrefetchHome(const Key& key) const noexcept;
@@ -99,12 +99,12 @@ Hashtable<Key, Value, KTraits, VTraits>::~Hashtable() {
 // is either here, or was made in a later generation after MOVED was set, and then this lookup sees MOVED; or, if the
 // cells were given back meanwhile and read as an empty bucket in place, it sees that the generation was left.
 template <class Key, class Value, class KTraits, class VTraits>
-auto Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key, Miss miss) const -> Pointee* {
+auto Hashtable<Key, Value, KTraits, VTraits>::Find(const Key& key, OnMiss onMiss) const -> Pointee* {
   for (const Core* core = CurrentGeneration(); core != nullptr; core = core->Next()) {
     const std::uint64_t home = core->HomeIndex(key);
     const std::uint8_t flags = core->CellAt(home).flags.Load();
     if ((flags & HCore::BUCKET_MOVED) == 0) {
-      Pointee* const block = core->FindInBucket(key, home, flags, miss);
+      Pointee* const block = core->FindInBucket(key, home, flags, onMiss);
       if (block != nullptr || !core->IsDeleted()) {
         return block;
       }

@@ -1,10 +1,7 @@
-// What the core needs to know of a key, and a table of its value record.
+// What the core needs to know of a key, and a table of what a value record points to.
 #pragma once
 
 #include <cstdint>
-
-#include "hash/filter_record.h"
-#include "hash/value_record.h"
 
 namespace Qen {
 
@@ -15,13 +12,6 @@ struct KTraits {
 
 struct VTraits {
   static unsigned char* Block(unsigned char& block) noexcept { return &block; }
-};
-
-struct FVTraits {
-  // Acquire: pairs with the release store at admission, which publishes the block.
-  static unsigned char* Block(const FilterRecord& record) noexcept {
-    return record.value.load(std::memory_order_acquire);
-  }
 };
 
 }  // namespace Qen

@@ -73,10 +73,7 @@ class ValueRecord {
   Atomic<std::uint32_t> m_word{FILLING_WORD};
 };
 
-struct FilterRecord;
-
-// A basic table's record points to the value block, a filter table's to the filter record.
+// The record that names the value's own block. A table may have its records name what leads to the block instead.
 using HashValue = ValueRecord<unsigned char>;
-using FHashValue = ValueRecord<FilterRecord>;
 
 }  // namespace Qen

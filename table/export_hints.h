@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-#include "hash/filter_record.h"
 #include "platform/prefetch.h"
+#include "table/filter_record.h"
 
 namespace Qen {
 

@@ -26,7 +26,6 @@
 #include <limits>
 #include <new>
 
-#include "hash/filter_record.h"
 #include "hash/hashtable.h"
 #include "hash/traits.h"
 #include "memory/fresh_blocks.h"
@@ -35,6 +34,7 @@
 #include "table/es_concurrent_table.h"
 #include "table/export_hints.h"
 #include "table/export_selection.h"
+#include "table/filter_record.h"
 #include "table/update_value.h"
 
 namespace Qen {
@@ -115,7 +115,7 @@ class FilterEsConcurrentTable final : private FilterRecords,
 
   // Inserts, with the value's block if the caller brings one; a key that is there stays as it is.
   int InsertValue(FilterOperationInfo& info) const;
-  // Inserts likewise, or gives the block of a key that is there. Counts nothing.
+  // Inserts as InsertValue does, or gives the block of a key that is there. Counts nothing.
   int InsertOrUpdateFilterValue(FilterOperationInfo& info) const;
   // Inserts with a block at once, or finds. Counts nothing.
   int InsertOrFindForDefaultKey(FilterOperationInfo& info) const;

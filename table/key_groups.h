@@ -13,20 +13,21 @@
 #include <algorithm>
 #include <type_traits>
 
-#include "hash/filter_record.h"
 #include "kavo.h"
 #include "platform/prefetch.h"
+#include "table/filter_record.h"
 
 namespace Qen {
 
 inline constexpr unsigned long long KEY_GROUP = 16;
 
-// What a call does with the entries that are there: takes their address, changes their record, or touches their value.
-enum class Touch { ADDRESS, RECORD, VALUE };
+// What is asked for ahead of a key's turn: cells alone where a call takes only addresses, records too where it changes
+// them, and values too where it reads or writes them.
+enum class Prefetch { CELLS, RECORDS, VALUES };
 
 // serve(first, end, records) for each group of keys, until one answers something else than KAVO_SUCCESS. A record is
 // null for a key that was absent when the group was begun.
-template <Touch TOUCH, class Table, class Serve>
+template <Prefetch PREFETCH, class Table, class Serve>
 int ForEachGroup(const Table& table, const long* keys, unsigned long long num, const Serve& serve) {
   using Pointee = typename Table::Pointee;
   const auto askForCells = [&](unsigned long long first, unsigned long long end) {
@@ -43,11 +44,11 @@ int ForEachGroup(const Table& table, const long* keys, unsigned long long num, c
     for (unsigned long long i = first; i < end; ++i) {
       Pointee* const record = table.FindQuietly(keys[i]);
       records[i - first] = record;
-      if constexpr (TOUCH != Touch::ADDRESS) {
+      if constexpr (PREFETCH != Prefetch::CELLS) {
         PrefetchForRead(record);
       }
     }
-    if constexpr (TOUCH == Touch::VALUE && std::is_same_v<Pointee, FilterRecord>) {
+    if constexpr (PREFETCH == Prefetch::VALUES && std::is_same_v<Pointee, FilterRecord>) {
       for (unsigned long long i = first; i < end; ++i) {
         Pointee* const record = records[i - first];
         PrefetchForRead(record == nullptr ? nullptr : table.GetValue(record));
@@ -64,7 +65,7 @@ int ForEachGroup(const Table& table, const long* keys, unsigned long long num, c
 }
 
 // use(index, block) for each key; the block is null for a key that is absent or has none.
-template <Touch TOUCH, class Table, class Use>
+template <Prefetch PREFETCH, class Table, class Use>
 void ForEachBlock(const Table& table, const long* keys, unsigned long long num, const Use& use) {
   const auto serve = [&](unsigned long long first, unsigned long long end, auto* const* records) {
     for (unsigned long long i = first; i < end; ++i) {
@@ -73,14 +74,14 @@ void ForEachBlock(const Table& table, const long* keys, unsigned long long num, 
     }
     return KAVO_SUCCESS;
   };
-  static_cast<void>(ForEachGroup<TOUCH>(table, keys, num, serve));
+  static_cast<void>(ForEachGroup<PREFETCH>(table, keys, num, serve));
 }
 
 // serve(index) for each key, up to the first that fails; `done` counts those before it.
-template <Touch TOUCH, class Table, class Serve>
+template <Prefetch PREFETCH, class Table, class Serve>
 int ForEachKey(const Table& table, const long* keys, unsigned long long num, unsigned long long& done,
                const Serve& serve) {
-  return ForEachGroup<TOUCH>(table, keys, num, [&](unsigned long long first, unsigned long long end, auto* const*) {
+  return ForEachGroup<PREFETCH>(table, keys, num, [&](unsigned long long first, unsigned long long end, auto* const*) {
     for (done = first; done < end; ++done) {
       const int status = serve(done);
       if (status != KAVO_SUCCESS) {

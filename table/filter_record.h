@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "hash/value_record.h"
 #include "platform/atomic.h"
 
 namespace Qen {
@@ -12,6 +13,16 @@ struct FilterRecord {
   Atomic<unsigned char*> value{nullptr};  // null until the key is admitted
   Atomic<std::uint32_t> count{0};         // saturates, never wraps
   Atomic<std::uint8_t> admitted{0};
+};
+
+// The value record of a filter table's key, and the way from what it points to to the key's block.
+using FHashValue = ValueRecord<FilterRecord>;
+
+struct FVTraits {
+  // Acquire: pairs with the release store at admission, which publishes the block.
+  static unsigned char* Block(const FilterRecord& record) noexcept {
+    return record.value.load(std::memory_order_acquire);
+  }
 };
 
 }  // namespace Qen
