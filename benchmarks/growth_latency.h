@@ -1,4 +1,4 @@
-// How long single inserts take while a table grows from 1,000 entries, and single lookups on another thread meanwhile.
+// How long single inserts take while a table grows from few entries, and single lookups on another thread meanwhile.
 #pragma once
 
 #include <array>
@@ -15,22 +15,30 @@
 
 namespace Bench {
 
-struct GrowthLatency {
+struct CallTimes {
   static constexpr std::size_t SLICES = 200;
 
-  Histogram inserts;
-  Histogram lookups;
+  Histogram all;
   // The worst of each two-hundredth of the growth, by entries.
-  std::array<std::uint64_t, SLICES> worstInserts{};
-  std::array<std::uint64_t, SLICES> worstLookups{};
+  std::array<std::uint64_t, SLICES> worstOfSlices{};
+
+  // Runs `call` and notes how long it took; `progress` of `entries` is how far the table has grown.
+  template <class Call>
+  bool Time(std::uint64_t progress, std::uint64_t entries, const Call& call) {
+    const Clock::time_point begin = Clock::now();
+    const bool result = call();
+    const auto time = static_cast<std::uint64_t>(std::chrono::nanoseconds(Clock::now() - begin).count());
+    all.Add(time);
+    std::uint64_t& worst = worstOfSlices[progress * SLICES / entries];
+    worst = std::max(worst, time);
+    return result;
+  }
 };
 
-template <class Step>
-std::uint64_t TimeOf(const Step& step) {
-  const Clock::time_point begin = Clock::now();
-  step();
-  return static_cast<std::uint64_t>(std::chrono::nanoseconds(Clock::now() - begin).count());
-}
+struct GrowthLatency {
+  CallTimes inserts;
+  CallTimes lookups;
+};
 
 // One inserting thread, one that looks up keys whose insert has returned, chosen at random.
 template <class Subject>
@@ -40,7 +48,6 @@ GrowthLatency MeasureGrowth(std::uint64_t entries, std::uint64_t firstEntries) {
   for (std::uint64_t i = 0; i < firstEntries; ++i) {
     subject.Insert(KeyAt(i), ValueOf(KeyAt(i)));
   }
-  const auto slice = [entries](std::uint64_t n) { return n * GrowthLatency::SLICES / entries; };
   // Release and acquire: whoever sees the number may expect the keys.
   std::atomic<std::uint64_t> inserted{firstEntries};
   std::thread reader([&] {
@@ -52,24 +59,16 @@ GrowthLatency MeasureGrowth(std::uint64_t entries, std::uint64_t firstEntries) {
         break;
       }
       const long key = KeyAt(random.Below(present));
-      bool found = false;
-      const std::uint64_t time = TimeOf([&] { found = subject.Find(key, sum); });
-      Check(found, "a key whose insert has returned is found while the table grows");
-      result.lookups.Add(time);
-      std::uint64_t& worst = result.worstLookups[slice(present)];
-      worst = std::max(worst, time);
+      Check(result.lookups.Time(present, entries, [&] { return subject.Find(key, sum); }),
+            "a key whose insert has returned is found while the table grows");
     }
   });
   for (std::uint64_t i = firstEntries; i < entries; ++i) {
     const long key = KeyAt(i);
     const Value value = ValueOf(key);
-    bool created = false;
-    const std::uint64_t time = TimeOf([&] { created = subject.Insert(key, value); });
-    Check(created, "a new key is inserted while the table grows");
+    Check(result.inserts.Time(i, entries, [&] { return subject.Insert(key, value); }),
+          "a new key is inserted while the table grows");
     inserted.store(i + 1, std::memory_order_release);
-    result.inserts.Add(time);
-    std::uint64_t& worst = result.worstInserts[slice(i)];
-    worst = std::max(worst, time);
   }
   reader.join();
   return result;

@@ -46,6 +46,12 @@ struct TrainingKeys {
   std::uint64_t distinctKeys = 0;
 };
 
+// The keys of a batch.
+inline constexpr std::uint64_t BATCH_KEYS = 256;
+
+// What a table is made for that grows to all entries.
+inline constexpr std::uint64_t SMALL_TABLE = 1000;
+
 struct KeySets {
   std::vector<long> present;  // every key that is built, in the order of building
   std::vector<long> hits;     // as many, each chosen at random among those

@@ -27,13 +27,11 @@ MachineLimits::MachineLimits(std::uint64_t bytes, unsigned threads)
   std::memset(m_range.Data(), 1, Bytes());
 }
 
-MachineLimits::Rates MachineLimits::Measure() const {
-  Rates rates;
-  rates.lineNanoseconds = RandomLineNanoseconds(m_threads);
-  rates.bytesASecond = SequentialBytesASecond(m_threads);
-  rates.oneThreadLineNanoseconds = RandomLineNanoseconds(1);
-  rates.oneThreadBytesASecond = SequentialBytesASecond(1);
-  return rates;
+Figures MachineLimits::Measure() const {
+  return {{"lineNanoseconds", RandomLineNanoseconds(m_threads)},
+          {"bytesASecond", SequentialBytesASecond(m_threads)},
+          {"oneThreadLineNanoseconds", RandomLineNanoseconds(1)},
+          {"oneThreadBytesASecond", SequentialBytesASecond(1)}};
 }
 
 double MachineLimits::RandomLineNanoseconds(unsigned threads) const {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "figures.h"
 #include "huge_range.h"
 
 namespace Bench {
@@ -12,16 +13,10 @@ class MachineLimits {
   // `bytes` is the range that is accessed: as much memory as the tables use.
   MachineLimits(std::uint64_t bytes, unsigned threads);
 
-  struct Rates {
-    double lineNanoseconds = 0;  // a cache line at a random place, of all threads together
-    double bytesASecond = 0;     // in order, of all threads together
-    double oneThreadLineNanoseconds = 0;
-    double oneThreadBytesASecond = 0;
-  };
-
-  // Of one round. Every line is read independently of the others and requested some lines ahead; pages are huge where
-  // the system gives them.
-  Rates Measure() const;
+  // Of one round: "lineNanoseconds", a cache line at a random place, and "bytesASecond", in order, of all threads
+  // together; and both of one thread. Every line is read independently of the others and requested some lines ahead;
+  // pages are huge where the system gives them.
+  Figures Measure() const;
 
   std::uint64_t Bytes() const { return m_lines * LINE_BYTES; }
 

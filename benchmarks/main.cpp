@@ -1,35 +1,53 @@
 // Kavo's tables beside the maps that one would use instead, and beside what the machine's memory allows. Every table
-// does the same work in one process, in rounds.
+// does the same work in one process, in rounds. Writes what it measured to the standard output, as JSON: every sample,
+// by round; report.py makes tables and plots of them.
 #include <fmt/core.h>
 #include <malloc.h>
 #include <oneapi/tbb/scalable_allocator.h>
+#include <oneapi/tbb/version.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "kavo_layout.h"
-#include "report.h"
-#include "results.h"
+#include "log_lines.h"
+#include "machine_limits.h"
 #include "subject_entry.h"
-#include "subjects/kavo_subject.h"
-#include "tables.h"
+#include "workload_rows.h"
 
 namespace {
 
 using namespace Bench;
+using Json = nlohmann::ordered_json;
+using Subjects = std::vector<SubjectEntry>;
 
 struct Options {
   std::uint64_t entries = 1'000'000;
   unsigned threads = 2;
   unsigned rounds = 0;
-  bool report = false;
-  std::string reportTo = BENCH_DOCS_FOLDER;
-  std::string residentOf;
-  int fill = 0;
+  std::string memoryOf;
+  unsigned fill = GROWN;
 };
 
 constexpr std::uint64_t MANY_ENTRIES = 4'000'000;
 constexpr unsigned MAX_LATENCY_ROUNDS = 3;
+
+// In the order of the report; the first is the measure of all.
+Subjects AllSubjects() {
+  return {TbbEntry(), CuckooEntry(), KavoWholeEntry(), KavoGradualEntry(), FloorEntry(), BareMemoryEntry()};
+}
+
+// Those that have what `member` points to.
+template <class Member>
+Subjects SubjectsWith(Member SubjectEntry::*member) {
+  Subjects subjects = AllSubjects();
+  std::erase_if(subjects, [member](const SubjectEntry& subject) { return subject.*member == nullptr; });
+  return subjects;
+}
 
 void Say(const std::string& text) {
   fmt::print(stderr, "{}\n", text);
@@ -42,101 +60,126 @@ void ReturnFreedMemory() {
   ::scalable_allocation_command(TBBMALLOC_CLEAN_ALL_BUFFERS, nullptr);
 }
 
-void RunRounds(const Options& options, Results& results) {
-  const std::vector<SubjectEntry>& subjects = Subjects();
+// Another order in each round.
+template <class Step>
+void EachInTurn(const Subjects& subjects, unsigned round, const Step& step) {
+  for (std::size_t i = 0; i < subjects.size(); ++i) {
+    step(subjects[(i + round) % subjects.size()]);
+    ReturnFreedMemory();
+  }
+}
+
+void RunRounds(const Options& options, Json& results) {
+  const Subjects subjects = SubjectsWith(&SubjectEntry::round);
   const KeySets keys = MakeKeySets(options.entries);
-  results.rows = RowInfos(options.entries, keys);
-  for (const SubjectEntry& subject : subjects) {
-    results.times.push_back({subject.name, {}});
+  Json& workloads = results["workloads"];
+  for (const Row& row : Rows(keys)) {
+    workloads[row.id] = {{"title", row.title},
+                         {"comparedWith", row.comparedWith},
+                         {"threads", row.oneThread ? 1 : options.threads},
+                         {"lines", row.lines},
+                         {"bytes", row.bytes},
+                         {"nanoseconds", Json::object()}};
   }
   // As much memory as the cells and blocks of a pre-sized table.
   const MachineLimits limits(CELL_BYTES * PreSizedCells(options.entries) + BLOCK_BYTES * options.entries,
                              options.threads);
-  results.limitRangeBytes = limits.Bytes();
+  results["limits"] = {{"rangeBytes", limits.Bytes()}, {"rounds", Json::array()}};
   for (unsigned round = 0; round < options.rounds; ++round) {
     Say(fmt::format("round {} of {}", round + 1, options.rounds));
-    results.limits.push_back(limits.Measure());
-    for (std::size_t i = 0; i < subjects.size(); ++i) {
-      const std::size_t turn = (i + round) % subjects.size();
-      const RoundTimes times = subjects[turn].round(keys, options.threads);
-      ReturnFreedMemory();
-      for (std::size_t row = 0; row < ROWS; ++row) {
-        if (times[row]) {
-          results.times[turn].nanoseconds[row].push_back(*times[row]);
-        }
+    results["limits"]["rounds"].push_back(limits.Measure());
+    EachInTurn(subjects, round, [&](const SubjectEntry& subject) {
+      for (const auto& [row, nanoseconds] : subject.round(keys, options.threads)) {
+        workloads.at(row)["nanoseconds"][subject.name].push_back(nanoseconds);
       }
-    }
+    });
   }
 }
 
-void RunGrowth(const Options& options, Results& results) {
-  std::vector<SubjectEntry> subjects;
-  for (const SubjectEntry& subject : Subjects()) {
-    if (subject.growthLatency != nullptr) {
-      subjects.push_back(subject);
-    }
+// How long calls take: by the share of them that is slower, and the worst.
+Json InJson(const CallTimes& times) {
+  Json slower;
+  for (const double share : {0.5, 0.2, 0.1, 0.05, 0.02, 0.01, 5e-3, 2e-3, 1e-3, 5e-4, 2e-4, 1e-4, 5e-5, 2e-5, 1e-5}) {
+    slower[fmt::format("{:f}", share)] = times.all.Quantile(1 - share);
   }
-  subjects.push_back(BareMemoryOnly());
-  for (const SubjectEntry& subject : subjects) {
-    results.latencies.push_back({subject.name, {}});
-  }
-  for (unsigned round = 0; round < results.latencyRounds; ++round) {
-    Say(fmt::format("growth, round {} of {}", round + 1, results.latencyRounds));
-    for (std::size_t i = 0; i < subjects.size(); ++i) {
-      const std::size_t turn = (i + round) % subjects.size();
-      results.latencies[turn].rounds.push_back(subjects[turn].growthLatency(options.entries));
-      ReturnFreedMemory();
-    }
+  return {{"slower", slower}, {"worst", times.all.Worst()}, {"worstOfSlices", times.worstOfSlices}};
+}
+
+void RunGrowth(const Options& options, Json& results) {
+  const unsigned rounds = std::min(options.rounds, MAX_LATENCY_ROUNDS);
+  results["latencyRounds"] = rounds;
+  Json& growth = results["growthNanoseconds"];
+  for (unsigned round = 0; round < rounds; ++round) {
+    Say(fmt::format("growth, round {} of {}", round + 1, rounds));
+    EachInTurn(SubjectsWith(&SubjectEntry::growthLatency), round, [&](const SubjectEntry& subject) {
+      const GrowthLatency latency = subject.growthLatency(options.entries);
+      growth[subject.name]["insert"].push_back(InJson(latency.inserts));
+      growth[subject.name]["lookup"].push_back(InJson(latency.lookups));
+    });
   }
 }
 
-void RunResidents(const Options& options, Results& results) {
+// Runs this program again for one table.
+Json MeasureInChild(const Options& options, const SubjectEntry& subject, Fill fill) {
+  const std::string command = fmt::format("'{}' --entries {} --threads {} --memory-of '{}' --fill {}",
+                                          std::filesystem::read_symlink("/proc/self/exe").string(), options.entries,
+                                          options.threads, subject.name, static_cast<unsigned>(fill));
+  std::FILE* const output = ::popen(command.c_str(), "r");
+  Check(output != nullptr, "a child process");
+  Json measured = Json::parse(output, nullptr, false);
+  Check(::pclose(output) == 0 && measured.is_object(), "the child process measured");
+  return measured;
+}
+
+void RunResidents(const Options& options, Json& results) {
   Say("memory");
-  for (const SubjectEntry& subject : Subjects()) {
+  for (const SubjectEntry& subject : AllSubjects()) {
     for (const Fill fill : subject.fills) {
-      results.residents.push_back(
-          {subject.name, fill, MeasureInChild(subject.name, fill, options.entries, options.threads)});
+      Json measured = {{"table", subject.name}, {"fill", FILL_NAMES.at(fill)}};
+      measured.update(MeasureInChild(options, subject, fill));
+      results["memory"].push_back(std::move(measured));
     }
   }
 }
 
-int RunAll(const Options& options) {
+Json RunAll(const Options& options) {
   const Clock::time_point begin = Clock::now();
-  Results results;
-  results.entries = options.entries;
-  results.threads = options.threads;
-  results.rounds = options.rounds;
-  results.latencyRounds = std::min(options.rounds, MAX_LATENCY_ROUNDS);
+#ifdef __clang__
+  const char* const compiler = "clang " __clang_version__;
+#else
+  const char* const compiler = "g++ " __VERSION__;
+#endif
+  Json results = {{"compiler", compiler},
+                  {"oneTbbVersion", fmt::format("{}.{}.{}", TBB_VERSION_MAJOR, TBB_VERSION_MINOR, TBB_VERSION_PATCH)},
+                  {"entries", options.entries},
+                  {"threads", options.threads},
+                  {"rounds", options.rounds},
+                  {"valueBytes", VALUE_BYTES},
+                  {"cellBytes", CELL_BYTES},
+                  {"blockBytes", BLOCK_BYTES},
+                  {"wholeValueLines", WHOLE_VALUE_LINES},
+                  {"grownEntryBytes", GROWN_ENTRY_BYTES}};
   RunResidents(options, results);
   RunRounds(options, results);
   RunGrowth(options, results);
-  results.seconds = Seconds(Clock::now() - begin);
-  for (const TextTable& table : Tables(results)) {
-    fmt::print("{}\n", table.Plain());
-  }
-  fmt::print("took {:.0f} s\n", results.seconds);
-  if (options.report) {
-    WriteReport(results, options.reportTo,
-                fmt::format("./run bench --entries {} --threads {} --rounds {} --report", options.entries,
-                            options.threads, options.rounds));
-    fmt::print("wrote {}/performance.md and {}/performance/\n", options.reportTo, options.reportTo);
-  }
-  return 0;
+  results["seconds"] = Seconds(Clock::now() - begin);
+  return results;
 }
 
 // What this program does when it was started by itself for one measurement of memory.
-int RunResident(const Options& options) {
-  const SubjectEntry* const subject = FindSubject(options.residentOf);
-  Check(subject != nullptr, "the table of this name exists");
-  PrintResident(subject->resident(static_cast<Fill>(options.fill), options.entries, options.threads));
-  return 0;
+Json RunResident(const Options& options) {
+  const Subjects subjects = AllSubjects();
+  const auto subject = std::find_if(subjects.begin(), subjects.end(),
+                                    [&](const SubjectEntry& entry) { return entry.name == options.memoryOf; });
+  Check(subject != subjects.end(), "the table of this name exists");
+  return subject->resident(static_cast<Fill>(options.fill), options.entries, options.threads);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
-  CLI::App app("Kavo's tables beside the maps that one would use instead, and beside what the memory allows.");
+  CLI::App app("Measures Kavo's tables beside the maps that one would use instead; writes JSON.");
   app.add_option("--entries", options.entries, "entries of each table, 10,000 to 1,000,000,000")
       ->capture_default_str()
       ->check(CLI::Range(std::uint64_t{10'000}, std::uint64_t{1'000'000'000}));
@@ -145,14 +188,14 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1U, 256U));
   app.add_option("--rounds", options.rounds, "rounds of each workload (5, or 3 for many entries)")
       ->check(CLI::Range(1U, 100U));
-  app.add_flag("--report", options.report, "write performance.md, the numbers and the plots");
-  app.add_option("--report-to", options.reportTo, "the folder that the report goes to")->capture_default_str();
-  app.add_option("--resident-of", options.residentOf)->group("");
+  app.add_option("--memory-of", options.memoryOf)->group("");
   app.add_option("--fill", options.fill)->group("");
   CLI11_PARSE(app, argc, argv);
   if (options.rounds == 0) {
     options.rounds = options.entries <= MANY_ENTRIES ? 5 : 3;
   }
-  SilenceKavo();
-  return options.residentOf.empty() ? RunAll(options) : RunResident(options);
+  DropLogLines();
+  const Json results = options.memoryOf.empty() ? RunAll(options) : RunResident(options);
+  fmt::print("{}\n", results.dump());
+  return 0;
 }

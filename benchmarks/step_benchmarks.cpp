@@ -12,6 +12,7 @@
 
 #include "check.h"
 #include "keys.h"
+#include "log_lines.h"
 #include "value.h"
 
 namespace {
@@ -21,13 +22,7 @@ using namespace Bench;
 constexpr unsigned SMALL_ID = 7;     // found with one array access
 constexpr unsigned LARGE_ID = 4711;  // behind a shared lock and a hash lookup
 constexpr std::uint64_t ENTRIES = 4096;
-constexpr std::uint64_t BATCH = 256;
-
-void DropLogLines() {
-  const KavoLogSink sink{[](void*, unsigned, int) { return 0; }, [](void*, unsigned, int, const char*, va_list) {},
-                         nullptr};
-  Check(KavoSetLogSink(&sink) == KAVO_SUCCESS, "KavoSetLogSink");
-}
+constexpr std::uint64_t BATCH = BATCH_KEYS;
 
 void Insert(unsigned id, long key) {
   Value value = ValueOf(key);

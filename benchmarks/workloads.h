@@ -5,14 +5,12 @@
 #include <vector>
 
 #include "check.h"
+#include "figures.h"
 #include "keys.h"
 #include "parallel.h"
-#include "subject_entry.h"
 #include "value.h"
 
 namespace Bench {
-
-inline constexpr std::uint64_t SMALL_TABLE = 1000;
 
 // Calls `step(begin, num)` for each batch of a range.
 template <class Step>
@@ -176,47 +174,47 @@ class Round {
  public:
   Round(const KeySets& keys, unsigned threads) : m_keys(keys), m_threads(threads) {}
 
-  RoundTimes Run() {
+  Figures Run() {
     if constexpr (Subject::GROWS) {
       GrownTable();
     }
     SizedTable();
     if constexpr (HasBatchInsert<Subject>) {
       if constexpr (Subject::GROWS) {
-        BatchBuild(BUILD_SMALL_BATCH, SMALL_TABLE);
+        BatchBuild("build_small_batch", SMALL_TABLE);
       }
-      BatchBuild(BUILD_SIZED_BATCH, m_keys.present.size());
+      BatchBuild("build_sized_batch", m_keys.present.size());
     }
-    return m_times;
+    return m_nanoseconds;
   }
 
  private:
   void GrownTable() {
     Subject subject(SMALL_TABLE);
     Workloads<Subject> workloads(subject, m_threads);
-    Note(BUILD_SMALL, workloads.Build(m_keys.present), m_keys.present.size());
-    NoteHits(HIT_GROWN, workloads.Find(m_keys.hits));
+    Note("build_small", workloads.Build(m_keys.present), m_keys.present.size());
+    NoteHits("hit_grown", workloads.Find(m_keys.hits));
   }
 
   void SizedTable() {
     const std::uint64_t entries = m_keys.present.size();
     Subject subject(entries);
     Workloads<Subject> workloads(subject, m_threads);
-    Note(BUILD_SIZED, workloads.Build(m_keys.present), entries);
-    NoteHits(HIT, workloads.Find(m_keys.hits));
-    NoteHits(BATCH_HIT, workloads.FindInBatches(m_keys.hits));
-    NoteHits(BATCH_COPY, workloads.CopyInBatches(m_keys.hits));
-    NoteOf(MISS, workloads.Find(m_keys.misses), m_keys.misses.size(), 0);
-    NoteOf(BATCH_MISS, workloads.FindInBatches(m_keys.misses), m_keys.misses.size(), 0);
-    Note(EXPORT, workloads.Export(false), entries);
-    Note(EXPORT_VALUES, workloads.Export(true), entries);
-    NoteOf(TRAINING, workloads.TrainInBatches(m_keys.training.keys), entries, m_keys.training.newKeys);
+    Note("build_sized", workloads.Build(m_keys.present), entries);
+    NoteHits("hit", workloads.Find(m_keys.hits));
+    NoteHits("batch_hit", workloads.FindInBatches(m_keys.hits));
+    NoteHits("batch_copy", workloads.CopyInBatches(m_keys.hits));
+    NoteOf("miss", workloads.Find(m_keys.misses), m_keys.misses.size(), 0);
+    NoteOf("batch_miss", workloads.FindInBatches(m_keys.misses), m_keys.misses.size(), 0);
+    Note("export", workloads.Export(false), entries);
+    Note("export_values", workloads.Export(true), entries);
+    NoteOf("training", workloads.TrainInBatches(m_keys.training.keys), entries, m_keys.training.newKeys);
     if constexpr (HasBatchLookup<Subject>) {
-      NoteOf(TRAINING_SINGLE, workloads.Train(m_keys.furtherTraining.keys), entries, m_keys.furtherTraining.newKeys);
+      NoteOf("training_single", workloads.Train(m_keys.furtherTraining.keys), entries, m_keys.furtherTraining.newKeys);
     }
   }
 
-  void BatchBuild(Row row, std::uint64_t expected) {
+  void BatchBuild(const char* row, std::uint64_t expected) {
     if constexpr (HasBatchInsert<Subject>) {
       Subject subject(expected);
       Workloads<Subject> workloads(subject, m_threads);
@@ -226,22 +224,22 @@ class Round {
     }
   }
 
-  void NoteHits(Row row, const Measured& measured) {
+  void NoteHits(const char* row, const Measured& measured) {
     Check(measured.tally.sum == m_keys.hitSum, "every hit gives the value of its key");
     Note(row, measured, m_keys.hits.size());
   }
   // Each operation counted.
-  void Note(Row row, const Measured& measured, std::uint64_t operations) {
+  void Note(const char* row, const Measured& measured, std::uint64_t operations) {
     NoteOf(row, measured, operations, operations);
   }
-  void NoteOf(Row row, const Measured& measured, std::uint64_t operations, std::uint64_t expectedCount) {
+  void NoteOf(const char* row, const Measured& measured, std::uint64_t operations, std::uint64_t expectedCount) {
     Check(measured.tally.count == expectedCount, "a workload counts what it must");
-    m_times[row] = measured.seconds * 1e9 / static_cast<double>(operations);
+    m_nanoseconds[row] = measured.seconds * 1e9 / static_cast<double>(operations);
   }
 
   const KeySets& m_keys;
   unsigned m_threads;
-  RoundTimes m_times;
+  Figures m_nanoseconds;
 };
 
 }  // namespace Bench

@@ -34,7 +34,7 @@ class BareMemory {
 
 }  // namespace
 
-SubjectEntry BareMemoryOnly() {
+SubjectEntry BareMemoryEntry() {
   return {"bare memory",
           nullptr,
           [](std::uint64_t entries) { return MeasureGrowth<BareMemory>(entries, entries / GROWTH); },

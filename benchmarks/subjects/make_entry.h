@@ -1,7 +1,5 @@
 #pragma once
 
-#include "growth_latency.h"
-#include "resident_fill.h"
 #include "subject_entry.h"
 #include "workloads.h"
 
