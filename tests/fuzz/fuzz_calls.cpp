@@ -1,23 +1,13 @@
 // Makes the calls that a byte string stands for, on the library and on the reference model. A difference between the
 // two ends the process, after the sequence that led to it, as does whatever a sanitizer finds.
-#include "fuzz/fuzz_calls.h"
-
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 
-#include "fuzz/call_decoder.h"
+#include "model/call_runner.h"
 
-namespace {
-
-KavoTest::CallStatistics g_statistics;
-
-}  // namespace
-
-const KavoTest::CallStatistics& KavoTest::FuzzStatistics() {
-  return g_statistics;
-}
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const KavoTest::Sequence sequence = KavoTest::DecodeCalls(data, size);
   KavoTest::CallRunner runner;
   try {
@@ -32,6 +22,5 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::cerr << "mismatch: " << mismatch.what() << std::endl;
     std::abort();
   }
-  g_statistics.Add(runner.Statistics());
   return 0;
 }

@@ -3,20 +3,21 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <iosfwd>
 #include <vector>
 
 namespace KavoTest {
 
 enum class Function : unsigned char {
-  INIT_TABLE,
-  UNINIT_TABLE,
   LOOKUP,
   LOOKUP_FOR_UPDATE,
   UPDATE,
   INSERT,
   INSERT_OR_UPDATE,
   LOOKUP_OR_INSERT,
+  INIT_TABLE,
+  UNINIT_TABLE,
   SET_FILTER_FREQ,
   PREPARE_MEM,
   GET_MEM,
@@ -30,7 +31,6 @@ enum class Function : unsigned char {
   UNINIT_PARTITION_MAP,
   QUERY_PS_ID,
   BATCH_PS_IDS,
-  SET_LOG_SINK,
   // Steps of the caller itself.
   WALK,         // a whole export, from its first batch to its last
   SPOIL_CURSOR  // forgets a cursor, or puts an address in its place that is none
@@ -65,9 +65,6 @@ long KeyOf(KeyFamily family, unsigned index);
 enum class Source : unsigned char { BUFFER, NOTHING, OWN_VALUE, OVERLAPPING, OTHER_VALUE };
 inline constexpr unsigned SOURCE_COUNT = static_cast<unsigned>(Source::OTHER_VALUE) + 1;
 
-enum class Length : unsigned char { RIGHT, ONE_LESS, ONE_MORE, ZERO, HUGE_LENGTH };
-inline constexpr unsigned LENGTH_COUNT = static_cast<unsigned>(Length::HUGE_LENGTH) + 1;
-
 inline constexpr std::array<unsigned, 5> TABLE_IDS{3, 1024, 1023, 4294967295U, 70000};
 inline constexpr unsigned CURSOR_COUNT = 4;
 
@@ -79,21 +76,26 @@ struct Call {
   unsigned count = 1;  // the call is made so often, with consecutive keys or indexes where it has them; or the keys of
                        // a batch
   Source source = Source::BUFFER;
-  Length length = Length::RIGHT;
+  unsigned tooLong = 0;         // what is said of a value's length is so much more than is right, or, wrapped, less
   unsigned number = 0;          // size, filterCount, freq, eleNum, psNum, or num
   unsigned kind = 0;            // table type, state, export mode, partitionNum, admittedOnly, or kind of batch
   unsigned valueLen = 8;        // of a new table
   unsigned long long wide = 0;  // index of prepared memory, or key of the partition map
   unsigned cursor = 0;
-  unsigned nulls = 0;       // a bit for each pointer argument that is null, the first one lowest
   unsigned char bytes = 0;  // from which the value is made; odd for a table that grows gradually
   bool writes = false;      // after a success, the caller writes the value in place
-
-  bool IsNull(unsigned pointer) const { return (nulls >> pointer & 1U) != 0; }
 };
 
 using Sequence = std::vector<Call>;
 
 std::ostream& operator<<(std::ostream& out, const Call& call);
+
+// Any byte string is a sequence of calls: the first CALL_BYTES say which tables there are and which keys are used, each
+// further CALL_BYTES are one call, and what is left over is ignored. Zero bytes give the simplest of all. Sequences
+// stay small (few calls, few keys, small tables, short values); numbers that cost nothing take hostile values too.
+// Weighted so that calls meet, many sequences grow a table several times, and many fill the reach of a bucket, which
+// then gets an overflow map.
+inline constexpr std::size_t CALL_BYTES = 12;
+Sequence DecodeCalls(const unsigned char* data, std::size_t size);
 
 }  // namespace KavoTest

@@ -1,57 +1,55 @@
 #include "model/call_runner.h"
 
+#include <climits>
 #include <cstring>
 #include <string>
 
-#include "model/call_outputs.h"
-
 namespace KavoTest {
-namespace {
 
-bool HasMapMissText(const char* format) {
-  return std::strstr(format, "key is not exist in map!") != nullptr;
+LineCounts& CountedLines() {
+  thread_local LineCounts counts;
+  return counts;
 }
 
-}  // namespace
-
-void CallStatistics::Add(const CallStatistics& other) {
-  for (unsigned i = 0; i < FUNCTION_COUNT; ++i) {
-    succeeded[i] += other.succeeded[i];
-    failed[i] += other.failed[i];
+void CountLine(int level, const char* format) {
+  if (std::strstr(format, "key is not exist in map!") != nullptr) {
+    ++CountedLines().mapMisses;
+  } else if (level >= KAVO_LOG_LEVEL_WARN) {
+    ++CountedLines().failures;
+  } else if (std::strstr(format, "is deleted, root is") != nullptr) {
+    ++CountedLines().growths;
   }
-  growths += other.growths;
-  mapMisses += other.mapMisses;
 }
 
 CallRunner::CallRunner() {
-  Call call;
-  call.function = Function::SET_LOG_SINK;
-  SetLogSink(call);
+  const KavoLogSink sink{[](void*, unsigned, int) { return 1; },
+                         [](void*, unsigned, int level, const char* format, va_list) { CountLine(level, format); },
+                         nullptr};
+  ExpectEqual(KavoSetLogSink(&sink), KAVO_SUCCESS, "status of a new sink");
+}
+
+CallRunner::CallRunner(unsigned id, ModelTable table, unsigned share, unsigned shares)
+    : m_share(share), m_shares(shares) {
+  m_ids.fill(id);
+  m_model.AdoptTable(id, std::move(table));
 }
 
 // Whatever a mismatch has left behind goes too.
 CallRunner::~CallRunner() {
-  for (const unsigned id : TABLE_IDS) {
+  if (m_shares != 0) {
+    return;
+  }
+  for (const unsigned id : m_ids) {
     static_cast<void>(KavoUninitHashTable(id));
   }
   static_cast<void>(::UninitPartitionMap());
   static_cast<void>(KavoSetLogSink(nullptr));
 }
 
-int CallRunner::WantsLines(void* /* context */, unsigned /* channel */, int /* level */) {
-  return 1;
-}
-
-void CallRunner::TakeLine(void* context, unsigned /* channel */, int level, const char* format,
-                          va_list /* arguments */) {
-  CallRunner& runner = *static_cast<CallRunner*>(context);
-  if (HasMapMissText(format)) {
-    ++runner.m_statistics.mapMisses;
-  } else if (level >= KAVO_LOG_LEVEL_WARN) {
-    ++runner.m_failureLines;
-  } else if (std::strstr(format, "is deleted, root is") != nullptr) {
-    ++runner.m_statistics.growths;
-  }
+long CallRunner::KeyFor(const Call& call, unsigned offset) const {
+  const long key = KeyOf(call.family, call.index + offset);
+  const long shares = static_cast<long>(m_shares);
+  return key < 0 || m_shares == 0 ? key : key % (LONG_MAX / shares) * shares + static_cast<long>(m_share);
 }
 
 void CallRunner::Run(const Call& call) {
@@ -68,8 +66,8 @@ void CallRunner::Run(const Call& call) {
 }
 
 void CallRunner::RunOnce(const Call& call, unsigned repetition) {
-  const unsigned id = TABLE_IDS[call.table];
-  const long key = KeyOf(call.family, call.index + repetition);
+  const unsigned id = m_ids[call.table];
+  const long key = KeyFor(call, repetition);
   switch (call.function) {
     case Function::INIT_TABLE:
       return InitTable(call, id);
@@ -94,7 +92,7 @@ void CallRunner::RunOnce(const Call& call, unsigned repetition) {
     case Function::SIZE_AND_LENGTH:
       return SizeAndLength(call, id);
     case Function::BATCH_GET_NEXT:
-      return BatchGetNext(id, call.number, call.kind, call.nulls, m_cursors[call.cursor]);
+      return BatchGetNext(id, call.number, call.kind, m_cursors[call.cursor]);
     case Function::BATCH_LOOKUP:
       return BatchLookup(call, id);
     case Function::BATCH_GATHER:
@@ -111,19 +109,11 @@ void CallRunner::RunOnce(const Call& call, unsigned repetition) {
       return QueryPsId(call, call.wide + repetition);
     case Function::BATCH_PS_IDS:
       return BatchPsIds(call);
-    case Function::SET_LOG_SINK:
-      return SetLogSink(call);
     case Function::WALK:
       return Walk(id, call.number, call.kind);
     default:
       return SpoilCursor(call);
   }
-}
-
-// The runner's own sink again, or one that is refused, and then the runner's own stays.
-void CallRunner::SetLogSink(const Call& call) {
-  const KavoLogSink sink{&CallRunner::WantsLines, Unless(call.IsNull(0), &CallRunner::TakeLine), this};
-  Compare(call.function, call.IsNull(0) ? KAVO_INVALID : KAVO_SUCCESS, [&sink] { return KavoSetLogSink(&sink); });
 }
 
 void CallRunner::InitTable(const Call& call, unsigned id) {

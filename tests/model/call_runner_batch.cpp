@@ -3,22 +3,19 @@
 #include <cstring>
 #include <vector>
 
-#include "model/call_inputs.h"
-#include "model/call_outputs.h"
 #include "model/call_runner.h"
 
 namespace KavoTest {
-namespace {
 
 // In some batches keys repeat, in some the last one is negative, some are empty.
-std::vector<long> KeysOf(const Call& call) {
+std::vector<long> CallRunner::KeysFor(const Call& call) const {
   constexpr unsigned EMPTY = 7;
   constexpr unsigned LAST_IS_NEGATIVE = 3;
   std::vector<long> keys(call.kind == EMPTY ? 0 : call.count);
   keys.reserve(1);  // an array that is empty is not null
   const unsigned period = call.kind % 2 == 1 ? call.count / 2 + 1 : call.count;
   for (unsigned i = 0; i < keys.size(); ++i) {
-    keys[i] = KeyOf(call.family, call.index + i % period);
+    keys[i] = KeyFor(call, i % period);
   }
   if (call.kind == LAST_IS_NEGATIVE) {
     keys.back() = -1 - keys.back();
@@ -26,30 +23,24 @@ std::vector<long> KeysOf(const Call& call) {
   return keys;
 }
 
-}  // namespace
-
-bool CallRunner::IsRefused(unsigned id, const std::vector<long>& keys, bool hasPointers) {
-  return !hasPointers || m_model.Table(id) == nullptr ||
-         std::any_of(keys.begin(), keys.end(), [](long key) { return key < 0; });
+bool CallRunner::IsRefused(unsigned id, const std::vector<long>& keys) {
+  return m_model.Table(id) == nullptr || std::any_of(keys.begin(), keys.end(), [](long key) { return key < 0; });
 }
 
 // `make` makes the call. No key of it may have a line of its own.
 template <class Make>
 void CallRunner::CompareBatch(const Call& call, bool isRefused, Make make) {
-  const unsigned long mapMisses = m_statistics.mapMisses;
+  const unsigned long mapMisses = CountedLines().mapMisses;
   Compare(call.function, isRefused ? KAVO_INVALID : KAVO_SUCCESS, make);
-  ExpectEqual(m_statistics.mapMisses, mapMisses, "map misses logged");
+  ExpectEqual(CountedLines().mapMisses, mapMisses, "map misses logged");
 }
 
 void CallRunner::BatchLookup(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysOf(call);
-  const bool refused = IsRefused(id, keys, !call.IsNull(0) && !call.IsNull(1) && !call.IsNull(2));
+  const std::vector<long> keys = KeysFor(call);
+  const bool refused = IsRefused(id, keys);
   std::vector<unsigned char*> values(keys.size() + 1, &g_noValue);  // one more, not to be written
   unsigned long long found = NO_COUNT;
-  CompareBatch(call, refused, [&] {
-    return KavoBatchLookup(id, Unless(call.IsNull(0), keys.data()), keys.size(), Unless(call.IsNull(1), values.data()),
-                           Unless(call.IsNull(2), &found));
-  });
+  CompareBatch(call, refused, [&] { return KavoBatchLookup(id, keys.data(), keys.size(), values.data(), &found); });
   unsigned long long wanted = 0;
   for (std::size_t i = 0; i < keys.size() && !refused; ++i) {
     ModelTable& table = *m_model.Table(id);
@@ -66,11 +57,11 @@ void CallRunner::BatchLookup(const Call& call, unsigned id) {
 }
 
 void CallRunner::BatchGather(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysOf(call);
+  const std::vector<long> keys = KeysFor(call);
   ModelTable* const table = m_model.Table(id);
   const unsigned right = table == nullptr ? 8 : table->valueLen;
-  const unsigned length = LengthOf(call, right);
-  const bool refused = IsRefused(id, keys, !call.IsNull(0) && !call.IsNull(1)) || length != right;
+  const unsigned length = right + call.tooLong;
+  const bool refused = IsRefused(id, keys) || length != right;
   const Bytes absent = call.writes ? ValueFor(call.bytes, 0, right) : Bytes(right);
   Bytes rows(keys.size() * right, 0xA5);
   Bytes wanted = rows;
@@ -79,28 +70,25 @@ void CallRunner::BatchGather(const Call& call, unsigned id) {
     const Bytes& row = entry == nullptr || !entry->admitted ? absent : entry->bytes;
     std::copy(row.begin(), row.end(), &wanted[i * right]);
   }
-  rows.reserve(1);  // as in KeysOf
+  rows.reserve(1);  // as in KeysFor
   CompareBatch(call, refused, [&] {
-    return KavoBatchGather(id, Unless(call.IsNull(0), keys.data()), keys.size(), Unless(call.IsNull(1), rows.data()),
-                           length, Unless(!call.writes, absent.data()));
+    return KavoBatchGather(id, keys.data(), keys.size(), rows.data(), length, call.writes ? absent.data() : nullptr);
   });
   Expect(rows == wanted, "wrong rows");
 }
 
 void CallRunner::BatchLookupOrInsert(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysOf(call);
-  const bool refused = IsRefused(id, keys, !call.IsNull(0) && !call.IsNull(1) && !call.IsNull(2) && !call.IsNull(3));
+  const std::vector<long> keys = KeysFor(call);
+  const bool refused = IsRefused(id, keys);
   std::vector<unsigned char*> values(keys.size() + 1, &g_noValue);
   std::vector<unsigned> isFind(keys.size() + 1, NO_NUMBER);
   unsigned long long done = NO_COUNT;
   CompareBatch(call, refused, [&] {
-    return KavoBatchLookupOrInsert(id, Unless(call.IsNull(0), keys.data()), keys.size(),
-                                   Unless(call.IsNull(1), values.data()), Unless(call.IsNull(2), isFind.data()),
-                                   call.number, Unless(call.IsNull(3), &done));
+    return KavoBatchLookupOrInsert(id, keys.data(), keys.size(), values.data(), isFind.data(), call.number, &done);
   });
-  ExpectEqual(done, call.IsNull(3) ? NO_COUNT : refused ? 0 : keys.size(), "done");
+  ExpectEqual(done, refused ? 0 : keys.size(), "done");
   for (std::size_t i = 0; i < keys.size() && !refused; ++i) {
-    const auto answer = m_model.LookupOrInsert(id, keys[i], true, call.number);
+    const auto answer = m_model.LookupOrInsert(id, keys[i], call.number);
     ExpectEqual(isFind[i], answer.isFind, "isFind");
     CheckValue(*m_model.Table(id), keys[i], *answer.entry, values[i]);
   }
@@ -117,13 +105,13 @@ void CallRunner::BatchLookupOrInsert(const Call& call, unsigned id) {
 }
 
 void CallRunner::BatchInsertOrUpdate(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysOf(call);
+  const std::vector<long> keys = KeysFor(call);
   const ModelTable* const table = m_model.Table(id);
   const unsigned right = table == nullptr ? 8 : table->valueLen;
-  const unsigned length = LengthOf(call, right);
-  const bool refused = IsRefused(id, keys, !call.IsNull(0) && !call.IsNull(1) && !call.IsNull(2)) || length != right;
+  const unsigned length = right + call.tooLong;
+  const bool refused = IsRefused(id, keys) || length != right;
   Bytes rows;
-  rows.reserve(1);  // as in KeysOf
+  rows.reserve(1);  // as in KeysFor
   for (std::size_t i = 0; i < keys.size(); ++i) {
     const Bytes row = ValueFor(static_cast<unsigned char>(call.bytes + i), keys[i], right);
     rows.insert(rows.end(), row.begin(), row.end());
@@ -133,11 +121,9 @@ void CallRunner::BatchInsertOrUpdate(const Call& call, unsigned id) {
   }
   unsigned long long done = NO_COUNT;
   CompareBatch(call, refused, [&] {
-    return KavoBatchInsertOrUpdate(id, Unless(call.IsNull(0), keys.data()), keys.size(),
-                                   Unless(call.IsNull(1), rows.data()), length, call.number,
-                                   Unless(call.IsNull(2), &done));
+    return KavoBatchInsertOrUpdate(id, keys.data(), keys.size(), rows.data(), length, call.number, &done);
   });
-  ExpectEqual(done, call.IsNull(2) ? NO_COUNT : refused ? 0 : keys.size(), "done");
+  ExpectEqual(done, refused ? 0 : keys.size(), "done");
 }
 
 }  // namespace KavoTest

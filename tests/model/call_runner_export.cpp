@@ -1,9 +1,9 @@
 // The runner's calls for exports and the partition map.
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 #include <utility>
 
-#include "model/call_outputs.h"
 #include "model/call_runner.h"
 
 namespace KavoTest {
@@ -11,20 +11,15 @@ namespace KavoTest {
 void CallRunner::SizeAndLength(const Call& call, unsigned id) {
   const bool admittedOnly = call.kind % 2 != 0;
   unsigned long long wanted = NO_COUNT;
-  const int status = m_model.GetHtSizeAndVl(id, !call.IsNull(0) && !call.IsNull(1), admittedOnly, wanted);
+  const int status = m_model.GetHtSizeAndVl(id, admittedOnly, wanted);
   unsigned long long size = NO_COUNT;
   unsigned length = NO_NUMBER;
-  Compare(Function::SIZE_AND_LENGTH, status, [&] {
-    return KavoGetHtSizeAndVl(id, Unless(call.IsNull(0), &size), Unless(call.IsNull(1), &length), admittedOnly);
-  });
+  Compare(Function::SIZE_AND_LENGTH, status, [&] { return KavoGetHtSizeAndVl(id, &size, &length, admittedOnly); });
   ExpectEqual(size, wanted, "size");
   ExpectEqual(length, status == KAVO_SUCCESS ? m_model.Table(id)->valueLen : NO_NUMBER, "length");
 }
 
-void CallRunner::BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, unsigned nulls, void*& cursor) {
-  const auto isNull = [nulls](unsigned pointer) { return (nulls >> pointer & 1U) != 0; };
-  const bool hasBatch = !isNull(0) && !isNull(1) && !isNull(2);
-  const bool hasPointers = hasBatch && !isNull(3);
+void CallRunner::BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, void*& cursor) {
   ModelTable* const table = m_model.Table(id);
   // Room for what may come, and then for what must not.
   const std::size_t room = std::min<std::size_t>(eleNum, table == nullptr ? 0 : table->entries.size() + 1) + 1;
@@ -32,19 +27,16 @@ void CallRunner::BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, unsig
   std::memset(&untouched, 0xA5, sizeof(untouched));
   std::vector<KavoHtBatchElement> elements(room);
   std::memset(elements.data(), 0xA5, room * sizeof(untouched));
-  KavoHtBatchInfo batch{Unless(isNull(1), elements.data()), eleNum, mode, NO_NUMBER};
+  KavoHtBatchInfo batch{elements.data(), eleNum, mode, NO_NUMBER};
   unsigned realNum = NO_NUMBER;
   void* const before = cursor;
-  const bool isNothing = hasBatch && eleNum == 0;
-  const int status = isNothing ? KAVO_SUCCESS : m_model.BatchGetNext(id, hasPointers, cursor);
-  Compare(Function::BATCH_GET_NEXT, status, [&] {
-    return KavoBatchGetNext(id, Unless(isNull(0), &batch), Unless(isNull(2), &realNum), Unless(isNull(3), &cursor));
-  });
+  const int status = eleNum == 0 ? KAVO_SUCCESS : m_model.BatchGetNext(id, cursor);
+  Compare(Function::BATCH_GET_NEXT, status, [&] { return KavoBatchGetNext(id, &batch, &realNum, &cursor); });
   ExpectEqual(batch.eleNum, eleNum, "eleNum");
   ExpectEqual(batch.exportMode, mode, "exportMode");
-  if (status != KAVO_SUCCESS || isNothing) {
+  if (status != KAVO_SUCCESS || eleNum == 0) {
     Expect(cursor == before, "the cursor has changed");
-    Expect(realNum == 0 || (!isNothing && realNum == NO_NUMBER), "realNum is ", realNum);
+    Expect(realNum == 0 || (eleNum != 0 && realNum == NO_NUMBER), "realNum is ", realNum);
     Expect(std::memcmp(&elements[0], &untouched, sizeof(untouched)) == 0, "elements were written");
     return;
   }
@@ -76,7 +68,7 @@ void CallRunner::Walk(unsigned id, unsigned eleNum, unsigned mode) {
   std::size_t batches = 0;
   do {
     Expect(++batches <= most, "the iteration does not end");
-    BatchGetNext(id, eleNum, mode, 0, cursor);
+    BatchGetNext(id, eleNum, mode, cursor);
   } while (cursor != nullptr);
 }
 
@@ -98,41 +90,37 @@ void CallRunner::SpoilCursor(const Call& call) {
 }
 
 void CallRunner::InitPartitionMap(const Call& call) {
-  std::vector<unsigned> psIds(call.number);
+  std::vector<unsigned> psIds;
   for (unsigned i = 0; i < call.number; ++i) {
-    psIds[i] = (call.bytes + i) % 5;
+    psIds.push_back((call.bytes + i) % call.number);
   }
-  const unsigned* const psId = Unless(call.IsNull(0), psIds.data());
-  Compare(call.function, m_model.InitPartitionMap(call.kind, call.number, psId),
-          [&] { return ::InitPartitionMap(call.kind, call.number, psId); });
+  psIds.reserve(1);  // an empty list is not null
+  Compare(call.function, m_model.InitPartitionMap(call.kind, psIds),
+          [&] { return ::InitPartitionMap(call.kind, call.number, psIds.data()); });
 }
 
 void CallRunner::QueryPsId(const Call& call, unsigned long long key) {
   unsigned wanted = NO_NUMBER;
-  const int status = m_model.QueryPartitionMapPsId(key, !call.IsNull(0), wanted);
+  const int status = m_model.QueryPartitionMapPsId(key, wanted);
   unsigned psId = NO_NUMBER;
-  Compare(call.function, status, [&] { return QueryPartitionMapPsId(key, Unless(call.IsNull(0), &psId)); });
+  Compare(call.function, status, [&] { return QueryPartitionMapPsId(key, &psId); });
   ExpectEqual(psId, wanted, "psId");
 }
 
 void CallRunner::BatchPsIds(const Call& call) {
-  const bool hasPointers = !call.IsNull(0) && !call.IsNull(1) && !call.IsNull(2) && call.number != 0;
-  std::vector<unsigned long long> keys;
-  std::vector<unsigned> wanted;
-  unsigned psId = NO_NUMBER;
-  int status = m_model.QueryPartitionMapPsId(call.wide, hasPointers, psId);
+  std::vector<unsigned long long> keys(call.number);
+  std::iota(keys.begin(), keys.end(), call.wide);
+  std::vector<unsigned> wanted(call.number, NO_NUMBER);
+  int status = KAVO_INVALID;
   for (unsigned i = 0; i < call.number; ++i) {
-    keys.push_back(call.wide + i);
-    static_cast<void>(m_model.QueryPartitionMapPsId(keys.back(), hasPointers, psId));
-    wanted.push_back(psId);
+    status = m_model.QueryPartitionMapPsId(keys[i], wanted[i]);
   }
   std::vector<unsigned> psIds(call.number, NO_NUMBER);
-  unsigned* const array = Unless(call.IsNull(2), psIds.data());
-  unsigned* out = array;
-  Compare(call.function, status, [&] {
-    return GetBatchPsIds(Unless(call.IsNull(0), keys.data()), Unless(call.IsNull(1), &out), call.number);
-  });
-  Expect(out == array, "the pointer to the array has changed");
+  keys.reserve(1);  // an empty array is not null
+  psIds.reserve(1);
+  unsigned* out = psIds.data();
+  Compare(call.function, status, [&] { return GetBatchPsIds(keys.data(), &out, call.number); });
+  Expect(out == psIds.data(), "the pointer to the array has changed");
   Expect(psIds == wanted, "wrong psIds");
 }
 

@@ -2,7 +2,7 @@
 
 #include <iterator>
 
-#include "model/mismatch.h"
+#include "model/expect.h"
 
 namespace KavoTest {
 

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "model/call_runner.h"
-#include "model/sequence_generator.h"
 #include "support/seed.h"
 
 namespace {
@@ -24,6 +23,14 @@ int SequenceCount() {
   return given != nullptr ? std::atoi(given) : KAVO_DEFAULT_MODEL_SEQUENCES;
 }
 
+// Half as many calls as RapidCheck would take, of any bytes from the first one on.
+Sequence AnySequence() {
+  using CallBytes = std::array<unsigned char, CALL_BYTES>;
+  const auto calls = *rc::gen::scale(
+      0.5, rc::gen::container<std::vector<CallBytes>>(rc::gen::resize(100, rc::gen::arbitrary<CallBytes>())));
+  return DecodeCalls(calls.empty() ? nullptr : calls[0].data(), calls.size() * CALL_BYTES);
+}
+
 class Model : public testing::TestWithParam<int> {};
 
 TEST_P(Model, EverySequenceOfCallsGivesWhatTheReferenceModelSays) {
@@ -32,7 +39,8 @@ TEST_P(Model, EverySequenceOfCallsGivesWhatTheReferenceModelSays) {
   unsigned grewThrice = 0;
   unsigned hadMaps = 0;
   const auto property = [&] {
-    const Sequence sequence = *Sequences();
+    const Sequence sequence = AnySequence();
+    const LineCounts before = CountedLines();
     CallRunner runner;
     try {
       for (const Call& call : sequence) {
@@ -40,12 +48,16 @@ TEST_P(Model, EverySequenceOfCallsGivesWhatTheReferenceModelSays) {
       }
       runner.Finish();
     } catch (const Mismatch& mismatch) {
+      RC_LOG() << testing::PrintToString(sequence) << '\n';
       RC_FAIL(mismatch.what());
     }
-    total.Add(runner.Statistics());
+    for (unsigned i = 0; i < EXPORTED_COUNT; ++i) {
+      total.succeeded[i] += runner.Statistics().succeeded[i];
+      total.failed[i] += runner.Statistics().failed[i];
+    }
     ++sequences;
-    grewThrice += runner.Statistics().growths >= 3 ? 1 : 0;
-    hadMaps += runner.Statistics().mapMisses > 0 ? 1 : 0;
+    grewThrice += CountedLines().growths >= before.growths + 3 ? 1 : 0;
+    hadMaps += CountedLines().mapMisses > before.mapMisses ? 1 : 0;
   };
 
   const int count = SequenceCount();
@@ -59,13 +71,13 @@ TEST_P(Model, EverySequenceOfCallsGivesWhatTheReferenceModelSays) {
   std::cout << std::endl;
   ASSERT_TRUE(result.is<rc::detail::SuccessResult>());
 
-  std::printf("%u sequences: %u grew a table 3 times or more, %u met an overflow map; %lu growths, %lu map misses\n",
-              sequences, grewThrice, hadMaps, total.growths, total.mapMisses);
+  std::printf("%u sequences: %u grew a table 3 times or more, %u met an overflow map\n", sequences, grewThrice,
+              hadMaps);
   for (unsigned i = 0; i < EXPORTED_COUNT; ++i) {
     std::printf("%-24s %9lu succeeded %9lu failed\n", NameOf(static_cast<Function>(i)), total.succeeded[i],
                 total.failed[i]);
   }
-  // What the weights are for. Far below what they give, and far above nothing.
+  // What the decoder's weights are for. Far below what they give, and far above nothing.
   ASSERT_GE(sequences, static_cast<unsigned>(count));
   EXPECT_GE(grewThrice, sequences / 5);
   EXPECT_GE(hadMaps, sequences / 20);

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 
 #include "kavo.h"
+#include "model/expect.h"
 
 namespace KavoTest {
 namespace {
@@ -90,6 +92,23 @@ bool ModelPool::TakePrepared(ModelEntry& entry) {
   return false;
 }
 
+void ModelTable::CheckAddress(long owner, unsigned char*& known, unsigned char* given) {
+  if (known != nullptr) {
+    Expect(given == known, "the value has moved");
+    return;
+  }
+  Expect(given != nullptr && reinterpret_cast<std::uintptr_t>(given) % 8 == 0, "bad address");
+  const auto behind = addresses.lower_bound(given);
+  Expect(behind == addresses.end() || static_cast<std::size_t>(behind->first - given) >= valueLen,
+         "the value overlaps that of ", behind == addresses.end() ? 0 : behind->second);
+  if (behind != addresses.begin()) {
+    const auto before = std::prev(behind);
+    Expect(static_cast<std::size_t>(given - before->first) >= valueLen, "the value overlaps that of ", before->second);
+  }
+  addresses.emplace(given, owner);
+  known = given;
+}
+
 ModelEntry* ModelTable::Find(long key) {
   const auto at = entries.find(key);
   return at == entries.end() ? nullptr : &at->second;
@@ -122,14 +141,14 @@ int ReferenceModel::UninitHashTable(unsigned id) {
   return m_tables.erase(id) == 0 ? KAVO_INVALID : KAVO_SUCCESS;
 }
 
-ReferenceModel::ValueAnswer ReferenceModel::Lookup(unsigned id, long key, bool hasPointers) {
+ReferenceModel::ValueAnswer ReferenceModel::Lookup(unsigned id, long key) {
   ModelTable* const table = Table(id);
-  ModelEntry* const entry = hasPointers && key >= 0 && table != nullptr ? table->Find(key) : nullptr;
+  ModelEntry* const entry = key >= 0 && table != nullptr ? table->Find(key) : nullptr;
   return {entry == nullptr ? KAVO_INVALID : KAVO_SUCCESS, entry};
 }
 
-ReferenceModel::ValueAnswer ReferenceModel::LookupForUpdate(unsigned id, long key, bool hasPointers) {
-  const ValueAnswer answer = Lookup(id, key, hasPointers);
+ReferenceModel::ValueAnswer ReferenceModel::LookupForUpdate(unsigned id, long key) {
+  const ValueAnswer answer = Lookup(id, key);
   if (answer.entry != nullptr) {
     answer.entry->state = 0;
   }
@@ -180,10 +199,9 @@ int ReferenceModel::InsertOrUpdate(unsigned id, long key, const unsigned char* v
   return KAVO_SUCCESS;
 }
 
-ReferenceModel::ValueAnswer ReferenceModel::LookupOrInsert(unsigned id, long key, bool hasPointers,
-                                                           unsigned filterCount) {
+ReferenceModel::ValueAnswer ReferenceModel::LookupOrInsert(unsigned id, long key, unsigned filterCount) {
   ModelTable* const table = Table(id);
-  if (!hasPointers || key < 0 || table == nullptr) {
+  if (key < 0 || table == nullptr) {
     return {KAVO_INVALID};
   }
   ModelEntry* entry = table->Find(key);
@@ -216,9 +234,9 @@ int ReferenceModel::SetFilterFreq(unsigned id, unsigned freq) {
   return KAVO_SUCCESS;
 }
 
-int ReferenceModel::PrepareMemForValues(unsigned id, bool hasPointers, std::optional<unsigned long long>& count) {
+int ReferenceModel::PrepareMemForValues(unsigned id, std::optional<unsigned long long>& count) {
   ModelTable* const table = Table(id);
-  if (!hasPointers || table == nullptr) {
+  if (table == nullptr) {
     return KAVO_INVALID;
   }
   count = table->pool.Capacity();
@@ -229,14 +247,14 @@ int ReferenceModel::PrepareMemForValues(unsigned id, bool hasPointers, std::opti
   return KAVO_SUCCESS;
 }
 
-int ReferenceModel::GetMemForValue(unsigned id, unsigned long long index, bool hasPointers) {
+int ReferenceModel::GetMemForValue(unsigned id, unsigned long long index) {
   ModelTable* const table = Table(id);
-  return hasPointers && table != nullptr ? table->pool.Fetch(index) : KAVO_INVALID;
+  return table != nullptr ? table->pool.Fetch(index) : KAVO_INVALID;
 }
 
-int ReferenceModel::GetHtSizeAndVl(unsigned id, bool hasPointers, bool admittedOnly, unsigned long long& size) {
+int ReferenceModel::GetHtSizeAndVl(unsigned id, bool admittedOnly, unsigned long long& size) {
   ModelTable* const table = Table(id);
-  if (!hasPointers || table == nullptr) {
+  if (table == nullptr) {
     return KAVO_INVALID;
   }
   size = static_cast<unsigned long long>(
@@ -245,17 +263,16 @@ int ReferenceModel::GetHtSizeAndVl(unsigned id, bool hasPointers, bool admittedO
   return KAVO_SUCCESS;
 }
 
-int ReferenceModel::BatchGetNext(unsigned id, bool hasPointers, const void* cursor) {
+int ReferenceModel::BatchGetNext(unsigned id, const void* cursor) {
   const ModelTable* const table = Table(id);
-  return hasPointers && table != nullptr && (cursor == nullptr || table->walks.contains(cursor)) ? KAVO_SUCCESS
-                                                                                                 : KAVO_INVALID;
+  return table != nullptr && (cursor == nullptr || table->walks.contains(cursor)) ? KAVO_SUCCESS : KAVO_INVALID;
 }
 
-int ReferenceModel::InitPartitionMap(unsigned partitionNum, unsigned psNum, const unsigned* psId) {
-  if (partitionNum == 0 || psNum == 0 || psId == nullptr) {
+int ReferenceModel::InitPartitionMap(unsigned partitionNum, const std::vector<unsigned>& psIds) {
+  if (partitionNum == 0 || psIds.empty()) {
     return KAVO_INVALID;
   }
-  const PartitionMap offered{partitionNum, std::vector<unsigned>(psId, psId + psNum)};
+  const PartitionMap offered{partitionNum, psIds};
   if (m_partitionMap.has_value()) {
     return *m_partitionMap == offered ? KAVO_EXISTS : KAVO_FAILED;
   }
@@ -269,10 +286,7 @@ int ReferenceModel::UninitPartitionMap() {
   return had ? KAVO_SUCCESS : KAVO_UNSUPPORTED;
 }
 
-int ReferenceModel::QueryPartitionMapPsId(unsigned long long key, bool hasPointers, unsigned& psId) const {
-  if (!hasPointers) {
-    return KAVO_INVALID;
-  }
+int ReferenceModel::QueryPartitionMapPsId(unsigned long long key, unsigned& psId) const {
   if (!m_partitionMap.has_value()) {
     return KAVO_FAILED;
   }

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "model/export_walk.h"
@@ -64,6 +65,8 @@ struct ModelTable {
 
   bool IsFilter() const { return type == KAVO_TABLE_TYPE_FILTER; }
   ModelEntry* Find(long key);
+  // An address must be the one that was given before; a new one must lie apart from all others.
+  void CheckAddress(long owner, unsigned char*& known, unsigned char* given);
 };
 
 class ReferenceModel {
@@ -74,27 +77,30 @@ class ReferenceModel {
     unsigned isFind = 0;
   };
 
-  // `hasPointers`: no pointer argument is null.
   int InitHashTable(unsigned id, unsigned size, unsigned valueLen, unsigned tableType);
   int UninitHashTable(unsigned id);
-  ValueAnswer Lookup(unsigned id, long key, bool hasPointers);
-  ValueAnswer LookupForUpdate(unsigned id, long key, bool hasPointers);
+  ValueAnswer Lookup(unsigned id, long key);
+  ValueAnswer LookupForUpdate(unsigned id, long key);
   int Update(unsigned id, long key, const unsigned char* value, unsigned valueLen);
   int Insert(unsigned id, long key, const unsigned char* value, unsigned valueLen, unsigned filterCount,
              unsigned state);
   int InsertOrUpdate(unsigned id, long key, const unsigned char* value, unsigned valueLen, unsigned filterCount);
-  ValueAnswer LookupOrInsert(unsigned id, long key, bool hasPointers, unsigned filterCount);
+  ValueAnswer LookupOrInsert(unsigned id, long key, unsigned filterCount);
   int SetFilterFreq(unsigned id, unsigned freq);
   // `count` stays empty when nothing is written.
-  int PrepareMemForValues(unsigned id, bool hasPointers, std::optional<unsigned long long>& count);
-  int GetMemForValue(unsigned id, unsigned long long index, bool hasPointers);
-  int GetHtSizeAndVl(unsigned id, bool hasPointers, bool admittedOnly, unsigned long long& size);
+  int PrepareMemForValues(unsigned id, std::optional<unsigned long long>& count);
+  int GetMemForValue(unsigned id, unsigned long long index);
+  int GetHtSizeAndVl(unsigned id, bool admittedOnly, unsigned long long& size);
   // For an `eleNum` above 0; what the batch may hold is for the table's walk to say.
-  int BatchGetNext(unsigned id, bool hasPointers, const void* cursor);
-  int InitPartitionMap(unsigned partitionNum, unsigned psNum, const unsigned* psId);
+  int BatchGetNext(unsigned id, const void* cursor);
+  int InitPartitionMap(unsigned partitionNum, const std::vector<unsigned>& psIds);
   int UninitPartitionMap();
-  int QueryPartitionMapPsId(unsigned long long key, bool hasPointers, unsigned& psId) const;
+  int QueryPartitionMapPsId(unsigned long long key, unsigned& psId) const;
 
+  // A table that is there already.
+  ModelTable& AdoptTable(unsigned id, ModelTable table) {
+    return m_tables.insert_or_assign(id, std::move(table)).first->second;
+  }
   ModelTable* Table(unsigned id);
   std::map<unsigned, ModelTable>& Tables() { return m_tables; }
   bool HasPartitionMap() const { return m_partitionMap.has_value(); }
