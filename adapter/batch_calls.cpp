@@ -1,14 +1,12 @@
 // The exported functions on many keys: each key is served as by the single call, in order, and its memory is asked for
-// some keys before. All arguments are checked first. An absent key is no failure here, and writes no line.
+// some keys before. All arguments are checked first. An absent key is no failure here, and writes no log line.
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 
-#include "adapter/exception_boundary.h"
+#include "adapter/call_frame.h"
 #include "adapter/key_operations.h"
-#include "adapter/table_call.h"
 #include "kavo.h"
-#include "platform/log.h"
 #include "table/key_groups.h"
 
 using namespace Qen;
@@ -41,10 +39,7 @@ int Lookup(const Table& table, const long* keys, unsigned long long num, unsigne
 template <class Table>
 int Gather(const Table& table, const long* keys, unsigned long long num, unsigned char* rows, unsigned valueLen,
            const unsigned char* defaultRow) {
-  if (valueLen != table.ValueLen()) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
   const std::size_t len = valueLen;
   ForEachBlock<Prefetch::VALUES>(table, keys, num, [&](unsigned long long i, unsigned char* block) {
     const unsigned char* const from = block == nullptr ? defaultRow : ValueBytes(block);
@@ -73,10 +68,7 @@ int LookupOrInsert(const Table& table, const long* keys, unsigned long long num,
 template <class Table>
 int InsertOrUpdate(const Table& table, const long* keys, unsigned long long num, const unsigned char* rows,
                    unsigned valueLen, unsigned filterCount, unsigned long long& done) {
-  if (valueLen != table.ValueLen()) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
   return ForEachKey<Prefetch::VALUES>(table, keys, num, done, [&](unsigned long long i) {
     // An offer's bytes are only read; it has the type of the single call's argument.
     auto* const row = const_cast<unsigned char*>(rows) + i * std::size_t{valueLen};
@@ -86,46 +78,26 @@ int InsertOrUpdate(const Table& table, const long* keys, unsigned long long num,
 
 }  // namespace
 
-// What all batches check first; `arrays` names what must not be null.
-#define KAVO_CHECK_BATCH(name, hasArrays, arrays, keys, num)                   \
-  if (!(hasArrays)) {                                                          \
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, name " failed, " arrays " is null");        \
-    return KAVO_INVALID;                                                       \
-  }                                                                            \
-  if (const unsigned long long bad = FirstNegative(keys, num); bad != (num)) { \
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, name " failed, keys[%llu] < 0", bad);       \
-    return KAVO_INVALID;                                                       \
-  }                                                                            \
-  static_assert(true, "a semicolon follows")
+// The keys of a batch must not be negative; `name` is the exported function's.
+#define KAVO_REFUSE_NEGATIVE(name, keys, num)                       \
+  const unsigned long long kavoNegative = FirstNegative(keys, num); \
+  KAVO_REFUSE_IF(kavoNegative != (num), name " failed, keys[%llu] < 0", kavoNegative)
 
 int KavoBatchLookup(unsigned int tableId, const long* keys, unsigned long long num, unsigned char** valuePtrs,
                     unsigned long long* found) {
-  KAVO_CHECK_BATCH("KavoBatchLookup", keys != nullptr && valuePtrs != nullptr && found != nullptr,
-                   "keys, valuePtrs or found", keys, num);
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) { return Lookup(table, keys, num, valuePtrs, *found); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchLookup failed, ret[%d]", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(keys == nullptr || valuePtrs == nullptr || found == nullptr,
+                 "KavoBatchLookup failed, keys, valuePtrs or found is null");
+  KAVO_REFUSE_NEGATIVE("KavoBatchLookup", keys, num);
+  const auto lookup = [&](const auto& table) { return Lookup(table, keys, num, valuePtrs, *found); };
+  KAVO_SERVE(tableId, lookup, "KavoBatchLookup failed, ret[%d]");
 }
 
 int KavoBatchGather(unsigned int tableId, const long* keys, unsigned long long num, unsigned char* rows,
                     unsigned int valueLen, const unsigned char* defaultRow) {
-  KAVO_CHECK_BATCH("KavoBatchGather", keys != nullptr && rows != nullptr, "keys or rows", keys, num);
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret =
-        OnTable(ref, [&](const auto& table) { return Gather(table, keys, num, rows, valueLen, defaultRow); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchGather failed, ret[%d]", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(keys == nullptr || rows == nullptr, "KavoBatchGather failed, keys or rows is null");
+  KAVO_REFUSE_NEGATIVE("KavoBatchGather", keys, num);
+  const auto gather = [&](const auto& table) { return Gather(table, keys, num, rows, valueLen, defaultRow); };
+  KAVO_SERVE(tableId, gather, "KavoBatchGather failed, ret[%d]");
 }
 
 int KavoBatchLookupOrInsert(unsigned int tableId, const long* keys, unsigned long long num, unsigned char** valuePtrs,
@@ -133,20 +105,13 @@ int KavoBatchLookupOrInsert(unsigned int tableId, const long* keys, unsigned lon
   if (done != nullptr) {
     *done = 0;
   }
-  KAVO_CHECK_BATCH("KavoBatchLookupOrInsert",
-                   keys != nullptr && valuePtrs != nullptr && isFind != nullptr && done != nullptr,
-                   "keys, valuePtrs, isFind or done", keys, num);
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) {
-      return LookupOrInsert(table, keys, num, valuePtrs, isFind, filterCount, *done);
-    });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchLookupOrInsert failed, ret[%d], done[%llu]", ret, *done);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(keys == nullptr || valuePtrs == nullptr || isFind == nullptr || done == nullptr,
+                 "KavoBatchLookupOrInsert failed, keys, valuePtrs, isFind or done is null");
+  KAVO_REFUSE_NEGATIVE("KavoBatchLookupOrInsert", keys, num);
+  const auto lookupOrInsert = [&](const auto& table) {
+    return LookupOrInsert(table, keys, num, valuePtrs, isFind, filterCount, *done);
+  };
+  KAVO_SERVE(tableId, lookupOrInsert, "KavoBatchLookupOrInsert failed, ret[%d], done[%llu]", *done);
 }
 
 int KavoBatchInsertOrUpdate(unsigned int tableId, const long* keys, unsigned long long num, const unsigned char* rows,
@@ -154,16 +119,11 @@ int KavoBatchInsertOrUpdate(unsigned int tableId, const long* keys, unsigned lon
   if (done != nullptr) {
     *done = 0;
   }
-  KAVO_CHECK_BATCH("KavoBatchInsertOrUpdate", keys != nullptr && rows != nullptr && done != nullptr,
-                   "keys, rows or done", keys, num);
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(
-        ref, [&](const auto& table) { return InsertOrUpdate(table, keys, num, rows, valueLen, filterCount, *done); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchInsertOrUpdate failed, ret[%d], done[%llu]", ret, *done);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(keys == nullptr || rows == nullptr || done == nullptr,
+                 "KavoBatchInsertOrUpdate failed, keys, rows or done is null");
+  KAVO_REFUSE_NEGATIVE("KavoBatchInsertOrUpdate", keys, num);
+  const auto insertOrUpdate = [&](const auto& table) {
+    return InsertOrUpdate(table, keys, num, rows, valueLen, filterCount, *done);
+  };
+  KAVO_SERVE(tableId, insertOrUpdate, "KavoBatchInsertOrUpdate failed, ret[%d], done[%llu]", *done);
 }

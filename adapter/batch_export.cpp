@@ -2,10 +2,8 @@
 // lock, nor any that an insert, an update or a lookup would wait for.
 #include <cstddef>
 
-#include "adapter/exception_boundary.h"
-#include "adapter/table_call.h"
+#include "adapter/call_frame.h"
 #include "kavo.h"
-#include "platform/log.h"
 
 using namespace Qen;
 
@@ -22,45 +20,24 @@ static_assert(offsetof(KavoHtBatchInfo, tableType) == 16 && sizeof(KavoHtBatchIn
 static_assert(KAVO_TABLE_TYPE_BASIC == TABLE_TYPE_BASIC && KAVO_TABLE_TYPE_FILTER == TABLE_TYPE_FILTER);
 
 int KavoGetHtSizeAndVl(unsigned int tableId, unsigned long long* size, unsigned int* valueLen, bool admittedOnly) {
-  if (size == nullptr || valueLen == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoGetHtSizeAndVl failed, size == nullptr || valueLen == nullptr");
-    return KAVO_INVALID;
-  }
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) {
-      table.GetTableSizeAndVl(*size, *valueLen, admittedOnly);
-      return KAVO_SUCCESS;
-    });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoGetHtSizeAndVl failed, ret[%d]", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(size == nullptr || valueLen == nullptr,
+                 "KavoGetHtSizeAndVl failed, size == nullptr || valueLen == nullptr");
+  const auto count = [&](const auto& table) {
+    table.GetTableSizeAndVl(*size, *valueLen, admittedOnly);
+    return KAVO_SUCCESS;
+  };
+  KAVO_SERVE(tableId, count, "KavoGetHtSizeAndVl failed, ret[%d]");
 }
 
 int KavoBatchGetNext(unsigned int tableId, KavoHtBatchInfo* batchInfo, unsigned int* realNum, void** iter) {
-  if (batchInfo == nullptr || batchInfo->elements == nullptr || realNum == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchGetNext failed, batchInfo.elements == nullptr || realNum == null");
-    return KAVO_INVALID;
+  KAVO_REFUSE_IF(batchInfo == nullptr || batchInfo->elements == nullptr || realNum == nullptr,
+                 "KavoBatchGetNext failed, batchInfo.elements == nullptr || realNum == null");
+  if (batchInfo->eleNum == 0) {
+    *realNum = 0;
+    KAVO_LOG_INFO(TABLE_LOG_UNIT, "KavoBatchGetNext end, eleNum == 0.");
+    return KAVO_SUCCESS;
   }
-  try {
-    if (batchInfo->eleNum == 0) {
-      *realNum = 0;
-      KAVO_LOG_INFO(TABLE_LOG_UNIT, "KavoBatchGetNext end, eleNum == 0.");
-      return KAVO_SUCCESS;
-    }
-    if (iter == nullptr) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchGetNext failed, iter == nullptr");
-      return KAVO_INVALID;
-    }
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) { return table.GetBatchNext(*batchInfo, *realNum, *iter); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoBatchGetNext failed, ret[%d]", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(iter == nullptr, "KavoBatchGetNext failed, iter == nullptr");
+  const auto next = [&](const auto& table) { return table.GetBatchNext(*batchInfo, *realNum, *iter); };
+  KAVO_SERVE(tableId, next, "KavoBatchGetNext failed, ret[%d]");
 }

@@ -1,161 +1,73 @@
-// The exported functions on single keys: check the arguments, resolve the table, run one table operation, and turn its
-// outcome into a status code. Each failure ends in one line under the function's name; the steps below it log causes
-// under their own.
-#include "adapter/exception_boundary.h"
+// The exported functions on single keys. Each failure ends in one log line under the function's name; the steps below
+// log causes under theirs.
+#include "adapter/call_frame.h"
 #include "adapter/key_operations.h"
-#include "adapter/table_call.h"
 #include "kavo.h"
-#include "platform/log.h"
 
 using namespace Qen;
 
 int KavoLookup(unsigned int tableId, long key, unsigned char** valuePtr, unsigned int* valueLen) {
-  if (valuePtr == nullptr || valueLen == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoLookup failed, valuePtr == nullptr || valueLen == nullptr");
-    return KAVO_INVALID;
-  }
-  if (key < 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoLookup failed, key < 0");
-    return KAVO_INVALID;
-  }
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) {
-      unsigned char* block = nullptr;
-      const int found = FindBlock(table, key, block);
-      if (found == KAVO_SUCCESS) {
-        GiveValue(table, block, valuePtr, valueLen);
-      }
-      return found;
-    });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookUpWithValLen failed, ret[%d] != 0", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(valuePtr == nullptr || valueLen == nullptr,
+                 "KavoLookup failed, valuePtr == nullptr || valueLen == nullptr");
+  KAVO_REFUSE_IF(key < 0, "KavoLookup failed, key < 0");
+  const auto lookup = [&](const auto& table) { return Lookup(table, key, Access::READ, valuePtr, valueLen); };
+  KAVO_SERVE(tableId, lookup, "LookUpWithValLen failed, ret[%d] != 0");
 }
 
 int KavoLookupForUpdate(unsigned int tableId, long key, unsigned char** valuePtr, unsigned int* valueLen) {
-  if (valuePtr == nullptr || valueLen == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoLookupForUpdate Failed, valuePtr == nullptr || valueLen == nullptr");
-    return KAVO_INVALID;
-  }
-  if (key < 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoLookupForUpdate Failed, key < 0");
-    return KAVO_INVALID;
-  }
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) {
-      unsigned char* block = nullptr;
-      const int found = FindBlock(table, key, block);
-      if (found == KAVO_SUCCESS) {
-        if (block != nullptr) {
-          // The entry counts as changed from here on, before the caller has changed anything.
-          ValueHeader::Store(block, ValueHeader::CHANGED);
-        }
-        GiveValue(table, block, valuePtr, valueLen);
-      }
-      return found;
-    });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookUpWithValLen failed, ret[%d] != 0", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(valuePtr == nullptr || valueLen == nullptr,
+                 "KavoLookupForUpdate Failed, valuePtr == nullptr || valueLen == nullptr");
+  KAVO_REFUSE_IF(key < 0, "KavoLookupForUpdate Failed, key < 0");
+  const auto lookup = [&](const auto& table) { return Lookup(table, key, Access::UPDATE, valuePtr, valueLen); };
+  KAVO_SERVE(tableId, lookup, "LookUpWithValLen failed, ret[%d] != 0");
 }
 
 int KavoUpdate(unsigned int tableId, long key, unsigned char* valuePtr, unsigned int valueLen) {
-  if (valuePtr == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoUpdate failed, valuePtr == nullptr");
-    return KAVO_INVALID;
-  }
-  if (key < 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoUpdate failed, key < 0");
-    return KAVO_INVALID;
-  }
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) { return Update(table, key, valuePtr, valueLen); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Update failed, ret[%d]", ret);
-    }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+  KAVO_REFUSE_IF(valuePtr == nullptr, "KavoUpdate failed, valuePtr == nullptr");
+  KAVO_REFUSE_IF(key < 0, "KavoUpdate failed, key < 0");
+  const auto update = [&](const auto& table) { return Update(table, key, valuePtr, valueLen); };
+  KAVO_SERVE(tableId, update, "Update failed, ret[%d]");
 }
 
 int KavoInsert(unsigned int tableId, long key, unsigned char* valuePtr, unsigned int valueLen, unsigned int filterCount,
                unsigned int state) {
-  if (key < 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsert failed, key < 0");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(key < 0, "KavoInsert failed, key < 0");
   try {
     KAVO_RESOLVE(ref, tableId);
-    if (ref.type == TABLE_TYPE_BASIC && valuePtr == nullptr) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsert failed, valuePtr == nullptr");
-      return KAVO_INVALID;
-    }
+    KAVO_REFUSE_IF(ref.type == TABLE_TYPE_BASIC && valuePtr == nullptr, "KavoInsert failed, valuePtr == nullptr");
     const Offer offer{key, valuePtr, valueLen, filterCount};
-    const int ret = OnTable(ref, [&](const auto& table) { return Insert(table, offer, state); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Insert failed, ret[%d]", ret);
-    }
-    return ret;
+    const auto insert = [&](const auto& table) { return Insert(table, offer, state); };
+    KAVO_ANSWER(OnTable(ref, insert), "Insert failed, ret[%d]");
   }
-  KAVO_CATCH_ALL
+  KAVO_CATCH_ALL;
 }
 
 int KavoInsertOrUpdate(unsigned int tableId, long key, unsigned char* valuePtr, unsigned int valueLen,
                        unsigned int filterCount) {
-  if (key < 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsertOrUpdate failed, key < 0");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(key < 0, "KavoInsertOrUpdate failed, key < 0");
   try {
     KAVO_RESOLVE(ref, tableId);
-    if (ref.type == TABLE_TYPE_BASIC && valuePtr == nullptr) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoInsertOrUpdate failed, valuePtr == nullptr");
-      return KAVO_INVALID;
-    }
+    KAVO_REFUSE_IF(ref.type == TABLE_TYPE_BASIC && valuePtr == nullptr,
+                   "KavoInsertOrUpdate failed, valuePtr == nullptr");
     const Offer offer{key, valuePtr, valueLen, filterCount};
-    const int ret = OnTable(ref, [&](const auto& table) { return InsertOrUpdate(table, offer); });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "InsertOrUpdate failed, ret[%d]", ret);
-    }
-    return ret;
+    const auto insertOrUpdate = [&](const auto& table) { return InsertOrUpdate(table, offer); };
+    KAVO_ANSWER(OnTable(ref, insertOrUpdate), "InsertOrUpdate failed, ret[%d]");
   }
-  KAVO_CATCH_ALL
+  KAVO_CATCH_ALL;
 }
 
 int KavoLookupOrInsert(unsigned int tableId, long key, unsigned char** valuePtr, unsigned int* valueLen,
                        unsigned int* isFind, unsigned int filterCount) {
-  if (valuePtr == nullptr || valueLen == nullptr || isFind == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT,
-                   "KavoLookupOrInsert failed, valuePtr == nullptr || valueLen == nullptr || isFind == nullptr ");
-    return KAVO_INVALID;
-  }
-  if (key < 0) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoLookupOrInsert failed, key < 0");
-    return KAVO_INVALID;
-  }
-  try {
-    KAVO_RESOLVE(ref, tableId);
-    const int ret = OnTable(ref, [&](const auto& table) {
-      unsigned char* block = nullptr;
-      const int status = LookupOrInsert(table, key, filterCount, block, *isFind);
-      if (status == KAVO_SUCCESS) {
-        GiveValue(table, block, valuePtr, valueLen);
-      }
-      return status;
-    });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "LookupOrInsertWithValLen failed, ret[%d]", ret);
+  KAVO_REFUSE_IF(valuePtr == nullptr || valueLen == nullptr || isFind == nullptr,
+                 "KavoLookupOrInsert failed, valuePtr == nullptr || valueLen == nullptr || isFind == nullptr ");
+  KAVO_REFUSE_IF(key < 0, "KavoLookupOrInsert failed, key < 0");
+  const auto lookupOrInsert = [&](const auto& table) {
+    unsigned char* block = nullptr;
+    const int status = LookupOrInsert(table, key, filterCount, block, *isFind);
+    if (status == KAVO_SUCCESS) {
+      GiveValue(table, block, valuePtr, valueLen);
     }
-    return ret;
-  }
-  KAVO_CATCH_ALL
+    return status;
+  };
+  KAVO_SERVE(tableId, lookupOrInsert, "LookupOrInsertWithValLen failed, ret[%d]");
 }

@@ -1,17 +1,22 @@
 // The exported functions of the partition map: check the arguments and pass the call on to the map of the process.
-#include "adapter/exception_boundary.h"
+#include "adapter/call_frame.h"
 #include "kavo.h"
 #include "partition/partition_map.h"
 #include "platform/log.h"
 
 using namespace Qen;
 
+namespace {
+
+constexpr char KAVO_ADAPTER_LOG_UNIT[] = "kavo_adapter.cpp";
+
+}  // namespace
+
+#define KAVO_CATCH_ALL_OF_MAP KAVO_CATCH_ALL_IN(KAVO_ADAPTER_LOG_UNIT, "make_unique")
+
 int InitPartitionMap(unsigned int partitionNum, unsigned int psNum, const unsigned int* psId) {
-  if (psNum == 0 || psId == nullptr || partitionNum == 0) {
-    KAVO_LOG_ERROR(KAVO_ADAPTER_LOG_UNIT, "partitionNum[%u] == 0, psNum[%u] == 0, or psId is null", partitionNum,
-                   psNum);
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF_IN(KAVO_ADAPTER_LOG_UNIT, psNum == 0 || psId == nullptr || partitionNum == 0,
+                    "partitionNum[%u] == 0, psNum[%u] == 0, or psId is null", partitionNum, psNum);
   try {
     KAVO_LOG_DEBUG(KAVO_ADAPTER_LOG_UNIT, "partitionNum[%u], psNum[%u], psIds are as follows:", partitionNum, psNum);
     PartitionMap::TargetIds targetIds;
@@ -22,21 +27,18 @@ int InitPartitionMap(unsigned int partitionNum, unsigned int psNum, const unsign
     }
     return PartitionMap::GetInstance().Init(partitionNum, targetIds);
   }
-  KAVO_CATCH_ALL_AS(KAVO_ADAPTER_LOG_UNIT)
+  KAVO_CATCH_ALL_OF_MAP;
 }
 
 int UninitPartitionMap(void) {
   try {
     return PartitionMap::GetInstance().Uninit();
   }
-  KAVO_CATCH_ALL_AS(KAVO_ADAPTER_LOG_UNIT)
+  KAVO_CATCH_ALL_OF_MAP;
 }
 
 int QueryPartitionMapPsId(unsigned long long key, unsigned int* psId) {
-  if (psId == nullptr) {
-    KAVO_LOG_ERROR(KAVO_ADAPTER_LOG_UNIT, "psId is nullper");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF_IN(KAVO_ADAPTER_LOG_UNIT, psId == nullptr, "psId is nullper");
   try {
     const int ret = PartitionMap::GetInstance().QueryTargetId(key, *psId);
     if (ret != KAVO_SUCCESS) {
@@ -44,14 +46,12 @@ int QueryPartitionMapPsId(unsigned long long key, unsigned int* psId) {
     }
     return ret;
   }
-  KAVO_CATCH_ALL_AS(KAVO_ADAPTER_LOG_UNIT)
+  KAVO_CATCH_ALL_OF_MAP;
 }
 
 int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned int num) {
-  if (keys == nullptr || psIds == nullptr || *psIds == nullptr || num == 0) {
-    KAVO_LOG_ERROR(KAVO_ADAPTER_LOG_UNIT, "keys is null, psIds or *psIds is null or num[%u] == 0", num);
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF_IN(KAVO_ADAPTER_LOG_UNIT, keys == nullptr || psIds == nullptr || *psIds == nullptr || num == 0,
+                    "keys is null, psIds or *psIds is null or num[%u] == 0", num);
   try {
     const int ret = PartitionMap::GetInstance().QueryTargetIds(keys, *psIds, num);
     if (ret != KAVO_SUCCESS) {
@@ -59,5 +59,5 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
     }
     return ret;
   }
-  KAVO_CATCH_ALL_AS(KAVO_ADAPTER_LOG_UNIT)
+  KAVO_CATCH_ALL_OF_MAP;
 }

@@ -1,13 +1,10 @@
 // The exported setter of the log sink.
+#include "adapter/call_frame.h"
 #include "kavo.h"
-#include "platform/log.h"
 #include "platform/log_sink.h"
 
 int KavoSetLogSink(const KavoLogSink* sink) {
-  if (sink != nullptr && sink->write == nullptr) {
-    KAVO_LOG_ERROR(Qen::TABLE_LOG_UNIT, "KavoSetLogSink failed, write == nullptr");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(sink != nullptr && sink->write == nullptr, "KavoSetLogSink failed, write == nullptr");
   Qen::SetLogSink(sink);
   return KAVO_SUCCESS;
 }

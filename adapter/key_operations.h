@@ -2,26 +2,15 @@
 // which hold for a single call and for each key of a batch.
 #pragma once
 
+#include "adapter/call_frame.h"
 #include "adapter/table_types.h"
 #include "hash/hcore.h"
 #include "kavo.h"
 #include "platform/bounded_copy.h"
-#include "platform/log.h"
 
 namespace Qen {
 
-// KAVO_SUCCESS with the key's block, which is null for a key that a filter table only counts.
-template <class Table>
-int FindBlock(const Table& table, long key, unsigned char*& block) {
-  auto* const record = table.Find(key);
-  if (record == nullptr) {
-    return KAVO_INVALID;
-  }
-  block = table.GetValue(record);
-  return KAVO_SUCCESS;
-}
-
-// Without a block the address is null and the length stays.
+// Without a block, for a key that a filter table only counts, the address is null and the length stays.
 template <class Table>
 void GiveValue(const Table& table, unsigned char* block, unsigned char** valuePtr, unsigned* valueLen) {
   if (block == nullptr) {
@@ -32,12 +21,28 @@ void GiveValue(const Table& table, unsigned char* block, unsigned char** valuePt
   *valuePtr = ValueBytes(block);
 }
 
+enum class Access { READ, UPDATE };
+
+// Always inlined: it is all that two exported functions do, and the compiler would have them share it by a call.
 template <class Table>
-int Update(const Table& table, long key, const unsigned char* valuePtr, unsigned valueLen) {
-  if (valueLen != table.ValueLen()) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
+[[gnu::always_inline]] inline int Lookup(const Table& table, long key, Access access, unsigned char** valuePtr,
+                                         unsigned* valueLen) {
+  auto* const record = table.Find(key);
+  if (record == nullptr) {
     return KAVO_INVALID;
   }
+  unsigned char* const block = table.GetValue(record);
+  if (access == Access::UPDATE && block != nullptr) {
+    // The entry counts as changed from here on, before the caller has changed anything.
+    ValueHeader::Store(block, ValueHeader::CHANGED);
+  }
+  GiveValue(table, block, valuePtr, valueLen);
+  return KAVO_SUCCESS;
+}
+
+template <class Table>
+int Update(const Table& table, long key, const unsigned char* valuePtr, unsigned valueLen) {
+  KAVO_REFUSE_IF(valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
   auto* const record = table.Find(key);
   if (record == nullptr) {
     return KAVO_INVALID;
@@ -66,10 +71,7 @@ inline int InsertValue(const FilterTable& table, const Offer& offer, NewValue& n
 
 template <class Table>
 int Insert(const Table& table, const Offer& offer, unsigned state) {
-  if (offer.valuePtr != nullptr && offer.valueLen != table.ValueLen()) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(offer.valuePtr != nullptr && offer.valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
   NewValue newValue{offer.valuePtr, ValueHeader::FromInsertState(state)};
   const int status = InsertValue(table, offer, newValue);
   if (status < 0) {
@@ -98,20 +100,14 @@ inline int Overwrite(int status, const NewValue& newValue, unsigned char* block,
 }
 
 inline int InsertOrUpdate(const BasicTable& table, const Offer& offer) {
-  if (offer.valueLen != table.ValueLen()) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(offer.valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
   NewValue newValue{offer.valuePtr, ValueHeader::CHANGED};
   BasicTable::OperationInfo info{offer.key, nullptr, MemKind::ORDINARY, &newValue};
   const int status = table.InsertOrFind(info);
   if (status < 0) {
     return status;
   }
-  if (info.rawPtr == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "rawPtr is nullptr!");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(info.rawPtr == nullptr, "rawPtr is nullptr!");
   const int ret = Overwrite(status, newValue, info.rawPtr, offer.valueLen);
   if (ret != 0) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "memcpy_s failed, ret[%d]", ret);
@@ -121,10 +117,7 @@ inline int InsertOrUpdate(const BasicTable& table, const Offer& offer) {
 }
 
 inline int InsertOrUpdate(const FilterTable& table, const Offer& offer) {
-  if (offer.valuePtr != nullptr && offer.valueLen != table.ValueLen()) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "valuelen not equal table valuelen!");
-    return KAVO_INVALID;
-  }
+  KAVO_REFUSE_IF(offer.valuePtr != nullptr && offer.valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
   NewValue newValue{offer.valuePtr, ValueHeader::CHANGED};
   FilterTable::FilterOperationInfo info{offer.key, offer.valuePtr, MemKind::ORDINARY, offer.filterCount, &newValue};
   const int status = table.InsertOrUpdateFilterValue(info);

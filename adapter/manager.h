@@ -68,10 +68,20 @@ class Manager {
  public:
   static constexpr unsigned ELE_ARRAY_SIZE = 1024;
 
-  static Manager& GetInstance();
+  static Manager& GetInstance() {
+    static Manager manager;
+    return manager;
+  }
 
   // The id's element, or the shared empty one; never null. For ids of the map the caller holds `m_lock`.
-  Ele* GetManagerEle(TableId tableId);
+  Ele* GetManagerEle(TableId tableId) {
+    const auto id = static_cast<unsigned>(tableId);
+    if (id < ELE_ARRAY_SIZE) {
+      return &m_eleArray[id];
+    }
+    const auto found = m_eleMap.find(id);
+    return found == m_eleMap.end() ? &m_emptyEle : &found->second;
+  }
 
   // The id's table. Inlined for ids of the array, the path of every lookup.
   TableRef Resolve(TableId tableId) {
@@ -84,10 +94,32 @@ class Manager {
 
   // Moves `ele` in. False, with `ele` untouched, when the id is registered already. Throws std::bad_alloc, and then
   // changes nothing.
-  bool Register(TableId tableId, Ele& ele);
+  bool Register(TableId tableId, Ele& ele) {
+    const auto id = static_cast<unsigned>(tableId);
+    const std::lock_guard lock(m_lock);
+    Ele& destination = id < ELE_ARRAY_SIZE ? m_eleArray[id] : m_eleMap.try_emplace(id).first->second;
+    if (destination.Load().type != TABLE_TYPE_EMPTY) {
+      return false;
+    }
+    destination = std::move(ele);
+    return true;
+  }
 
   // Moves the id's element out; empty when there was none.
-  Ele Take(TableId tableId);
+  Ele Take(TableId tableId) {
+    const auto id = static_cast<unsigned>(tableId);
+    const std::lock_guard lock(m_lock);
+    if (id < ELE_ARRAY_SIZE) {
+      return MoveOut(m_eleArray[id]);
+    }
+    const auto found = m_eleMap.find(id);
+    if (found == m_eleMap.end()) {
+      return Ele();
+    }
+    Ele taken = MoveOut(found->second);
+    m_eleMap.erase(found);
+    return taken;
+  }
 
   // Destroyed from the last to the first: the tables of the map before those of the array.
   SharedMutex m_lock;
@@ -99,67 +131,19 @@ class Manager {
 
  private:
   Manager() = default;
-  [[gnu::noinline]] TableRef ResolveInMap(TableId tableId);
-  static Ele MoveOut(Ele& ele) noexcept;
+
+  [[gnu::noinline]] TableRef ResolveInMap(TableId tableId) {
+    const std::shared_lock lock(m_lock);
+    return GetManagerEle(tableId)->Load();
+  }
+
+  static Ele MoveOut(Ele& ele) noexcept {
+    Ele taken(std::move(ele));
+    // Relaxed: an empty element carries nothing.
+    ele.type.store(TABLE_TYPE_EMPTY, std::memory_order_relaxed);
+    return taken;
+  }
 };
-
-template <class TableId, class Ele>
-Manager<TableId, Ele>& Manager<TableId, Ele>::GetInstance() {
-  static Manager manager;
-  return manager;
-}
-
-template <class TableId, class Ele>
-Ele* Manager<TableId, Ele>::GetManagerEle(TableId tableId) {
-  const auto id = static_cast<unsigned>(tableId);
-  if (id < ELE_ARRAY_SIZE) {
-    return &m_eleArray[id];
-  }
-  const auto found = m_eleMap.find(id);
-  return found == m_eleMap.end() ? &m_emptyEle : &found->second;
-}
-
-template <class TableId, class Ele>
-TableRef Manager<TableId, Ele>::ResolveInMap(TableId tableId) {
-  const std::shared_lock lock(m_lock);
-  return GetManagerEle(tableId)->Load();
-}
-
-template <class TableId, class Ele>
-bool Manager<TableId, Ele>::Register(TableId tableId, Ele& ele) {
-  const auto id = static_cast<unsigned>(tableId);
-  const std::lock_guard lock(m_lock);
-  Ele& destination = id < ELE_ARRAY_SIZE ? m_eleArray[id] : m_eleMap.try_emplace(id).first->second;
-  if (destination.Load().type != TABLE_TYPE_EMPTY) {
-    return false;
-  }
-  destination = std::move(ele);
-  return true;
-}
-
-template <class TableId, class Ele>
-Ele Manager<TableId, Ele>::Take(TableId tableId) {
-  const auto id = static_cast<unsigned>(tableId);
-  const std::lock_guard lock(m_lock);
-  if (id < ELE_ARRAY_SIZE) {
-    return MoveOut(m_eleArray[id]);
-  }
-  const auto found = m_eleMap.find(id);
-  if (found == m_eleMap.end()) {
-    return Ele();
-  }
-  Ele taken = MoveOut(found->second);
-  m_eleMap.erase(found);
-  return taken;
-}
-
-template <class TableId, class Ele>
-Ele Manager<TableId, Ele>::MoveOut(Ele& ele) noexcept {
-  Ele taken(std::move(ele));
-  // Relaxed: an empty element carries nothing.
-  ele.type.store(TABLE_TYPE_EMPTY, std::memory_order_relaxed);
-  return taken;
-}
 
 // The registry of the process. Set before any exported function can be called.
 extern Manager<int, ManagerEle>* const g_manager;

@@ -3,10 +3,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "adapter/exception_boundary.h"
-#include "adapter/table_call.h"
+#include "adapter/call_frame.h"
 #include "kavo.h"
-#include "platform/log.h"
 
 using namespace Qen;
 
@@ -20,30 +18,16 @@ static_assert(FIRST_VERSION_BYTES == 104 && offsetof(KavoTableStats, size) == 0 
 }  // namespace
 
 int KavoGetTableStats(unsigned int tableId, KavoTableStats* stats) {
-  if (stats == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoGetTableStats failed, stats == nullptr");
-    return KAVO_INVALID;
-  }
-  if (stats->size < FIRST_VERSION_BYTES) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoGetTableStats failed, stats->size[%llu] < %llu", stats->size,
-                   FIRST_VERSION_BYTES);
-    return KAVO_INVALID;
-  }
-  try {
-    KAVO_RESOLVE(ref, tableId);
+  KAVO_REFUSE_IF(stats == nullptr, "KavoGetTableStats failed, stats == nullptr");
+  KAVO_REFUSE_IF(stats->size < FIRST_VERSION_BYTES, "KavoGetTableStats failed, stats->size[%llu] < %llu", stats->size,
+                 FIRST_VERSION_BYTES);
+  const auto fill = [stats](const auto& table) {
     KavoTableStats all{};
-    const int ret = OnTable(ref, [&all](const auto& table) {
-      table.AddStats(all);
-      return KAVO_SUCCESS;
-    });
-    if (ret != KAVO_SUCCESS) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "KavoGetTableStats failed, ret[%d]", ret);
-      return ret;
-    }
+    table.AddStats(all);
     all.linesHeldBack = LogLinesHeldBack();
     all.size = std::min<unsigned long long>(stats->size, sizeof(all));
     std::memcpy(stats, &all, static_cast<std::size_t>(all.size));
     return KAVO_SUCCESS;
-  }
-  KAVO_CATCH_ALL
+  };
+  KAVO_SERVE(tableId, fill, "KavoGetTableStats failed, ret[%d]");
 }

@@ -40,6 +40,7 @@
 #include "hash/generation_iterator.h"
 #include "hash/hash_cell.h"
 #include "hash/hcore.h"
+#include "hash/log_unit.h"
 #include "hash/map_index.h"
 #include "hash/overflow_map.h"
 #include "hash/value_record.h"
@@ -47,7 +48,6 @@
 #include "platform/atomic.h"
 #include "platform/block_directory.h"
 #include "platform/cache_line.h"
-#include "platform/log.h"
 #include "platform/test_hooks.h"
 #include "platform/wait.h"
 

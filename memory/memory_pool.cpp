@@ -11,6 +11,8 @@
 namespace Qen {
 namespace {
 
+constexpr char POOL_LOG_UNIT[] = "memory_pool.cpp";
+
 static_assert(AtomicRef<unsigned char>::is_always_lock_free);
 static_assert(AtomicRef<unsigned char>::required_alignment == 1);
 

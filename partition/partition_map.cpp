@@ -12,6 +12,8 @@
 namespace Qen {
 namespace {
 
+constexpr char PARTITION_LOG_UNIT[] = "partition_map.cpp";
+
 unsigned SizeOf(const PartitionMap::TargetIds& targetIds) noexcept {
   return static_cast<unsigned>(targetIds.size());
 }
@@ -40,7 +42,7 @@ int PartitionMap::Init(unsigned int partitionNum, const TargetIds& targetIds) {
   try {
     m_targetIds = targetIds;
   } catch (const std::bad_alloc& error) {
-    KAVO_LOG_EVENT(PARTITION_LOG_UNIT, "new failed, exception caught:%s", error.what());
+    KAVO_LOG_EVENT(PARTITION_LOG_UNIT, "make_unique failed, exception caught:%s", error.what());
     return KAVO_NO_MEMORY;
   }
   m_partitionNum = partitionNum;

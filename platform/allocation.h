@@ -115,7 +115,7 @@ class ZeroedRange {
 void PoisonBytes(void* memory, std::size_t bytes) noexcept;
 void UnpoisonBytes(void* memory, std::size_t bytes) noexcept;
 
-// Bytes to leave unused behind each value so that an overrun meets poisoned memory; 0 without AddressSanitizer.
+// Bytes to leave unused behind each block so that an overrun meets poisoned memory; 0 without AddressSanitizer.
 inline constexpr std::size_t REDZONE_BYTES = KAVO_ADDRESS_SANITIZER != 0 ? 16 : 0;
 
 }  // namespace Qen

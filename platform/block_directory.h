@@ -1,4 +1,4 @@
-// Blocks by number: what lets a cell name its block in four bytes.
+// Blocks by number: four bytes name one.
 //
 // Blocks of one size lie in ranges. The first, the stock, holds as many as were expected; each further one is twice as
 // large as the one before, so their number is small and a block's range follows from the bits of its number:
@@ -27,7 +27,7 @@ struct NumberedBlock {
 
 class BlockDirectory {
  public:
-  // Two fewer than numbers: a record has words for two states more (value_record.h).
+  // Two fewer than numbers: whoever keeps a number may need words for two states more.
   static constexpr unsigned long long MAX_BLOCKS = (1ULL << 32) - 2;
 
   // The first range behind the stock holds `firstCount` blocks, a power of two.

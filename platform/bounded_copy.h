@@ -1,5 +1,4 @@
-// memcpy_s and memset_s with the semantics of C11 Annex K. Internal linkage: a host's own functions of these names
-// never meet ours.
+// memcpy_s with the semantics of C11 Annex K. Internal linkage: a host's own function of that name never meets ours.
 #pragma once
 
 #include <cerrno>
@@ -9,13 +8,13 @@
 
 namespace Qen {
 
-// The largest size either function accepts; every value length is far below it.
+// The largest size that is accepted.
 inline constexpr std::size_t RSIZE_LIMIT = SIZE_MAX >> 1;
 
 // Copies `count` bytes. 0 on success. EINVAL for a null pointer or a size above RSIZE_LIMIT, ERANGE when `count`
 // exceeds `destMax` or the two ranges overlap; on failure the destination, where it is valid, is zeroed. A range
-// copied onto itself is the one overlap allowed: it succeeds and changes nothing, because a caller may hand an
-// update the very address that a lookup gave it.
+// copied onto itself is the one overlap allowed: it succeeds and changes nothing, so that bytes may be handed back at
+// the very address where they were found.
 static inline int memcpy_s(void* dest, std::size_t destMax, const void* src, std::size_t count) noexcept {
   if (dest == nullptr || destMax > RSIZE_LIMIT) {
     return EINVAL;
@@ -38,24 +37,6 @@ static inline int memcpy_s(void* dest, std::size_t destMax, const void* src, std
     return ERANGE;
   }
   std::memcpy(dest, src, count);
-  return 0;
-}
-
-// Sets `count` bytes to `value`. 0 on success. EINVAL for a null pointer or a size above RSIZE_LIMIT, ERANGE when
-// `count` exceeds `destMax`; then the whole destination, where it is valid, is set all the same.
-static inline int memset_s(void* dest, std::size_t destMax, int value, std::size_t count) noexcept {
-  if (dest == nullptr || destMax > RSIZE_LIMIT) {
-    return EINVAL;
-  }
-  if (count > RSIZE_LIMIT) {
-    std::memset(dest, value, destMax);
-    return EINVAL;
-  }
-  if (count > destMax) {
-    std::memset(dest, value, destMax);
-    return ERANGE;
-  }
-  std::memset(dest, value, count);
   return 0;
 }
 

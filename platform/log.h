@@ -1,5 +1,5 @@
-// The log facility: statements, channels, levels, and the frame around every message. Hosts match on these lines, so
-// message texts keep their spelling. Where lines go is decided in log_sink.
+// The log facility: statements, channels, levels, and the frame around every message. Hosts match on log lines, so
+// message texts keep their spelling. Where log lines go is decided in log_sink.
 #pragma once
 
 #include <unistd.h>
@@ -17,10 +17,10 @@ inline constexpr int LOG_LEVEL_WARN = 2;
 inline constexpr int LOG_LEVEL_ERROR = 3;
 inline constexpr int LOG_LEVEL_EVENT = 4;
 
-// 1 when lines of that level on that channel are to be written; any other answer suppresses the line.
+// 1 when log lines of that level on that channel are to be written; any other answer suppresses them.
 int LogLevelEnabled(unsigned channel, int level) noexcept;
 
-// Each writes one line. `site` is the statement's own object; it carries the statement's rate bound.
+// Each writes one log line. `site` is the statement's own object; it carries the statement's rate bound.
 void LogError(LogSite& site, unsigned channel, const char* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 void LogWarn(LogSite& site, unsigned channel, const char* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 void LogInfo(LogSite& site, unsigned channel, const char* format, ...) noexcept __attribute__((format(printf, 3, 4)));
@@ -37,8 +37,8 @@ unsigned long long LogLinesHeldBack() noexcept;
 
 }  // namespace Qen
 
-// KAVO_LOG_x(unit, message, arguments...): `unit` is the name under which the statement's file logs. The table code,
-// templates included, logs under one unit whatever file a statement stands in.
+// KAVO_LOG_x(unit, message, arguments...): `unit` is the file name that the log line shows; several files may share
+// one.
 #define KAVO_LOG_FRAME_ "[%s:%d]tid:%d,%s(%d) : "
 
 #define KAVO_LOG_LINE_(writer, channel, unit, message, ...)                                                   \
@@ -68,13 +68,3 @@ unsigned long long LogLinesHeldBack() noexcept;
 #define KAVO_LOG_DEBUG(unit, message, ...)                                                 \
   KAVO_LOG_CHECKED_LINE_(LogDebug, ::Qen::DEBUG_LOG_CHANNEL, ::Qen::LOG_LEVEL_DEBUG, unit, \
                          message __VA_OPT__(, ) __VA_ARGS__)
-
-namespace Qen {
-
-// The unit names of the library.
-inline constexpr char TABLE_LOG_UNIT[] = "concurrent_tables_adapter.cpp";
-inline constexpr char POOL_LOG_UNIT[] = "memory_pool.cpp";
-inline constexpr char PARTITION_LOG_UNIT[] = "partition_map.cpp";
-inline constexpr char KAVO_ADAPTER_LOG_UNIT[] = "kavo_adapter.cpp";
-
-}  // namespace Qen

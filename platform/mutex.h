@@ -1,5 +1,5 @@
 // Every lock is declared through these aliases, for the same reason as Atomic. A lock that reports an error throws
-// std::system_error; the exported functions turn it into KAVO_FAILED with a log line.
+// std::system_error.
 #pragma once
 
 #include <mutex>

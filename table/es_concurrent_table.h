@@ -18,11 +18,11 @@
 #include <new>
 
 #include "hash/concurrent_table.h"
+#include "hash/log_unit.h"
 #include "kavo.h"
 #include "memory/memory_pool.h"
 #include "platform/allocation.h"
 #include "platform/bounded_copy.h"
-#include "platform/log.h"
 #include "table/export_cursors.h"
 #include "table/new_value.h"
 #include "table/value_header.h"

@@ -1,9 +1,9 @@
 // What an update writes into the block of a key that exists.
 #pragma once
 
+#include "hash/log_unit.h"
 #include "kavo.h"
 #include "platform/bounded_copy.h"
-#include "platform/log.h"
 #include "table/value_header.h"
 
 namespace Qen {

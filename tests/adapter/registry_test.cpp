@@ -84,7 +84,8 @@ TEST(Registry, UnknownKindIsUnsupported) {
   EXPECT_EQ(KAVO_UNSUPPORTED, KavoPrepareMemForValues(1, &count));
   EXPECT_EQ(KAVO_UNSUPPORTED, KavoGetMemForValue(1, 0, &address, &len));
   EXPECT_EQ(KAVO_INVALID, KavoSetFilterFreq(1, 1));
-  EXPECT_EQ(9U, capture.Lines().size());
+  EXPECT_EQ(KAVO_UNSUPPORTED, KavoSetRehashMode(1, KAVO_REHASH_GRADUAL));
+  EXPECT_EQ(10U, capture.Lines().size());
   EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(1));
 }
 

@@ -33,7 +33,7 @@ TEST(PartitionMapFaults, EachFailedAllocationIsNoMemoryWithOneEventAndNoMap) {
     const auto lines = log.Lines();
     ASSERT_EQ(1U, lines.size());
     EXPECT_EQ(KAVO_LOG_LEVEL_EVENT, lines[0].level);
-    EXPECT_EQ("new failed, exception caught:std::bad_alloc", lines[0].message);
+    EXPECT_EQ("make_unique failed, exception caught:std::bad_alloc", lines[0].message);
     units.push_back(lines[0].file + " " + lines[0].function);
     EXPECT_EQ(KAVO_UNSUPPORTED, UninitPartitionMap()) << "half a map was left";
   });
