@@ -407,16 +407,22 @@ def write_report(results: Results, sections: list[Section], folder: Path) -> Non
 
 def main() -> None:
     parser = argparse.ArgumentParser(
-        prog="./run bench",
+        usage="./run bench [--entries N] [--threads T] [--rounds R] [--report] [--report-to FOLDER]\n"
+        "       benchmarks/report.py docs/performance/results.json [--report] [--report-to FOLDER]",
         description="Kavo's tables beside the maps that one would use instead, and beside what the memory allows.",
-        epilog="Measures 1,000,000 entries with 2 threads in 5 rounds, or with --entries N, --threads T, --rounds R.",
+        epilog="Measures 1,000,000 entries with 2 threads in 5 rounds (3 of more than 4,000,000) unless N, T and R say "
+        "otherwise; or shows again what an earlier run measured.",
         allow_abbrev=False,
     )
-    parser.add_argument("source", help="the program that measures, or a results.json of an earlier run")
+    parser.add_argument("source", help="the program that measures, which ./run bench names, or a results.json")
     parser.add_argument("--report", action="store_true", help="write performance.md, the numbers and the plots")
-    parser.add_argument("--report-to", type=Path, default=DOCS, help="the folder that the report goes to")
+    parser.add_argument(
+        "--report-to", metavar="FOLDER", type=Path, default=DOCS, help="the folder that the report goes to"
+    )
     options, measuring = parser.parse_known_args()
     if options.source.endswith(".json"):
+        if measuring:
+            parser.error("nothing is measured for a results.json: " + " ".join(measuring))
         results = json.loads(Path(options.source).read_text())
     else:
         results = measure(options.source, measuring)

@@ -3,8 +3,8 @@
 //   step_benchmarks [--benchmark_filter=REGEX] and the other options of Google Benchmark
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <kavo.h>
 #include <unistd.h>
+#include <kavo.hpp>
 
 #include <array>
 #include <cstdint>
@@ -24,29 +24,19 @@ constexpr unsigned LARGE_ID = 4711;  // behind a shared lock and a hash lookup
 constexpr std::uint64_t ENTRIES = 4096;
 constexpr std::uint64_t BATCH = BATCH_KEYS;
 
-void Insert(unsigned id, long key) {
-  Value value = ValueOf(key);
-  Check(KavoInsert(id, key, reinterpret_cast<unsigned char*>(&value), VALUE_BYTES, 0, 0) == KAVO_SUCCESS, "KavoInsert");
+void Insert(const kavo::Table& table, long key) {
+  table.Insert(key, ValueOf(key).numbers, 0, kavo::NewState::FULL_ONLY);
 }
 
 // A table with the first keys of KeyAt.
-class Table {
- public:
-  explicit Table(unsigned id, std::uint64_t size = ENTRIES, std::uint64_t entries = ENTRIES) : m_id(id) {
-    DropLogLines();
-    Check(KavoInitHashTable(id, static_cast<unsigned>(size), VALUE_BYTES, KAVO_TABLE_TYPE_BASIC) == KAVO_SUCCESS,
-          "KavoInitHashTable");
-    for (std::uint64_t i = 0; i < entries; ++i) {
-      Insert(id, KeyAt(i));
-    }
+kavo::Table MakeTable(unsigned id = SMALL_ID) {
+  DropLogLines();
+  kavo::Table table(id, ENTRIES, VALUE_BYTES);
+  for (std::uint64_t i = 0; i < ENTRIES; ++i) {
+    Insert(table, KeyAt(i));
   }
-  Table(const Table&) = delete;
-  Table& operator=(const Table&) = delete;
-  ~Table() { KavoUninitHashTable(m_id); }
-
- private:
-  unsigned m_id;
-};
+  return table;
+}
 
 // The keys from the n-th on.
 std::vector<long> Keys(std::uint64_t first, std::uint64_t num = BATCH) {
@@ -70,19 +60,19 @@ void LookUp(benchmark::State& state, unsigned id, const std::vector<long>& keys,
 }
 
 void HitSmallId(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   LookUp(state, SMALL_ID, Keys(0), KAVO_SUCCESS);
 }
 BENCHMARK(HitSmallId);
 
 void HitLargeId(benchmark::State& state) {
-  const Table table(LARGE_ID);
+  const kavo::Table table = MakeTable(LARGE_ID);
   LookUp(state, LARGE_ID, Keys(0), KAVO_SUCCESS);
 }
 BENCHMARK(HitLargeId);
 
 void MissLinesDroppedBySink(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   LookUp(state, SMALL_ID, Keys(ENTRIES), KAVO_INVALID);
 }
 BENCHMARK(MissLinesDroppedBySink);
@@ -110,7 +100,7 @@ class DefaultWriterToNowhere {
 
 // Nearly all lines are beyond the writer's bound.
 void MissLinesHeldBack(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   const DefaultWriterToNowhere writer;
   LookUp(state, SMALL_ID, Keys(ENTRIES), KAVO_INVALID);
 }
@@ -118,36 +108,31 @@ BENCHMARK(MissLinesHeldBack);
 
 // A refused argument writes one line and does nothing else.
 void OneLineHeldBack(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   const DefaultWriterToNowhere writer;
   LookUp(state, SMALL_ID, std::vector<long>(BATCH, -1), KAVO_INVALID);
 }
 BENCHMARK(OneLineHeldBack);
 
 void FindOrInsertPresentKey(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   const std::vector<long> keys = Keys(0);
   std::size_t i = 0;
   for (auto _ : state) {
-    unsigned char* value = nullptr;
-    unsigned length = 0;
-    unsigned isFind = 0;
-    Check(KavoLookupOrInsert(SMALL_ID, keys[i++ % BATCH], &value, &length, &isFind, 0) == KAVO_SUCCESS && isFind == 1,
-          "KavoLookupOrInsert");
-    benchmark::DoNotOptimize(value);
+    const auto found = table.LookupOrInsert(keys[i++ % BATCH], 0);
+    Check(!found.created, "the key is found");
+    benchmark::DoNotOptimize(found.row.data());
   }
 }
 BENCHMARK(FindOrInsertPresentKey);
 
 void UpdatePresentKey(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   const std::vector<long> keys = Keys(0);
-  Value value = ValueOf(keys[0]);
+  const Value value = ValueOf(keys[0]);
   std::size_t i = 0;
   for (auto _ : state) {
-    Check(
-        KavoUpdate(SMALL_ID, keys[i++ % BATCH], reinterpret_cast<unsigned char*>(&value), VALUE_BYTES) == KAVO_SUCCESS,
-        "KavoUpdate");
+    table.Update(keys[i++ % BATCH], value.numbers);
   }
 }
 BENCHMARK(UpdatePresentKey);
@@ -157,13 +142,14 @@ BENCHMARK(UpdatePresentKey);
 constexpr std::int64_t INSERTS = 200'000;
 void InsertNewKeys(benchmark::State& state) {
   const auto mode = static_cast<unsigned>(state.range(0));
-  const Table table(SMALL_ID, mode == 0 ? INSERTS : 8, 0);
+  DropLogLines();
+  const kavo::Table table(SMALL_ID, mode == 0 ? INSERTS : 8, VALUE_BYTES);
   if (mode != 0) {
-    Check(KavoSetRehashMode(SMALL_ID, mode) == KAVO_SUCCESS, "KavoSetRehashMode");
+    table.SetRehashMode(kavo::RehashMode{mode});
   }
   std::uint64_t i = 0;
   for (auto _ : state) {
-    Insert(SMALL_ID, KeyAt(i++));
+    Insert(table, KeyAt(i++));
   }
 }
 BENCHMARK(InsertNewKeys)
@@ -179,12 +165,10 @@ void CountKeys(benchmark::State& state) {
 }
 
 void LookUpBatch(benchmark::State& state, const std::vector<long>& keys, std::uint64_t expected) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   std::array<unsigned char*, BATCH> values{};
   for (auto _ : state) {
-    unsigned long long found = 0;
-    Check(KavoBatchLookup(SMALL_ID, keys.data(), BATCH, values.data(), &found) == KAVO_SUCCESS && found == expected,
-          "KavoBatchLookup");
+    Check(table.BatchLookup(keys, values) == expected, "as many keys as expected are found");
     benchmark::ClobberMemory();
   }
   CountKeys(state);
@@ -201,16 +185,12 @@ void BatchOfMisses(benchmark::State& state) {
 BENCHMARK(BatchOfMisses);
 
 void BatchFindOrInsertPresentKeys(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   const std::vector<long> keys = Keys(0);
   std::array<unsigned char*, BATCH> values{};
   std::array<unsigned, BATCH> isFind{};
   for (auto _ : state) {
-    unsigned long long done = 0;
-    Check(
-        KavoBatchLookupOrInsert(SMALL_ID, keys.data(), BATCH, values.data(), isFind.data(), 0, &done) == KAVO_SUCCESS &&
-            done == BATCH,
-        "KavoBatchLookupOrInsert");
+    table.BatchLookupOrInsert(keys, values, isFind, 0);
     benchmark::ClobberMemory();
   }
   CountKeys(state);
@@ -218,13 +198,11 @@ void BatchFindOrInsertPresentKeys(benchmark::State& state) {
 BENCHMARK(BatchFindOrInsertPresentKeys);
 
 void BatchGather(benchmark::State& state) {
-  const Table table(SMALL_ID);
+  const kavo::Table table = MakeTable();
   const std::vector<long> keys = Keys(0);
   std::vector<Value> rows(BATCH);
   for (auto _ : state) {
-    Check(KavoBatchGather(SMALL_ID, keys.data(), BATCH, reinterpret_cast<unsigned char*>(rows.data()), VALUE_BYTES,
-                          nullptr) == KAVO_SUCCESS,
-          "KavoBatchGather");
+    table.BatchGather(keys, rows);
     benchmark::ClobberMemory();
   }
   CountKeys(state);
@@ -233,15 +211,11 @@ BENCHMARK(BatchGather);
 
 // A whole export of the table, in batches of 1,024.
 void ExportOfTable(benchmark::State& state) {
-  const Table table(SMALL_ID);
-  std::vector<KavoHtBatchElement> elements(1024);
+  const kavo::Table table = MakeTable();
   for (auto _ : state) {
-    KavoHtBatchInfo batch = {elements.data(), 1024, KAVO_EXPORT_ALL, 0};
-    void* iter = nullptr;
-    do {
-      unsigned num = 0;
-      Check(KavoBatchGetNext(SMALL_ID, &batch, &num, &iter) == KAVO_SUCCESS, "KavoBatchGetNext");
-    } while (iter != nullptr);
+    for (const KavoHtBatchElement& entry : table.Export(kavo::ExportMode::ALL, 1024)) {
+      benchmark::DoNotOptimize(entry.value);
+    }
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(ENTRIES));
 }
