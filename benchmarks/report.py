@@ -284,9 +284,10 @@ def draw_growth(figure: Figure, results: Results, step: str) -> None:
     figure.set_figheight(1 + 1.2 * len(measured))
     panels = figure.subplots(len(measured), 1, sharex=True, sharey=True)
     for axes, (table, calls) in zip(panels, measured.items()):
-        slices = [statistics.median(times) for times in zip(*(rounds["worstOfSlices"] for rounds in calls[step]))]
+        slices = [list(filter(None, times)) for times in zip(*(rounds["worstOfSlices"] for rounds in calls[step]))]
         entries = [results["entries"] * (i + 1) / len(slices) / 1e6 for i in range(len(slices))]
-        seconds = [time / 1e9 if time > 0 else float("nan") for time in slices]
+        # Where no round had a call, the line has a gap.
+        seconds = [statistics.median(times) / 1e9 if times else float("nan") for times in slices]
         axes.plot(entries, seconds, color=COLOURS.get(table, GREY), marker=".", markersize=4, linewidth=1.2)
         axes.set_yscale("log")
         axes.yaxis.set_major_locator(LogLocator(numticks=5))
