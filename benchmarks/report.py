@@ -284,7 +284,9 @@ def draw_growth(figure: Figure, results: Results, step: str) -> None:
     figure.set_figheight(1 + 1.2 * len(measured))
     panels = figure.subplots(len(measured), 1, sharex=True, sharey=True)
     for axes, (table, calls) in zip(panels, measured.items()):
-        slices = [list(filter(None, times)) for times in zip(*(rounds["worstOfSlices"] for rounds in calls[step]))]
+        slices = [
+            [time for time in times if time > 0] for times in zip(*(rounds["worstOfSlices"] for rounds in calls[step]))
+        ]
         entries = [results["entries"] * (i + 1) / len(slices) / 1e6 for i in range(len(slices))]
         # Where no round had a call, the line has a gap.
         seconds = [statistics.median(times) / 1e9 if times else float("nan") for times in slices]
