@@ -19,7 +19,6 @@
 
 #include "adapter/manager.h"
 #include "kavo.h"
-#include "platform/log.h"
 #include "platform/test_hooks.h"
 #include "support/log_capture.h"
 
@@ -144,7 +143,7 @@ class Refusals : public testing::Test {
       static constexpr std::array<const char*, 5> LEVELS = {"debug", "info", "warn", "error", "event"};
       EXPECT_TRUE(line.framed && line.line == line.lineAgain && line.threadId == gettid()) << line.raw;
       EXPECT_EQ(line.level == KAVO_LOG_LEVEL_DEBUG ? DEBUG_CHANNEL : RUN_CHANNEL, line.channel);
-      const std::string unit = line.file == Qen::TABLE_LOG_UNIT ? "" : "[" + line.file + "] ";
+      const std::string unit = line.file == "concurrent_tables_adapter.cpp" ? "" : "[" + line.file + "] ";
       text += std::string("    ") + LEVELS.at(static_cast<std::size_t>(line.level)) + " " + unit + line.function +
               ": " + line.message + "\n";
     }
