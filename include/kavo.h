@@ -518,8 +518,8 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
 /* EXPORT
  *
  * A table's entries are handed out in batches, each into an array of the caller's. Values are not copied: an element
- * points to the value bytes inside the table. Where an iteration stands is kept in a cursor, of which the caller holds
- * the address:
+ * points to the value bytes inside the table. Where an iteration stands is kept in a cursor, which the caller knows by a
+ * pointer that points to nothing:
  *
  *   KavoHtBatchElement elements[1024];
  *   KavoHtBatchInfo batch = {elements, 1024, KAVO_EXPORT_ALL, 0};
@@ -550,8 +550,8 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
  *    safe, but its key may be reported or not, and others twice. Lookups and updates may run.
  *  - A cursor belongs to the table. It is freed when its iteration ends, and otherwise with the table: an iteration
  *    may be given up at any time without a call, and leaves some hundred bytes until then; and the table, should it
- *    grow, keeps the memory of its smaller forms while any cursor is open. An address that is not a cursor of the
- *    table, or not any more, is refused.
+ *    grow, keeps the memory of its smaller forms while any cursor is open. What is not a cursor of the table, or not
+ *    any more, is refused: no cursor of the process ever has the pointer of another.
  *  - One cursor is used by one thread at a time. Cursors do not affect each other, except that marking exports compete
  *    for the entries that they mark.
  *

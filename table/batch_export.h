@@ -20,7 +20,7 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetBatchNext(const
   ExportCursors<Cursor>& cursors = self.m_batchIters;
   Cursor* cursor = nullptr;
   if (iter == nullptr) {
-    cursor = cursors.Open(self.HashTableOwner().GetHashtable());
+    cursor = cursors.Open(self.HashTableOwner().GetHashtable(), iter);
     if (cursor == nullptr) {
       KAVO_LOG_EVENT(TABLE_LOG_UNIT, "Memory application failed.");
       return KAVO_NO_MEMORY;
@@ -32,8 +32,7 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetBatchNext(const
       return KAVO_INVALID;
     }
   }
-  // Set before the walk: a lock that fails at its end must not take the caller's way back to the cursor.
-  iter = cursor;
+  // `iter` has its name before the walk: a lock that fails at the end must not take the caller's way back to it.
   for (; !cursor->AtEnd(); cursor->Next(hint)) {
     if (!self.IsMeetRequirements(mode, cursor->EntryBlock())) {
       continue;
@@ -48,7 +47,7 @@ int EsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::GetBatchNext(const
       return KAVO_SUCCESS;
     }
   }
-  cursors.Close(cursor);
+  cursors.Close(iter);
   iter = nullptr;
   return KAVO_SUCCESS;
 }

@@ -251,6 +251,8 @@ TEST_F(Cursors, OfAnotherTableOrEndedOrMadeUpAreRefusedUnread) {
   while (begun.iter != nullptr) {
     ASSERT_EQ(KAVO_SUCCESS, begun.Next(m_table));
   }
+  Batch reopened(4, KAVO_EXPORT_ALL);  // the allocator gives it the memory of the ended one
+  ASSERT_EQ(KAVO_SUCCESS, reopened.Next(m_table));
   Batch refused(100, KAVO_EXPORT_ALL);
   LogCapture log(Qen::SetLogSink);
   for (void* const iter : {foreign.iter, endedIter, reinterpret_cast<void*>(8)}) {
