@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cmath>
 
-#include "ctr_training/hashing.h"
+#include "pseudo_random.h"
 
 namespace CtrTraining {
 namespace {
+
+using PseudoRandom::BellCurve;
+using PseudoRandom::Mix;
+using PseudoRandom::UnitInterval;
 
 constexpr std::uint64_t BLOCK_ROWS = 256;
 constexpr std::uint64_t FIRST_ID = 10'000'000;

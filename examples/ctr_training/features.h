@@ -4,10 +4,10 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <kavo.hpp>
 #include <optional>
 
 #include "ctr_training/click_row.h"
-#include "ctr_training/hashing.h"
 
 namespace CtrTraining {
 
@@ -16,11 +16,11 @@ using FeatureKeys = std::array<long, FIELDS>;
 // An absent value is a value of its own, beyond every bucket and every category.
 inline constexpr std::uint64_t MISSING_VALUE = std::uint64_t{1} << 32;
 
-// Kavo takes keys from 0 to 2^63 - 1 and picks the bucket by a key's low 32 bits as they are, so field and value are
-// mixed into all bits and the sign bit is dropped.
+// Field and value side by side, so that no two features meet, then mixed, because Kavo picks the bucket by a key's low
+// bits as they are.
 constexpr long FeatureKey(std::uint64_t field, std::uint64_t value) {
-  constexpr std::uint64_t NON_NEGATIVE = ~std::uint64_t{0} >> 1;
-  return static_cast<long>(Mix(Mix(field) ^ value) & NON_NEGATIVE);
+  constexpr int VALUE_BITS = 33;
+  return kavo::MixKey(static_cast<long>(field << VALUE_BITS | value));
 }
 
 // The key of the term that every row has.

@@ -4,8 +4,10 @@
 //   ctr_training LOG                  on a log file
 //   ctr_training --write-log FILE     writes the generated log instead
 //
-// Reading order for the library's sake: kavo_table (the calls), parameters (the value bytes), model (the lookups),
-// trainer (the threads), library_log (the log lines).
+// Exits with 1 when a call or a file fails, and when the model learned less than it is meant to from a generated log.
+//
+// Reading order for the library's sake: model (the tables and lookups), parameters (the value bytes), trainer (the
+// threads).
 #include <fmt/format.h>
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -23,7 +25,6 @@
 
 #include "ctr_training/click_generator.h"
 #include "ctr_training/click_log.h"
-#include "ctr_training/library_log.h"
 #include "ctr_training/model.h"
 #include "ctr_training/report.h"
 #include "ctr_training/trainer.h"
@@ -114,23 +115,22 @@ Outcome TrainOnce(RowSource& source, Arguments& arguments) {
   facts.truthKnown = source.KnowsTruth();
   facts.residentBefore = ResidentBytes();
 
-  const LibraryLog libraryLog;
   const Model model(arguments.model);
   outcome.result = Train(source, model, training);
-  facts.growths = libraryLog.Growths();
   facts.residentAfter = ResidentBytes();
   facts.weights = model.Weights().Stats();
   facts.vectors = model.Vectors().Stats();
   return outcome;
 }
 
-void Run(Arguments& arguments) {
+// False if the model learned too little.
+bool Run(Arguments& arguments) {
   std::unique_ptr<RowSource> source;
   if (arguments.log.empty()) {
     auto generator = std::make_unique<ClickGenerator>(arguments.rows, arguments.seed);
     if (!arguments.writeLog.empty()) {
       WriteLog(*generator, arguments.writeLog);
-      return;
+      return true;
     }
     source = std::move(generator);
   } else {
@@ -151,6 +151,7 @@ void Run(Arguments& arguments) {
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     throw std::runtime_error("standard output: cannot be written");
   }
+  return GoalMet(all.result, all.facts);
 }
 
 }  // namespace
@@ -162,7 +163,10 @@ int main(int argc, char** argv) {
     CtrTraining::Arguments arguments;
     CtrTraining::Declare(app, arguments);
     app.parse(argc, argv);
-    CtrTraining::Run(arguments);
+    if (!CtrTraining::Run(arguments)) {
+      fmt::print(stderr, "ctr_training: the goal was not met\n");
+      return 1;
+    }
     return 0;
   } catch (const CLI::ParseError& error) {
     return app.exit(error);

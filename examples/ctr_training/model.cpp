@@ -15,11 +15,17 @@ constexpr unsigned VECTORS_TABLE = 2;
 
 Model::Model(const ModelOptions& options)
     : m_options(options),
-      m_weights(WEIGHTS_TABLE, options.tableSize, LinearParameter::FLOATS),
-      m_vectors(VECTORS_TABLE, options.tableSize, VectorParameter::Floats(options.dim), options.admitAt) {}
+      m_weights(WEIGHTS_TABLE, options.tableSize, LinearParameter::FLOATS * sizeof(float)),
+      m_vectors(VECTORS_TABLE, options.tableSize,
+                static_cast<unsigned>(VectorParameter::Floats(options.dim) * sizeof(float)),
+                options.admitAt > 1 ? kavo::TableType::FILTER : kavo::TableType::BASIC) {
+  if (options.admitAt > 1) {
+    m_vectors.SetFilterFrequency(options.admitAt);
+  }
+}
 
 std::uint64_t Model::FeatureCount(bool admittedOnly) const {
-  return m_vectors.KeyCount(admittedOnly);
+  return m_vectors.CountEntries(admittedOnly);
 }
 
 Learner::Learner(const Model& model)
@@ -41,13 +47,13 @@ void Learner::Find(const FeatureKeys& keys) {
   m_weights.clear();
   m_vectors.clear();
   m_vectorKeys.clear();
-  m_intercept = LinearParameter(m_model.Weights().LookupOrInsert(INTERCEPT_KEY).value);
+  m_intercept = LinearParameter(m_model.Weights().LookupOrInsert<float>(INTERCEPT_KEY).row.data());
   for (const long key : keys) {
-    m_weights.emplace_back(m_model.Weights().LookupOrInsert(key).value);
+    m_weights.emplace_back(m_model.Weights().LookupOrInsert<float>(key).row.data());
   }
   for (const long key : keys) {
-    if (float* const value = m_model.Vectors().LookupOrInsert(key).value) {
-      m_vectors.emplace_back(value, m_dim);
+    if (const kavo::Row<float> row = m_model.Vectors().LookupOrInsert<float>(key).row) {
+      m_vectors.emplace_back(row.data(), m_dim);
       m_vectorKeys.push_back(key);
     }
   }

@@ -7,10 +7,10 @@
 #pragma once
 
 #include <cstdint>
+#include <kavo.hpp>
 #include <vector>
 
 #include "ctr_training/features.h"
-#include "ctr_training/kavo_table.h"
 #include "ctr_training/parameters.h"
 
 namespace CtrTraining {
@@ -28,16 +28,16 @@ class Model {
   explicit Model(const ModelOptions& options);
 
   const ModelOptions& Options() const { return m_options; }
-  const KavoTable& Weights() const { return m_weights; }
-  const KavoTable& Vectors() const { return m_vectors; }
+  const kavo::Table& Weights() const { return m_weights; }
+  const kavo::Table& Vectors() const { return m_vectors; }
 
   // Features that turned up, or those of them that have a vector. While no thread trains.
   std::uint64_t FeatureCount(bool admittedOnly) const;
 
  private:
   const ModelOptions m_options;
-  KavoTable m_weights;
-  KavoTable m_vectors;
+  kavo::Table m_weights;
+  kavo::Table m_vectors;
 };
 
 class Learner {

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <span>
 
-#include "ctr_training/hashing.h"
+#include "pseudo_random.h"
 
 namespace CtrTraining {
 
@@ -75,7 +75,7 @@ class VectorParameter {
     std::uint64_t word = static_cast<std::uint64_t>(key);
     for (unsigned d = 0; d < m_dim; ++d) {
       // Four coordinates' starts from one word.
-      word = d % 4 == 0 ? Mix(word) : word;
+      word = d % 4 == 0 ? PseudoRandom::Mix(word) : word;
       const auto quarter = static_cast<float>((word >> (16 * (d % 4))) & 0xFFFF);
       coordinates[d] = Load(m_value[d]) + rates.start * (quarter / 32767.5F - 1.0F);
     }

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -13,9 +14,22 @@ namespace {
 
 constexpr double MIB = 1024.0 * 1024.0;
 
-// The share of the gap that the model is meant to close, from so many rows on.
-constexpr double GAP_GOAL = 0.70;
-constexpr std::uint64_t GAP_GOAL_ROWS = 1'000'000;
+// The share of the gap that the model is meant to close, by the number of rows; none for shorter logs.
+std::optional<double> GoalFor(std::uint64_t rows) {
+  if (rows >= 1'000'000) {
+    return 0.70;
+  }
+  return rows >= 50'000 ? std::optional(0.40) : std::nullopt;
+}
+
+// Of the way from the constant rate to the true model, how much the trained model went. None where that is not known.
+std::optional<double> GapClosed(const TrainingResult& result, const RunFacts& facts) {
+  const double constant = result.model.ConstantLogLoss();
+  if (!facts.truthKnown || constant <= result.trueLoss) {
+    return std::nullopt;
+  }
+  return (constant - result.model.MeanLogLoss()) / (constant - result.trueLoss);
+}
 
 // 1234567 as 1,234,567.
 std::string Count(std::uint64_t number) {
@@ -46,10 +60,10 @@ void Line(const char* name, const std::string& value) {
   fmt::print("{:<36}{}\n", name, value);
 }
 
-std::string GapText(double share, std::uint64_t rowCount) {
-  std::string text = fmt::format("{:.1f} %", 100.0 * share);
-  if (rowCount >= GAP_GOAL_ROWS) {
-    text += fmt::format(" (goal {:.0f} %: {})", 100.0 * GAP_GOAL, share >= GAP_GOAL ? "met" : "NOT MET");
+std::string GapText(const TrainingResult& result, const RunFacts& facts) {
+  std::string text = fmt::format("{:.1f} %", 100.0 * *GapClosed(result, facts));
+  if (const std::optional<double> goal = GoalFor(facts.rowCount)) {
+    text += fmt::format(" (goal {:.0f} %: {})", 100.0 * *goal, GoalMet(result, facts) ? "met" : "NOT MET");
   }
   return text;
 }
@@ -79,8 +93,8 @@ void PrintQuality(const TrainingResult& result, const RunFacts& facts) {
     Line("log loss of the true model", fmt::format("{:.5f}", result.trueLoss));
   }
   Line("log loss of the trained model", fmt::format("{:.5f}", model));
-  if (facts.truthKnown && constant > result.trueLoss) {
-    Line("share of the gap closed", GapText((constant - model) / (constant - result.trueLoss), facts.rowCount));
+  if (GapClosed(result, facts)) {
+    Line("share of the gap closed", GapText(result, facts));
   }
   Line("AUC", fmt::format("{:.5f}", result.model.Auc()));
   for (std::size_t epoch = 1; epoch < result.epochLoss.size(); ++epoch) {
@@ -139,6 +153,12 @@ std::uint64_t ResidentBytes() {
   return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
+bool GoalMet(const TrainingResult& result, const RunFacts& facts) {
+  const std::optional<double> share = GapClosed(result, facts);
+  const std::optional<double> goal = GoalFor(facts.rowCount);
+  return !share || !goal || (*share >= *goal && *share < 1.0);
+}
+
 void PrintReport(const TrainingResult& result, const RunFacts& facts) {
   Rule();
   Line("rows learned", fmt::format("{} in {:.1f} s", Count(result.rows), result.seconds));
@@ -152,7 +172,8 @@ void PrintReport(const TrainingResult& result, const RunFacts& facts) {
   PrintQuality(result, facts);
   Rule();
   Line("lookups", fmt::format("{}, {} a second", Count(result.lookups), CountRate(result.lookups, result.seconds)));
-  Line("growths", fmt::format("{}, both tables together, from {} entries each", facts.growths, facts.tableSize));
+  Line("growths", fmt::format("{}, both tables together, from {} entries each",
+                              facts.weights.growths + facts.vectors.growths, facts.tableSize));
   Line("resident memory", fmt::format("{:.1f} MiB", static_cast<double>(facts.residentAfter) / MIB));
   PrintTableMemory(facts.weights, facts.vectors);
   if (result.distinctFeatures > 0) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <kavo.hpp>
 
 #include "ctr_training/trainer.h"
 
@@ -34,7 +35,6 @@ struct RunFacts {
   std::uint64_t firstEvaluated = 0;
   std::uint64_t rowCount = 0;
   bool truthKnown = false;
-  std::uint64_t growths = 0;
   std::uint64_t residentBefore = 0;  // bytes, before the tables were made
   std::uint64_t residentAfter = 0;   // bytes, while they still stand
   KavoTableStats weights{};          // of the two tables, at the end
@@ -43,6 +43,10 @@ struct RunFacts {
 
 // Bytes of the process that are in physical memory now.
 std::uint64_t ResidentBytes();
+
+// Whether the model learned what could be learned, where the log tells that. A model that beats the true one has seen
+// the labels that it predicts.
+bool GoalMet(const TrainingResult& result, const RunFacts& facts);
 
 void PrintReport(const TrainingResult& result, const RunFacts& facts);
 

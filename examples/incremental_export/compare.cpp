@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t DESCRIBED = 10;
 
 // By key.
-std::vector<ScannedEntry> SortedEntries(const KavoTable& table) {
+std::vector<ScannedEntry> SortedEntries(const kavo::Table& table) {
   std::vector<ScannedEntry> entries;
   entries.reserve(table.CountEntries(false));
   TableScan scan(table);
@@ -40,7 +40,7 @@ const char* NameOf(ExportState state) {
 }
 
 // Empty if they do not differ.
-std::string DifferenceOf(const ScannedEntry& first, const ScannedEntry& second, const KavoTable& secondTable) {
+std::string DifferenceOf(const ScannedEntry& first, const ScannedEntry& second, const kavo::Table& secondTable) {
   if (first.state != second.state) {
     return fmt::format("{} in the first table, {} in the second", NameOf(first.state), NameOf(second.state));
   }
@@ -50,7 +50,7 @@ std::string DifferenceOf(const ScannedEntry& first, const ScannedEntry& second, 
   if (first.value != nullptr && std::memcmp(first.value, second.value, secondTable.ValueLen()) != 0) {
     return "other value bytes";
   }
-  if (secondTable.Lookup(first.key) != second.value) {
+  if (secondTable.Lookup(first.key).data() != second.value) {
     return "a lookup in the second table gives another address than its export";
   }
   return {};
@@ -73,15 +73,15 @@ void Tally(Comparison& result, const std::vector<ScannedEntry>& entries) {
 }
 
 // The library counts for itself.
-void CheckCounts(const KavoTable& table, const Comparison& tally) {
+void CheckCounts(const kavo::Table& table, const Comparison& tally) {
   if (table.CountEntries(false) != tally.entries || table.CountEntries(true) != tally.admitted) {
-    throw KavoError(fmt::format("table {} counts other numbers of entries than it exports", table.Id()));
+    throw std::runtime_error(fmt::format("table {} counts other numbers of entries than it exports", table.Id()));
   }
 }
 
 }  // namespace
 
-Comparison Compare(const KavoTable& first, const KavoTable& second) {
+Comparison Compare(const kavo::Table& first, const kavo::Table& second) {
   if (first.Type() != second.Type() || first.ValueLen() != second.ValueLen()) {
     throw std::invalid_argument("only tables of one type and value length can be compared");
   }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "incremental_export/kavo_table.h"
+#include <kavo.hpp>
 
 namespace IncrementalExport {
 
@@ -24,6 +24,6 @@ struct Comparison {
 
 // Tables of one type and value length. They must not be written to meanwhile. Takes 24 bytes for each entry of either:
 // export gives entries in no particular order.
-Comparison Compare(const KavoTable& first, const KavoTable& second);
+Comparison Compare(const kavo::Table& first, const kavo::Table& second);
 
 }  // namespace IncrementalExport

@@ -14,7 +14,7 @@ class SnapshotChain {
   // The full snapshot first, then its increments 1, 2, ... Throws SnapshotError.
   explicit SnapshotChain(const std::vector<std::string>& paths);
 
-  TableType Type() const { return m_files.front().Header().tableType; }
+  kavo::TableType Type() const { return m_files.front().Header().tableType; }
   std::uint32_t ValueLen() const { return m_files.front().Header().valueLen; }
   std::uint64_t Records() const;
   std::uint64_t Bytes() const;

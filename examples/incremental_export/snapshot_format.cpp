@@ -94,10 +94,10 @@ SnapshotHeader DecodeHeader(const HeaderBytes& bytes, std::uint64_t fileBytes, c
   }
   header.kind = static_cast<SnapshotKind>(kind);
   const auto tableType = Get<std::uint32_t>(&bytes[TABLE_TYPE_AT]);
-  if (tableType > static_cast<std::uint32_t>(TableType::FILTER)) {
+  if (tableType > static_cast<std::uint32_t>(kavo::TableType::FILTER)) {
     throw SnapshotError(path, fmt::format("unknown table type {}", tableType));
   }
-  header.tableType = static_cast<TableType>(tableType);
+  header.tableType = static_cast<kavo::TableType>(tableType);
   header.valueLen = Get<std::uint32_t>(&bytes[VALUE_LEN_AT]);
   header.sequence = Get<std::uint64_t>(&bytes[SEQUENCE_AT]);
   header.previous = Get<std::uint64_t>(&bytes[PREVIOUS_AT]);
@@ -135,7 +135,7 @@ SnapshotRecord DecodeRecordHead(const RecordHeadBytes& bytes, const SnapshotHead
   const bool stateFits = record.admitted
                              ? record.state == ExportState::EXPORTED || record.state == ExportState::FULL_ONLY
                              : record.state == ExportState::NONE;
-  const bool tableFits = header.tableType == TableType::FILTER || (record.admitted && record.count == 0);
+  const bool tableFits = header.tableType == kavo::TableType::FILTER || (record.admitted && record.count == 0);
   if (record.key < 0 || admitted > 1 || Get<std::uint16_t>(&bytes[ZERO_AT]) != 0 || !stateFits || !tableFits) {
     throw SnapshotError(path, fmt::format("is damaged: no record can have key {}, count {}, state {} and admitted {}",
                                           record.key, record.count, state, admitted));

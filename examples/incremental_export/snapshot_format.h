@@ -31,7 +31,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "incremental_export/kavo_table.h"
+#include <kavo.hpp>
 
 namespace IncrementalExport {
 
@@ -57,7 +57,7 @@ enum class ExportState : std::uint8_t {
 
 struct SnapshotHeader {
   SnapshotKind kind = SnapshotKind::FULL;
-  TableType tableType = TableType::BASIC;
+  kavo::TableType tableType = kavo::TableType::BASIC;
   std::uint32_t valueLen = 0;
   std::uint64_t sequence = 0;
   std::uint64_t previous = 0;  // headerChecksum of the file that this one follows

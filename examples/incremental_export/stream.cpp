@@ -3,21 +3,17 @@
 #include <future>
 #include <vector>
 
+#include "pseudo_random.h"
+
 namespace IncrementalExport {
 namespace {
 
-// A one-to-one map of 64-bit words in which every input bit reaches every output bit.
-constexpr std::uint64_t Mix(std::uint64_t x) {
-  x += 0x9E3779B97F4A7C15;
-  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9;
-  x = (x ^ (x >> 27)) * 0x94D049BB133111EB;
-  return x ^ (x >> 31);
-}
+using PseudoRandom::Mix;
 
 // Stands for a gradient step: every byte depends on what it was and on the salt.
-void Step(unsigned char* value, unsigned valueLen, std::uint64_t salt) {
+void Step(std::span<unsigned char> value, std::uint64_t salt) {
   std::uint64_t word = salt;
-  for (unsigned i = 0; i < valueLen; ++i) {
+  for (std::size_t i = 0; i < value.size(); ++i) {
     if (i % sizeof(word) == 0) {
       word = Mix(word);
     }
@@ -26,18 +22,18 @@ void Step(unsigned char* value, unsigned valueLen, std::uint64_t salt) {
 }
 
 // Keys that some other source brings ready-made, one of 16 for each kind.
-std::uint64_t InsertReadyMade(const KavoTable& table, long key, std::uint64_t salt, unsigned kind) {
+std::uint64_t InsertReadyMade(const kavo::Table& table, long key, std::uint64_t salt, unsigned kind) {
   constexpr unsigned COUNT = FILTER_FREQUENCY - 1;
   std::vector<unsigned char> value(table.ValueLen());
-  Step(value.data(), table.ValueLen(), salt);
+  Step(value, salt);
   if (kind == 0) {
-    table.Insert(key, value.data(), COUNT, InsertState::FULL_ONLY);
+    table.Insert(key, value, COUNT, kavo::NewState::FULL_ONLY);
   } else if (kind == 1) {
-    table.Insert(key, value.data(), COUNT, InsertState::EXPORTED);
-  } else if (table.Type() == TableType::BASIC) {
-    table.Insert(key, value.data(), COUNT, InsertState::CHANGED);
+    table.Insert(key, value, COUNT, kavo::NewState::EXPORTED);
+  } else if (table.Type() == kavo::TableType::BASIC) {
+    table.Insert(key, value, COUNT, kavo::NewState::CHANGED);
   } else {
-    table.Insert(key, nullptr, COUNT, InsertState::CHANGED);
+    table.TryInsertCounted(key, COUNT);
     return 0;
   }
   return 1;
@@ -45,23 +41,19 @@ std::uint64_t InsertReadyMade(const KavoTable& table, long key, std::uint64_t sa
 
 }  // namespace
 
-std::uint64_t Train(const KavoTable& table, long key, std::uint64_t salt) {
-  const KavoTable::Entry entry = table.LookupOrInsert(key, 1);
-  if (entry.value == nullptr) {
+std::uint64_t Train(const kavo::Table& table, long key, std::uint64_t salt) {
+  if (!table.LookupOrInsert(key).row) {
     return 0;  // counted, and not offered often enough yet
   }
   // LookupOrInsert leaves the export state alone. Without this the change would be in no increment.
-  Step(table.LookupForUpdate(key), table.ValueLen(), salt);
+  Step(table.LookupForUpdate(key), salt);
   return 1;
 }
 
-// A one-to-one map of numbers below 2^63, so that no two threads ever get one key.
+// One-to-one, so that no two threads ever get one key.
 long Stream::KeyOf(std::uint64_t number) const {
-  constexpr std::uint64_t KEYS = (std::uint64_t{1} << 63) - 1;
-  std::uint64_t x = (number + Mix(m_options.seed)) & KEYS;
-  x = ((x ^ (x >> 32)) * 0xBF58476D1CE4E5B9) & KEYS;
-  x = ((x ^ (x >> 29)) * 0x94D049BB133111EB) & KEYS;
-  return static_cast<long>(x ^ (x >> 32));
+  constexpr std::uint64_t KEYS = ~std::uint64_t{0} >> 1;
+  return kavo::MixKey(static_cast<long>((number + Mix(m_options.seed)) & KEYS));
 }
 
 // `action(number, facts)` for each key's number below `keys`.
@@ -86,8 +78,8 @@ StreamFacts Stream::OnAllThreads(std::uint64_t keys, Action action) const {
   return sum;
 }
 
-StreamFacts Stream::Base(const KavoTable& table) const {
-  if (table.Type() == TableType::FILTER) {
+StreamFacts Stream::Base(const kavo::Table& table) const {
+  if (table.Type() == kavo::TableType::FILTER) {
     table.SetFilterFrequency(FILTER_FREQUENCY);
   }
   return OnAllThreads(m_options.entries, [this, &table](std::uint64_t number, StreamFacts& facts) {
@@ -100,15 +92,15 @@ StreamFacts Stream::Base(const KavoTable& table) const {
       return;
     }
     // From 1 to 7 times, which leaves a part of a filter table's keys without a value.
-    const std::uint64_t times = table.Type() == TableType::FILTER ? 1 + salt % 7 : 1;
+    const std::uint64_t times = table.Type() == kavo::TableType::FILTER ? 1 + salt % 7 : 1;
     for (std::uint64_t i = 0; i < times; ++i) {
       facts.values += Train(table, key, salt + i);
     }
   });
 }
 
-StreamFacts Stream::Round(const KavoTable& table, unsigned round) const {
-  if (table.Type() == TableType::FILTER) {
+StreamFacts Stream::Round(const kavo::Table& table, unsigned round) const {
+  if (table.Type() == kavo::TableType::FILTER) {
     table.SetFilterFrequency(FILTER_FREQUENCY);  // a restored table does not know it: no export tells it
   }
   const std::uint64_t perRound = m_options.entries / 20;

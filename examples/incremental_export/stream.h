@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "incremental_export/kavo_table.h"
+#include <kavo.hpp>
 
 namespace IncrementalExport {
 
@@ -28,9 +28,9 @@ class Stream {
   explicit Stream(const StreamOptions& options) : m_options(options) {}
 
   // Fills an empty table: most keys by training, some ready-made, a part of these due in full exports only.
-  StreamFacts Base(const KavoTable& table) const;
+  StreamFacts Base(const kavo::Table& table) const;
   // Round 1, 2, ... changes a tenth of the keys in place and offers a twentieth of the base's number in new ones.
-  StreamFacts Round(const KavoTable& table, unsigned round) const;
+  StreamFacts Round(const kavo::Table& table, unsigned round) const;
 
  private:
   template <typename Action>
@@ -42,6 +42,6 @@ class Stream {
 
 // One training step on one key: counts an occurrence, and works on the value in place if the key has one.
 // Returns how many values it wrote.
-std::uint64_t Train(const KavoTable& table, long key, std::uint64_t salt);
+std::uint64_t Train(const kavo::Table& table, long key, std::uint64_t salt);
 
 }  // namespace IncrementalExport

@@ -8,7 +8,7 @@
 namespace IncrementalExport {
 namespace {
 
-void MarkWritten(const KavoTable& table, std::uint64_t expected) {
+void MarkWritten(const kavo::Table& table, std::uint64_t expected) {
   const std::uint64_t marked = MarkChangedExported(table);
   if (marked != expected) {
     throw std::logic_error(
@@ -20,10 +20,9 @@ void MarkWritten(const KavoTable& table, std::uint64_t expected) {
 
 }  // namespace
 
-std::uint64_t MarkChangedExported(const KavoTable& table) {
-  std::uint64_t count = 0;
-  ForEachEntry(table, ExportMode::CHANGED_MARK, [&count](const KavoHtBatchElement&) { ++count; });
-  return count;
+std::uint64_t MarkChangedExported(const kavo::Table& table) {
+  kavo::Entries entries = table.Export(kavo::ExportMode::UNMARKED_MARK);
+  return static_cast<std::uint64_t>(std::ranges::distance(entries));
 }
 
 SnapshotHeader TableExport::NewHeader() const {
@@ -59,11 +58,11 @@ SnapshotHeader TableExport::WriteIncrement(const std::string& path) {
   header.sequence = m_last->sequence + 1;
   header.previous = m_last->headerChecksum;
   SnapshotWriter writer(path, header);
-  ForEachEntry(m_table, ExportMode::CHANGED, [&writer](const KavoHtBatchElement& element) {
+  for (const KavoHtBatchElement& element : m_table.Export(kavo::ExportMode::UNMARKED)) {
     const bool admitted = element.value != nullptr;
     writer.Append(
         {element.key, element.count, admitted ? ExportState::EXPORTED : ExportState::NONE, admitted, element.value});
-  });
+  }
   header = writer.Commit();
   MarkWritten(m_table, header.Records());
   m_last = header;

@@ -1,8 +1,8 @@
 // Exports of one table: a full snapshot, then increments that hold what changed since the file before.
 //
 // How the modes are combined. Each export has two steps: write the file without touching the table's marks (a full one
-// by a scan over all entries, an increment by mode CHANGED), and once the file is safely on the disk, mark what it
-// holds by a walk in mode CHANGED_MARK. The walk that marks could write the file as well, and save a pass. But then an
+// by a scan over all entries, an increment by mode UNMARKED), and once the file is safely on the disk, mark what it
+// holds by a walk in mode UNMARKED_MARK. The walk that marks could write the file as well, and save a pass. But then an
 // export that failed half way would leave entries marked that are in no file, and no later increment would bring them.
 //
 // What an increment holds: every entry whose value was written since (by KavoInsertOrUpdate or KavoUpdate, in place
@@ -14,7 +14,7 @@
 #include <optional>
 #include <string>
 
-#include "incremental_export/kavo_table.h"
+#include <kavo.hpp>
 #include "incremental_export/snapshot_format.h"
 
 namespace IncrementalExport {
@@ -24,9 +24,9 @@ namespace IncrementalExport {
 class TableExport {
  public:
   // Begins with a full snapshot.
-  explicit TableExport(const KavoTable& table) : m_table(table) {}
+  explicit TableExport(const kavo::Table& table) : m_table(table) {}
   // Goes on from the file that the table was last exported to, or restored from.
-  TableExport(const KavoTable& table, const SnapshotHeader& last) : m_table(table), m_last(last) {}
+  TableExport(const kavo::Table& table, const SnapshotHeader& last) : m_table(table), m_last(last) {}
 
   // Returns the file's header.
   SnapshotHeader WriteFull(const std::string& path);
@@ -36,11 +36,11 @@ class TableExport {
  private:
   SnapshotHeader NewHeader() const;
 
-  const KavoTable& m_table;
+  const kavo::Table& m_table;
   std::optional<SnapshotHeader> m_last;  // of the newest file
 };
 
 // Marks every changed entry as exported. Returns how many entries the walk gave, keys without a value among them.
-std::uint64_t MarkChangedExported(const KavoTable& table);
+std::uint64_t MarkChangedExported(const kavo::Table& table);
 
 }  // namespace IncrementalExport

@@ -9,11 +9,11 @@
 namespace IncrementalExport {
 namespace {
 
-const char* NameOf(TableType type) {
-  return type == TableType::FILTER ? "filter" : "basic";
+const char* NameOf(kavo::TableType type) {
+  return type == kavo::TableType::FILTER ? "filter" : "basic";
 }
 
-void CheckFits(const KavoTable& table, SnapshotChain& chain) {
+void CheckFits(const kavo::Table& table, SnapshotChain& chain) {
   const std::string& path = chain.Files().front().Path();
   if (chain.Type() != table.Type()) {
     throw SnapshotError(path, fmt::format("is of a {} table; table {} is a {} table", NameOf(chain.Type()), table.Id(),
@@ -32,8 +32,14 @@ void CheckFits(const KavoTable& table, SnapshotChain& chain) {
   throw SnapshotError(file.Path(), fmt::format("holds key {} twice", key));
 }
 
-InsertState StateOf(const SnapshotRecord& record) {
-  return record.state == ExportState::FULL_ONLY ? InsertState::FULL_ONLY : InsertState::EXPORTED;
+kavo::NewState StateOf(const SnapshotRecord& record) {
+  return record.state == ExportState::FULL_ONLY ? kavo::NewState::FULL_ONLY : kavo::NewState::EXPORTED;
+}
+
+// False when the key is there.
+bool Insert(const kavo::Table& table, const SnapshotRecord& record) {
+  return record.admitted ? table.TryInsert(record.key, table.At(record.value), record.count, StateOf(record))
+                         : table.TryInsertCounted(record.key, record.count, StateOf(record));
 }
 
 // Which records of a full snapshot leave their value in prepared memory, as long as there is some. A value there takes
@@ -55,24 +61,24 @@ class Adoption {
 
 // The full snapshot of a basic table. The file is read twice, because all values must be in place before the first key
 // is inserted; that way neither keys nor values are held in between.
-void LoadFull(const KavoTable& table, SnapshotReader& file, RestoreFacts& facts) {
+void LoadFull(const kavo::Table& table, SnapshotReader& file, RestoreFacts& facts) {
   const std::uint64_t prepared = table.PrepareValues();
   std::uint64_t index = 0;
   ForEachRecord(file, [&, adoption = Adoption(prepared)](const SnapshotRecord& record) mutable {
     if (adoption.Takes(record)) {
-      std::memcpy(table.PreparedValue(index++), record.value, table.ValueLen());
+      std::memcpy(table.PreparedValue(index++).data(), record.value, table.ValueLen());
     }
   });
   ForEachRecord(file, [&, adoption = Adoption(prepared)](const SnapshotRecord& record) mutable {
     if (adoption.Takes(record)) {
       // One thread inserts, in the order in which it wrote: its i-th new key gets the value of index i.
-      const KavoTable::Entry entry = table.LookupOrInsert(record.key, 0);
-      if (!entry.found || std::memcmp(entry.value, record.value, table.ValueLen()) != 0) {
+      const auto [row, created] = table.LookupOrInsert(record.key, 0);
+      if (created || std::memcmp(row.data(), record.value, table.ValueLen()) != 0) {
         FailTwice(file, record.key);
       }
       ++facts.adopted;
     } else {
-      if (!table.Insert(record.key, record.value, record.count, StateOf(record))) {
+      if (!Insert(table, record)) {
         FailTwice(file, record.key);
       }
       ++facts.inserted;
@@ -80,23 +86,23 @@ void LoadFull(const KavoTable& table, SnapshotReader& file, RestoreFacts& facts)
   });
 }
 
-void RestoreBasic(const KavoTable& table, SnapshotChain& chain, RestoreFacts& facts) {
+void RestoreBasic(const kavo::Table& table, SnapshotChain& chain, RestoreFacts& facts) {
   std::vector<SnapshotReader>& files = chain.Files();
   LoadFull(table, files.front(), facts);
   for (std::size_t i = 1; i < files.size(); ++i) {
     ForEachRecord(files[i], [&](const SnapshotRecord& record) {
-      table.InsertOrUpdate(record.key, record.value);
+      table.InsertOrUpdate(record.key, table.At(record.value));
       ++facts.overwrote;
     });
   }
   MarkChangedExported(table);
 }
 
-void RestoreFilter(const KavoTable& table, SnapshotChain& chain, RestoreFacts& facts) {
+void RestoreFilter(const kavo::Table& table, SnapshotChain& chain, RestoreFacts& facts) {
   std::vector<SnapshotReader>& files = chain.Files();
   for (std::size_t i = files.size(); i-- > 0;) {
     ForEachRecord(files[i], [&](const SnapshotRecord& record) {
-      const bool inserted = table.Insert(record.key, record.value, record.count, StateOf(record));
+      const bool inserted = Insert(table, record);
       ++(inserted ? facts.inserted : facts.superseded);
     });
   }
@@ -104,10 +110,10 @@ void RestoreFilter(const KavoTable& table, SnapshotChain& chain, RestoreFacts& f
 
 }  // namespace
 
-RestoreFacts Restore(const KavoTable& table, SnapshotChain& chain) {
+RestoreFacts Restore(const kavo::Table& table, SnapshotChain& chain) {
   CheckFits(table, chain);
   RestoreFacts facts;
-  if (table.Type() == TableType::BASIC) {
+  if (table.Type() == kavo::TableType::BASIC) {
     RestoreBasic(table, chain, facts);
   } else {
     RestoreFilter(table, chain, facts);

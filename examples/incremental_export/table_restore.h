@@ -13,7 +13,7 @@
 // exported from there on, by a TableExport that begins with the last file's header.
 #pragma once
 
-#include "incremental_export/kavo_table.h"
+#include <kavo.hpp>
 #include "incremental_export/snapshot_chain.h"
 
 namespace IncrementalExport {
@@ -28,6 +28,6 @@ struct RestoreFacts {
 // The table must be empty and of the chain's type and value length, or SnapshotError is thrown and the table left as it
 // was. For speed, make it for as many entries as the full snapshot has. No other thread may use it meanwhile. Any later
 // failure (no memory, a file that is changed in place just now) leaves the table part loaded: destroy it.
-RestoreFacts Restore(const KavoTable& table, SnapshotChain& chain);
+RestoreFacts Restore(const kavo::Table& table, SnapshotChain& chain);
 
 }  // namespace IncrementalExport

@@ -7,10 +7,11 @@
 // left at the head of its walk, and the scan would end with an error rather than with a wrong state.
 #pragma once
 
+#include <cstdint>
+#include <kavo.hpp>
 #include <optional>
 
 #include "incremental_export/snapshot_format.h"
-#include "incremental_export/table_cursor.h"
 
 namespace IncrementalExport {
 
@@ -24,17 +25,18 @@ struct ScannedEntry {
 // The table must not be written to meanwhile.
 class TableScan {
  public:
-  explicit TableScan(const KavoTable& table);
-  // None at the end. Throws KavoError if the table was changed meanwhile.
+  explicit TableScan(const kavo::Table& table);
+  // None at the end. Throws std::runtime_error if the table was changed meanwhile.
   std::optional<ScannedEntry> Next();
 
  private:
   const unsigned m_tableId;
-  TableCursor m_all;
-  TableCursor m_changed;
-  TableCursor m_exported;
-  const KavoHtBatchElement* m_nextChanged;
-  const KavoHtBatchElement* m_nextExported;
+  kavo::Entries m_all;
+  kavo::Entries m_changed;
+  kavo::Entries m_exported;
+  kavo::Entries::Iterator m_next;
+  kavo::Entries::Iterator m_nextChanged;
+  kavo::Entries::Iterator m_nextExported;
 };
 
 }  // namespace IncrementalExport

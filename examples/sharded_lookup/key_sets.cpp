@@ -6,6 +6,13 @@
 #include <numeric>
 
 namespace ShardedLookup {
+namespace {
+
+Key HashKey(Key key) {
+  return static_cast<Key>(kavo::MixKey(static_cast<long>(key)));
+}
+
+}  // namespace
 
 KeySet DenseKeys(std::size_t count) {
   KeySet set{"dense", "0, 1, 2, ...", std::vector<Key>(count)};
@@ -16,6 +23,7 @@ KeySet DenseKeys(std::size_t count) {
 KeySet RandomKeys(std::size_t count, Key seed) {
   KeySet set{"random", "over the whole range of keys", std::vector<Key>(count)};
   // Hashes of a counter: distinct, because the hash is one-to-one.
+  set.spread = true;
   Key counter = HashKey(seed & MAX_TABLE_KEY);
   for (Key& key : set.keys) {
     key = HashKey(counter);
@@ -34,6 +42,7 @@ KeySet HostileKeys(std::size_t count, unsigned servers) {
 
 KeySet HashedKeys(const KeySet& set) {
   KeySet hashed{set.name + ", hashed", "the same keys, hashed one-to-one before they are routed and stored", set.keys};
+  hashed.spread = true;
   std::transform(hashed.keys.begin(), hashed.keys.end(), hashed.keys.begin(), HashKey);
   return hashed;
 }

@@ -53,8 +53,8 @@ void PrintAdvice() {
   Rule();
   fmt::print(
       "The map takes a key's remainder and does not mix keys. Keys that follow a pattern\n"
-      "may all have one owner: hash them first, with a one-to-one function (HashKey in\n"
-      "key_sets.h), and use the hash as the key from there on.\n");
+      "may all have one owner: hash them first, with a one-to-one function\n"
+      "(kavo::MixKey), and use the hash as the key from there on.\n");
 }
 
 }  // namespace ShardedLookup

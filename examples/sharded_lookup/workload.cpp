@@ -68,7 +68,7 @@ class Storing {
     for (std::size_t server = 0; server < m_groups.size(); ++server) {
       // One request to a real server.
       for (const Key key : m_groups[server]) {
-        m_cluster->Table(server).Store(key);
+        Store(m_cluster->Table(server), key);
       }
       m_keysOf[server] += m_groups[server].size();
       m_groups[server].clear();
@@ -93,7 +93,7 @@ class Verifying {
       const auto owner = static_cast<std::size_t>(keys[i] % m_cluster->Servers());
       m_result.misrouted += Cluster::ServerOf(psIds[i]) == owner ? 0 : 1;
       for (std::size_t server = 0; server < m_cluster->Servers(); ++server) {
-        Count(m_cluster->Table(server).Find(keys[i]), server == owner);
+        Count(Find(m_cluster->Table(server), keys[i]), server == owner);
       }
     }
   }
@@ -101,14 +101,14 @@ class Verifying {
   const Verification& Result() const { return m_result; }
 
  private:
-  void Count(ServerTable::Answer answer, bool isOwner) {
-    const bool isAbsent = answer == ServerTable::Answer::ABSENT;
+  void Count(Answer answer, bool isOwner) {
+    const bool isAbsent = answer == Answer::ABSENT;
     if (!isOwner) {
       ++(isAbsent ? m_result.absent : m_result.strays);
     } else if (isAbsent) {
       ++m_result.lost;
     } else {
-      ++(answer == ServerTable::Answer::PRESENT ? m_result.found : m_result.garbled);
+      ++(answer == Answer::PRESENT ? m_result.found : m_result.garbled);
     }
   }
 

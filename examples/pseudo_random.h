@@ -1,9 +1,9 @@
-// Mixing of 64-bit words, for keys and for reproducible pseudo-random numbers.
+// Reproducible pseudo-random numbers, each made from a word that says what it is for.
 #pragma once
 
 #include <cstdint>
 
-namespace CtrTraining {
+namespace PseudoRandom {
 
 // A one-to-one map of 64-bit words in which every input bit reaches every output bit.
 constexpr std::uint64_t Mix(std::uint64_t x) {
@@ -27,4 +27,4 @@ constexpr double BellCurve(std::uint64_t mixed) {
   return (static_cast<double>(sum) / static_cast<double>(QUARTER) - 2.0) * ROOT_OF_THREE;
 }
 
-}  // namespace CtrTraining
+}  // namespace PseudoRandom
