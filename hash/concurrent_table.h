@@ -21,7 +21,7 @@ class ConcurrentTable {
   static constexpr unsigned long long MIN_CAPACITY = 8;
   static constexpr unsigned long long MIN_CELLS = 12;
 
-  // 0 means the default. Throws std::bad_alloc after its lines.
+  // 0 means the default. Throws std::bad_alloc, logged.
   ConcurrentTable(const unsigned long long& capacity, const BlockDirectory& blocks)
       : m_capacity(capacity == 0             ? DEFAULT_CAPACITY
                    : capacity < MIN_CAPACITY ? MIN_CAPACITY

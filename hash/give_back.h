@@ -1,6 +1,6 @@
-// The memory of left generations. Included by hash_core_migration.h.
+// The memory of retired generations. Included by hash_core_migration.h.
 //
-// Nobody asks whether a thread is still inside a left generation, because no answer that zero cells give is believed
+// Nobody asks whether a thread is still inside a retired generation, because no answer that zero cells give is believed
 // there (HashCore, I7): the common paths publish nothing, and pay one load of m_deleted where they answer "absent" or
 // confirm a claim. Walks are the exception, for they read cells long after they have begun: they are counted, and the
 // cells of a generation go back only when no walk is under way that may have begun in it.
@@ -25,27 +25,18 @@ bool HashCoreMigration<Key, Value, KTraits, VTraits>::GiveBackSome() noexcept {
   if (!lock.owns_lock()) {
     return false;
   }
-  Core* const left = m_giveBack.load(std::memory_order_relaxed);  // written under this lock
-  if (!left->IsDeleted()) {
+  Core* const core = m_giveBack.load(std::memory_order_relaxed);  // written under this lock
+  if (!core->IsDeleted()) {
     return false;
   }
   if (m_walks.load(std::memory_order_seq_cst) != 0) {
     return false;
   }
   KAVO_TEST_POINT("Chain.GivingBack");
-  if (!left->GiveBackCells()) {
-    m_giveBack.store(left->Next(), std::memory_order_release);  // see IsGiveBackDue
+  if (!core->GiveBackCells()) {
+    m_giveBack.store(core->Next(), std::memory_order_release);  // see IsGiveBackDue
   }
   return true;
-}
-
-template <class Key, class Value, class KTraits, class VTraits>
-void HashCoreMigration<Key, Value, KTraits, VTraits>::EndWalk() noexcept {
-  // Release: what the walk has read came before whatever is given back now.
-  if (m_walks.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    while (GiveBackSome()) {
-    }
-  }
 }
 
 }  // namespace Qen

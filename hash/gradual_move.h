@@ -8,91 +8,77 @@
 #pragma once
 
 #include <exception>
+#include <new>
 
 #include "hash/hash_core_migration.h"
 
 namespace Qen {
 
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashOneBucket(Core* old, const unsigned long long& bucket,
-                                                                     Core* next, bool& overtime) {
-  MovedCount moved{old};
-  const int ret = MoveBucket(old, bucket, next, moved, overtime);
-  if (ret != KAVO_SUCCESS && !overtime) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashOneBucket fail, ret[%d]", ret);
-  }
-  return ret;
-}
-
-// `core` is full, and an insert has met it in `bucket`: moves that bucket, and has a next generation built if there is
-// none. The wait for another mover has a line of its own.
-template <class Key, class Value, class KTraits, class VTraits>
 int HashCoreMigration<Key, Value, KTraits, VTraits>::RehashCheck(Core* core, const unsigned long long& bucket) {
   if (core->IsDeleted()) {
     return KAVO_SUCCESS;
   }
-  bool overtime = false;
-  const int ret = BeginGredualMigration(core, bucket, overtime);
-  if (overtime) {
+  const Step step = BeginGredualMigration(core, bucket);
+  if (step == Step::OVERTIME) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashAcquire failed!");
-  } else if (ret != KAVO_SUCCESS) {
+  } else if (step != Step::DONE) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "BeginGredualMigration failed!");
   }
-  return ret;
+  return StatusOf(step);
 }
 
+// The spelling of this name stands in log lines, which hosts match on.
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::BeginGredualMigration(Core* core, const unsigned long long& bucket,
-                                                                           bool& overtime) {
+auto HashCoreMigration<Key, Value, KTraits, VTraits>::BeginGredualMigration(Core* core,
+                                                                            const unsigned long long& bucket) -> Step {
   Core* const next = core->Next();
-  if (next == nullptr) {
-    const int ret = NoNextTable(core, bucket, overtime);
-    if (ret != KAVO_SUCCESS && !overtime) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "NoNextTable failed, ret[%d]", ret);
+  const Step step = next == nullptr ? AddNewTableAndRehash(core, bucket) : RehashOneBucket(core, bucket, next);
+  if (IsFailure(step)) {
+    if (next == nullptr) {
+      KAVO_LOG_ERROR_AS("NoNextTable", TABLE_LOG_UNIT, "AddNewTableAndRehash fail, ret[%d]", StatusOf(step));
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "NoNextTable failed, ret[%d]", StatusOf(step));
+    } else {
+      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Rehash failed, ret[%d]", StatusOf(step));
     }
-    return ret;
   }
-  const int ret = RehashOneBucket(core, bucket, next, overtime);
-  if (ret != KAVO_SUCCESS && !overtime) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Rehash failed, ret[%d]", ret);
-  }
-  return ret;
+  return step;
 }
 
+// The bucket first; then, if the new generation makes three in use or more, the oldest.
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::NoNextTable(Core* core, const unsigned long long& bucket,
-                                                                 bool& overtime) {
-  const int ret = AddNewTableAndRehash(core, bucket, overtime);
-  if (ret != KAVO_SUCCESS && !overtime) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "AddNewTableAndRehash fail, ret[%d]", ret);
-  }
-  return ret;
-}
-
-// Builds the next generation, or waits while another thread does.
-template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::AddNewTableAndRehash(Core* old, const unsigned long long& bucket,
-                                                                          bool& overtime) {
+auto HashCoreMigration<Key, Value, KTraits, VTraits>::AddNewTableAndRehash(Core* old, const unsigned long long& bucket)
+    -> Step {
   Core* next = nullptr;
-  const int ret = MakeNewTable(old, next);
-  return ret == KAVO_SUCCESS ? SelectRehashMode(old, next, bucket, overtime) : ret;
-}
-
-// The caller has just got `next`. Its bucket first; then, if that makes three generations in use or more, the oldest.
-template <class Key, class Value, class KTraits, class VTraits>
-int HashCoreMigration<Key, Value, KTraits, VTraits>::SelectRehashMode(Core* old, Core* next,
-                                                                      const unsigned long long& bucket,
-                                                                      bool& overtime) {
-  const int ret = RehashOneBucket(old, bucket, next, overtime);
-  if (ret != KAVO_SUCCESS || HashTableGetSeqNum(next) < 3) {
-    return ret;
+  try {
+    if (BuildNext(old, next) != KAVO_SUCCESS) {
+      return Step::FAILED;
+    }
+  } catch (const std::bad_alloc& e) {
+    KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", e.what());
+    return Step::NO_MEMORY;
+  }
+  const Step step = RehashOneBucket(old, bucket, next);
+  if (step != Step::DONE || HashTableGetSeqNum(next) < 3) {
+    return step;
   }
   // Read once: the chain may move on meanwhile, and then the oldest is another one, or there is no third.
   // Acquire: as in SetNextHashCore.
   Core* const oldest = m_root.load(std::memory_order_acquire)->load(std::memory_order_acquire);
   Core* const middle = oldest->Next();
   Core* const third = middle == nullptr ? nullptr : middle->Next();
-  return third == nullptr ? KAVO_SUCCESS : RehashRemainBucket(oldest, third);
+  return third == nullptr || RehashRemainBucket(oldest, third) == KAVO_SUCCESS ? Step::DONE : Step::FAILED;
+}
+
+template <class Key, class Value, class KTraits, class VTraits>
+auto HashCoreMigration<Key, Value, KTraits, VTraits>::RehashOneBucket(Core* old, const unsigned long long& bucket,
+                                                                      Core* next) -> Step {
+  MovedCount moved{old};
+  const Step step = MoveBucket(old, bucket, next, moved);
+  if (IsFailure(step)) {
+    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashOneBucket fail, ret[%d]", StatusOf(step));
+  }
+  return step;
 }
 
 // Skips what others are moving or have moved: those are not this thread's business, and a position that is skipped
@@ -105,7 +91,7 @@ void HashCoreMigration<Key, Value, KTraits, VTraits>::Sweep(Core* oldest) noexce
     const std::uint64_t first = oldest->TakeSweepPosition(SWEEP_BUCKETS);
     for (std::uint64_t i = 0; i < SWEEP_BUCKETS; ++i) {
       const unsigned long long bucket = (first + i) & (oldest->AddressableSize() - 1);
-      // The flags first: most of what comes round again has moved, and a claim would write to its line.
+      // The flags first: most of what comes round again has moved, and a claim would write to its cache line.
       if ((oldest->CellAt(bucket).flags.Load() & HCore::BUCKET_MOVED) == 0 &&
           TryClaimBucket(oldest, bucket) == BucketClaim::OWNED &&
           MoveClaimedBucket(oldest, bucket, oldest->Next(), moved) != KAVO_SUCCESS) {
@@ -115,7 +101,7 @@ void HashCoreMigration<Key, Value, KTraits, VTraits>::Sweep(Core* oldest) noexce
   } catch (const std::exception& e) {
     KAVO_LOG_ERROR(TABLE_LOG_UNIT, "lock failed, exception caught:%s", e.what());
   }
-  LeaveIfEmptied(oldest);
+  RetireIfEmptied(oldest);
 }
 
 }  // namespace Qen

@@ -10,62 +10,31 @@
 namespace Qen {
 
 template <class Key, class Value, class KTraits, class VTraits>
-int HashCore<Key, Value, KTraits, VTraits>::InsertOrFindProcess(const Key& key, Entry& entry, HashCore*& core) {
-  HashCore* generation = this;
+auto HashCore<Key, Value, KTraits, VTraits>::Search(const Key& key, Purpose purpose, HashCore*& core, Entry& entry)
+    -> Outcome {
   for (;;) {
-    core = generation;
-    const std::uint64_t home = generation->HomeIndex(key);
-    const std::uint8_t flags = generation->CellAt(home).flags.Load();
+    const std::uint64_t home = core->HomeIndex(key);
+    const std::uint8_t flags = core->CellAt(home).flags.Load();
     Outcome outcome = Outcome::MOVING;
     if ((flags & HCore::BUCKET_MOVED) == 0) {
-      outcome = generation->FindOrClaimCell(key, home, flags, Purpose::INSERT, entry);
+      outcome = core->FindOrClaimCell(key, home, flags, purpose, entry);
+      if (outcome == Outcome::NO_ROOM) {
+        outcome = core->MustGrowFirst(purpose) ? Outcome::FULL : core->LinearAndMap(key, home, purpose, entry);
+      }
       if (outcome == Outcome::IN_MAP) {
-        outcome = generation->MapFindOrInsert(key, home, flags, entry);
-      } else if (outcome == Outcome::NO_ROOM) {
-        outcome = generation->IsOverMapThreshold() ? Outcome::FULL : generation->LinearAndMap(key, home, flags, entry);
+        outcome = core->MapFindOrInsert(key, home, flags, purpose, entry);
       }
     }
-    switch (outcome) {
-      case Outcome::FOUND:
-      case Outcome::BUSY:
-        return ENTRY_FOUND;
-      case Outcome::CLAIMED:
-        return generation->IsOverMapThreshold() ? MUST_GROW : ENTRY_INSERTED;
-      case Outcome::FULL:
-        return MUST_GROW;
-      case Outcome::NO_MEMORY:
-        return KAVO_NO_MEMORY;
-      case Outcome::MOVING:
-        generation = generation->FindOrInsertCellInNext(home);
-        if (generation == nullptr) {
-          return KAVO_FAILED;
-        }
-        break;
-      case Outcome::AGAIN:
-        break;
-      default:
-        return KAVO_FAILED;
+    if (outcome == Outcome::MOVING) {
+      HashCore* const next = core->FindOrInsertCellInNext(home, purpose);
+      if (next == nullptr) {
+        return Outcome::FAILED;
+      }
+      core = next;
+    } else if (outcome != Outcome::AGAIN) {
+      return outcome;
     }
   }
-}
-
-// Where to look next for a key whose bucket here is being moved or has moved: the next generation, or this one again
-// if the move was given up and the generation is in use. Null after a line.
-template <class Key, class Value, class KTraits, class VTraits>
-HashCore<Key, Value, KTraits, VTraits>* HashCore<Key, Value, KTraits, VTraits>::FindOrInsertCellInNext(
-    std::uint64_t home) {
-  if (RehashAcquire(home) != KAVO_SUCCESS) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "RehashAcquire failed!");
-    return nullptr;
-  }
-  if ((CellAt(home).flags.Load() & HCore::BUCKET_MOVED) == 0 && !IsDeleted()) {
-    return this;
-  }
-  HashCore* next = Next();
-  if (next == nullptr) {
-    KAVO_LOG_ERROR(TABLE_LOG_UNIT, "Current key has been rehashed but m_nextHashCore is nullptr!");
-  }
-  return next;
 }
 
 template <class Key, class Value, class KTraits, class VTraits>
@@ -102,17 +71,17 @@ auto HashCore<Key, Value, KTraits, VTraits>::FindOrClaimCell(const Key& key, std
   if (moving) {
     return Outcome::MOVING;
   }
-  if (purpose == Purpose::INSERT && IsOverMapThreshold()) {
+  if (MustGrowFirst(purpose)) {
     return Outcome::FULL;
   }
-  return LinearSearch(key, home, flags, tail, link, entry);
+  return LinearSearch(key, home, flags, purpose, tail, link, entry);
 }
 
 // The probe behind the chain's end (I2). Positions are not reduced, so that distances stay differences.
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                          std::uint64_t tail, ChainLink* link, Entry& entry)
-    -> Outcome {
+                                                          Purpose purpose, std::uint64_t tail, ChainLink* link,
+                                                          Entry& entry) -> Outcome {
   const std::uint64_t reach = m_linearSearchLen < m_mask ? m_linearSearchLen : m_mask;
   for (std::uint64_t position = tail + 1; position <= tail + reach; ++position) {
     if (position > m_mask && (position & m_mask) >= home) {
@@ -126,7 +95,9 @@ auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::u
       return ConfirmClaim(home, flags, cell.value, entry);
     }
     if (cellKey == key) {
-      KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "key is already existed!");
+      if (purpose == Purpose::INSERT) {  // a mover logs it wherever it finds the key
+        KAVO_LOG_DEBUG(TABLE_LOG_UNIT, "key is already existed!");
+      }
       link->Set(position - tail);  // its owner may not have come to it yet
       return Examine(home, flags, cell.value, entry);
     }
@@ -139,48 +110,10 @@ auto HashCore<Key, Value, KTraits, VTraits>::LinearSearch(const Key& key, std::u
   return Outcome::NO_ROOM;
 }
 
-// The record of a key that is stored already.
+// No cell within reach: creates the bucket's map with `key` as its first entry. IN_MAP: another thread does, or did.
 template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::Examine(std::uint64_t home, std::uint8_t flags, Value& record,
-                                                     Entry& entry) -> Outcome {
-  entry.block = BlockOf(record);
-  if (entry.block != nullptr) {
-    return Outcome::FOUND;  // final, moved or not
-  }
-  if ((flags & HCore::BUCKET_MOVING) != 0) {
-    return Outcome::MOVING;
-  }
-  return record.TakeOver() ? ConfirmClaim(home, flags, record, entry) : Outcome::BUSY;
-}
-
-// I3. The caller owns `record` (FILLING); its key is claimed and linked.
-template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::ConfirmClaim(std::uint64_t home, std::uint8_t flags, Value& record,
+auto HashCore<Key, Value, KTraits, VTraits>::LinearAndMap(const Key& key, std::uint64_t home, Purpose purpose,
                                                           Entry& entry) -> Outcome {
-  KAVO_TEST_POINT("HashCore.Linked");
-  if (!CellAt(home).flags.ConfirmInPlace(flags) || IsDeleted()) {
-    record.Withdraw();
-    return Outcome::MOVING;
-  }
-  KAVO_TEST_POINT("HashCore.Confirmed");
-  entry.record = &record;
-  return Outcome::CLAIMED;
-}
-
-// No cell within reach: into the bucket's map, which this thread creates unless another does.
-template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::LinearAndMap(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                          Entry& entry) -> Outcome {
-  Outcome outcome = TryCreateMap(key, home, entry);
-  if (outcome == Outcome::NO_MEMORY) {
-    KAVO_LOG_EVENT(TABLE_LOG_UNIT, "Memory application failed.");
-    return Outcome::FAILED;
-  }
-  return outcome == Outcome::IN_MAP ? MapFindOrInsert(key, home, flags, entry) : outcome;
-}
-
-template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::uint64_t home, Entry& entry) -> Outcome {
   Cell& homeCell = CellAt(home);
   std::uint8_t observed = homeCell.flags.Load();
   if (!homeCell.flags.TryBeginMap(observed)) {
@@ -198,7 +131,9 @@ auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::u
     record = &map->entries.try_emplace(key).first->second;
   } catch (const std::exception&) {
     homeCell.flags.WithdrawMap();  // nobody waits for this map any more, and the next insert may create it
-    return Outcome::NO_MEMORY;
+    KAVO_LOG_EVENT_AS(purpose == Purpose::INSERT ? __func__ : "RehashMapInsert", TABLE_LOG_UNIT,
+                      "Memory application failed.");
+    return Outcome::FAILED;
   }
   m_maps.Add(map.release());
   m_mapBytes.fetch_add(sizeof(Map), std::memory_order_relaxed);  // a statistic
@@ -212,13 +147,18 @@ auto HashCore<Key, Value, KTraits, VTraits>::TryCreateMap(const Key& key, std::u
 
 template <class Key, class Value, class KTraits, class VTraits>
 auto HashCore<Key, Value, KTraits, VTraits>::MapFindOrInsert(const Key& key, std::uint64_t home, std::uint8_t flags,
-                                                             Entry& entry) -> Outcome {
+                                                             Purpose purpose, Entry& entry) -> Outcome {
   const Outcome ready = MapExistAcquire(home);
-  if (ready != Outcome::IN_MAP) {
-    if (ready == Outcome::FAILED) {
+  if (ready == Outcome::FAILED) {
+    if (purpose == Purpose::INSERT) {
       KAVO_LOG_ERROR(TABLE_LOG_UNIT, "MapExistAcquire failed, bucketHead[%llu], tableSize[%llu]",
                      static_cast<unsigned long long>(home), m_tableSize);
+    } else {
+      KAVO_LOG_ERROR_AS("RehashMapInsert", TABLE_LOG_UNIT, "MapExistAcquire failed, mapIndex[%llu], tableSize[%llu]",
+                        static_cast<unsigned long long>(home), m_tableSize);
     }
+  }
+  if (ready != Outcome::IN_MAP) {
     return ready;
   }
   Cell& homeCell = CellAt(home);
@@ -253,29 +193,6 @@ auto HashCore<Key, Value, KTraits, VTraits>::MapFindOrInsert(const Key& key, std
     return Outcome::NO_MEMORY;
   }
   return Examine(home, flags, *record, entry);
-}
-
-template <class Key, class Value, class KTraits, class VTraits>
-auto HashCore<Key, Value, KTraits, VTraits>::MapExistAcquire(std::uint64_t home) const -> Outcome {
-  Waiter waiter(HCore::WAIT_INTERVAL_US, HCore::MAX_WAIT_TIME);
-  const BucketFlags& flags = CellAt(home).flags;
-  for (;;) {
-    const std::uint8_t bits = flags.Load();
-    if ((bits & HCore::MAP_READY) != 0) {
-      return Outcome::IN_MAP;
-    }
-    if ((bits & HCore::MAP_BUILDING) == 0) {
-      return Outcome::AGAIN;
-    }
-    if (IsDeleted()) {
-      return Outcome::MOVING;  // I7
-    }
-    KAVO_TEST_POINT("HashCore.WaitForMap");
-    if (!waiter.Pause()) {
-      KAVO_LOG_ERROR(TABLE_LOG_UNIT, "MapExistAcquire overtime");
-      return Outcome::FAILED;
-    }
-  }
 }
 
 }  // namespace Qen

@@ -5,14 +5,14 @@
 // whatever block it finds there is the right one. A move can be given up half way and repeated.
 //
 // THE CHAIN. m_curHashCore is where searches start; each generation leads to the next, twice as large. Generations
-// before the current one are left: every bucket there has MOVED. They stay in the chain until the table is destroyed,
-// but their cells' memory goes back to the system (give_back.h).
+// before the current one are retired: every bucket there has MOVED. They stay in the chain until the table is
+// destroyed, but their cells' memory goes back to the system (give_back.h).
 //
-//   newest         no next one                           left by MakeNewTable, under m_buildMutex
-//   being emptied  has a next one; buckets are moved     left when the last bucket was moved
-//   emptied        MOVED is set at every index           left by DeleteOldTable, under m_deleteMutex, after all older
-//                                                        ones
-//   left           m_deleted; a later one is current     final
+//   state of a generation                                ends
+//   newest         no next one                           with BuildNext, under m_buildMutex
+//   being emptied  has a next one; buckets are moved     when the last bucket has moved
+//   emptied        MOVED is set at every index           with DeleteOldTable, under m_deleteMutex, after all older ones
+//   retired        m_deleted; a later one is current     with the table
 //
 // TWO WAYS TO GROW, with one routine that moves a bucket.
 //   whole table   whoever meets a full generation joins its move, shared out in chunks, and waits for the end
@@ -42,8 +42,11 @@
 //
 // LOCKS. m_buildMutex, m_deleteMutex and m_giveBackMutex are never held together, and no other lock is taken under any.
 //
-// Definitions: the chain in generation_chain.h, the memory of left generations in give_back.h, the placing of entries
-// and the move of one bucket in bucket_move.h.
+// Longer members: the chain in generation_chain.h, the memory of retired generations in give_back.h, the move of one
+// bucket and the placing of its entries in bucket_move.h, the two ways to grow in files of their names.
+//
+// Functions carry names that stand in log lines, which hosts match on. A log line of a step that has no function of its
+// own names the step (KAVO_LOG_ERROR_AS).
 #pragma once
 
 #include <cstdint>
@@ -60,11 +63,13 @@ class HashCoreMigration {
  public:
   using Core = HashCore<Key, Value, KTraits, VTraits>;
 
-  // The chain. All return 0 or a negative status, after their lines.
+  // All that answer an int return 0 or a negative status, logged.
+
+  // The chain.
 
   // Makes sure that a generation follows `old`; `next` is that generation. KAVO_NO_MEMORY.
   int MakeNewTable(Core* old, Core*& next);
-  // Leaves `old`, which is emptied, and every other emptied generation at the front. KAVO_FAILED.
+  // Retires `old`, which is emptied, and every other emptied generation at the front. KAVO_FAILED.
   int DeleteOldTable(Core* old);
 
   // A walk over the table keeps the cells of every generation that is in use when it begins, or later; it begins with
@@ -73,7 +78,13 @@ class HashCoreMigration {
     m_walks.fetch_add(1, std::memory_order_seq_cst);  // see GiveBackSome, for both
     return m_curHashCore.load(std::memory_order_seq_cst);
   }
-  void EndWalk() noexcept;
+  void EndWalk() noexcept {
+    // Release: what the walk has read came before whatever is given back now.
+    if (m_walks.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+      while (GiveBackSome()) {
+      }
+    }
+  }
 
   // One bucket.
 
@@ -85,16 +96,19 @@ class HashCoreMigration {
 
   // A whole generation.
 
+  // Joins the move of `core`, and returns when it is over and the generation is retired.
+  int BeginWholeTableMigration(Core* core);
+  // The same for the oldest generation in use, of three or more, into the third: what gradual growth has not moved.
+  int RehashRemainBucket(Core* src, Core* dst);
   // Moves every bucket of every chunk of `src` that this thread can claim.
   int MoveOldEntryToNewTable(Core* src, Core* dst);
-  // Joins the move of `core`, and returns when it is over and the generation is left.
-  int BeginWholeTableMigration(Core* core);
-  // The same for the oldest generation in use, of three or more, into the third: what gradual growth left of it.
-  int RehashRemainBucket(Core* src, Core* dst);
 
-  // Gradual growth: `core` is full, and an insert has met it in `bucket`. Moves that bucket.
+  // Gradual growth.
+
+  // `core` is full, and an insert has met it in `bucket`: moves that bucket, into a next generation that is built if
+  // there is none.
   int RehashCheck(Core* core, const unsigned long long& bucket);
-  // Moves a few more buckets of the oldest generation. Waits for no mover; a failure, after its lines, hurts nobody.
+  // Moves a few more buckets of the oldest generation. Waits for no mover; a failure, logged, hurts nobody.
   void Sweep(Core* oldest) noexcept;
 
  protected:
@@ -104,7 +118,14 @@ class HashCoreMigration {
 
   enum class BucketClaim { OWNED, MOVED, BUSY, FAILED };
 
-  // What a thread has moved of a generation, told to it at the end: others look at the generation's counts meanwhile.
+  // What a step of a growth came to. OVERTIME: it waited for other threads for too long. To the insert that is a
+  // failure like others, but the log lines on the way there are its own.
+  enum class Step { DONE = KAVO_SUCCESS, FAILED = KAVO_FAILED, NO_MEMORY = KAVO_NO_MEMORY, OVERTIME = 1 };
+  static int StatusOf(Step step) noexcept { return step == Step::OVERTIME ? KAVO_FAILED : static_cast<int>(step); }
+  static bool IsFailure(Step step) noexcept { return step == Step::FAILED || step == Step::NO_MEMORY; }
+
+  // What a thread has moved of a generation, added to the generation's counts at the end: others look at those
+  // meanwhile.
   struct MovedCount {
     Core* core;
     unsigned long long buckets = 0;
@@ -119,9 +140,11 @@ class HashCoreMigration {
     }
   };
 
+  // The chain. BuildNext is MakeNewTable without its log lines: it throws std::bad_alloc, and what a lock throws.
+  int BuildNext(Core* old, Core*& next);
   int SetNextHashCore(HeapPtr<Core> next);
-  int UpdateHashCore(Core*& left);
-  void LeaveIfEmptied(Core* core) noexcept;
+  int UpdateHashCore(Core*& retired);
+  void RetireIfEmptied(Core* core) noexcept;
   int HashTableGetSeqNum(const Core* core) const;
 
   // A hint. Acquire: the generation is looked into. Relaxed: GiveBackSome counts again.
@@ -130,32 +153,80 @@ class HashCoreMigration {
   }
   bool GiveBackSome() noexcept;
 
-  int RehashInsertBucket(Core* src, const unsigned long long& bucket, Core* dst, unsigned long long& entries);
-  bool WaitForRecord(const Value& record);
-  int PtrAcquire(const Value& record);
-  int MapValueAcquire(const Value& record);
-  Outcome RehashMapInsert(Core* dst, const Key& key, std::uint64_t home, std::uint8_t flags, Entry& entry);
-  int DoubleRehashCheck(Core*& dst, const unsigned long long& home);
+  // One bucket.
 
-  BucketClaim TryClaimBucket(Core* core, const unsigned long long& bucket);
-  BucketClaim ClaimBucket(Core* core, const unsigned long long& bucket);
-  int PassOverMiddle(Core* src, Core* middle, const unsigned long long& bucket);
+  // Makes the caller the bucket's mover if nobody is and it has not moved. Waits for nobody.
+  BucketClaim TryClaimBucket(Core* core, const unsigned long long& bucket) noexcept {
+    BucketFlags& flags = core->CellAt(bucket).flags;
+    const std::uint8_t before = flags.TryBeginMove();
+    if ((before & HCore::BUCKET_MOVED) != 0) {
+      return BucketClaim::MOVED;
+    }
+    if ((before & HCore::BUCKET_MOVING) != 0) {
+      return BucketClaim::BUSY;
+    }
+    if (core->IsDeleted()) {  // HashCore, I7
+      flags.AbandonMove();
+      return BucketClaim::MOVED;
+    }
+    return BucketClaim::OWNED;
+  }
+  // The same, but waits for another mover to end: never BUSY. FAILED: logged.
+  BucketClaim ClaimBucket(Core* core, const unsigned long long& bucket) {
+    for (;;) {
+      const BucketClaim claim = TryClaimBucket(core, bucket);
+      if (claim != BucketClaim::BUSY) {
+        return claim;
+      }
+      if (core->RehashAcquire(bucket) != KAVO_SUCCESS) {
+        return BucketClaim::FAILED;
+      }
+      if (core->IsDeleted()) {
+        return BucketClaim::MOVED;
+      }
+    }
+  }
+  // Moves one bucket, whoever has it: DONE when MOVED is set. OVERTIME: another thread had it for too long.
+  Step MoveBucket(Core* src, const unsigned long long& bucket, Core* dst, MovedCount& moved) {
+    switch (ClaimBucket(src, bucket)) {
+      case BucketClaim::OWNED:
+        return MoveClaimedBucket(src, bucket, dst, moved) == KAVO_SUCCESS ? Step::DONE : Step::FAILED;
+      case BucketClaim::MOVED:
+        return Step::DONE;
+      default:
+        return Step::OVERTIME;
+    }
+  }
   int MoveClaimedBucket(Core* src, const unsigned long long& bucket, Core* dst, MovedCount& moved);
-  int MoveBucket(Core* src, const unsigned long long& bucket, Core* dst, MovedCount& moved, bool& overtime);
+  int PassOverMiddle(Core* src, Core* middle, const unsigned long long& bucket);
+  int RehashInsertBucket(Core* src, const unsigned long long& bucket, Core* dst, unsigned long long& entries);
+  int CopyEntry(Core* src, const Key& key, const Value& record, Core* dst, unsigned long long& entries,
+                const char* caller);
+  // Waits while an insert fills the record; false when that took too long, which the caller logs.
+  static bool WaitForRecord(const Value& record) {
+    Waiter waiter(HCore::WAIT_INTERVAL_US, HCore::MAX_WAIT_TIME);
+    while (record.State() == RecordState::FILLING) {
+      KAVO_TEST_POINT("Mover.WaitForRecord");
+      if (!waiter.Pause()) {
+        return false;
+      }
+    }
+    return true;
+  }
 
-  int StartMove(Core* src, Core* dst, const unsigned long long& bucket, MovedCount& moved);
+  // A whole generation.
+  Step MoveAndRetire(Core* src, Core* dst, const char* caller);
+  Step MoveTogether(Core* src, Core* dst);
   int MoveChunk(Core* src, Core* dst, unsigned long long first, unsigned long long last);
-  int MoveTogether(Core* src, Core* dst, bool& overtime);
 
-  int BeginGredualMigration(Core* core, const unsigned long long& bucket, bool& overtime);
-  int RehashOneBucket(Core* old, const unsigned long long& bucket, Core* next, bool& overtime);
-  int NoNextTable(Core* core, const unsigned long long& bucket, bool& overtime);
-  int AddNewTableAndRehash(Core* old, const unsigned long long& bucket, bool& overtime);
-  int SelectRehashMode(Core* old, Core* next, const unsigned long long& bucket, bool& overtime);
+  // Gradual growth.
+  Step BeginGredualMigration(Core* core, const unsigned long long& bucket);
+  Step AddNewTableAndRehash(Core* old, const unsigned long long& bucket);
+  Step RehashOneBucket(Core* old, const unsigned long long& bucket, Core* next);
 
   // Set before the first insert, or while none runs.
   Atomic<std::uint8_t> m_rehashType{REHASH_WHOLE_TABLE};
-  // The pointer that leaving a generation advances. Written with one and the same value by whoever starts to migrate.
+  // The pointer that retiring a generation advances. Written with one and the same value by whoever starts to migrate.
   Atomic<Atomic<Core*>*> m_root{nullptr};
   // False while a generation is being built: a hint for those who would build it too. m_buildMutex decides.
   Atomic<bool> m_buildPermit{true};
@@ -168,7 +239,8 @@ class HashCoreMigration {
   // Walks under way. Sequentially consistent, with m_curHashCore: see GiveBackSome.
   Atomic<unsigned> m_walks{0};
   Mutex m_giveBackMutex;
-  // The first left generation that has cells still, or else the first that is not left. Written under m_giveBackMutex.
+  // The first retired generation that has cells still, or else the first that is not retired. Written under
+  // m_giveBackMutex.
   Atomic<Core*> m_giveBack{nullptr};
 
   // Statistics, hence relaxed.

@@ -1,4 +1,4 @@
-// A bucket's overflow map: the keys for which no cell within reach was left.
+// A bucket's overflow map: the keys that found all cells within reach taken.
 #pragma once
 
 #include <cstddef>

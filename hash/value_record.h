@@ -3,8 +3,8 @@
 // States, once the key is set:
 //
 //   FILLING (zero)   a thread is between its claim of the key and the attachment of the block; it owns the record and
-//                    waits for nobody meanwhile. Left by the owner only: to ATTACHED, or to VACANT.
-//   VACANT           nobody works on it: the claim was withdrawn, or its block could not be had. Left by the
+//                    waits for nobody meanwhile. Ended by the owner only: to ATTACHED, or to VACANT.
+//   VACANT           nobody works on it: the claim was withdrawn, or its block could not be had. Ended by the
 //                    compare-exchange of an inserter that takes it over, to FILLING.
 //   ATTACHED         names a block. Final: a key has one block for the life of its table. Copies of the record in
 //                    newer generations name the same block, which is why a move never has to empty a record and a

@@ -38,27 +38,29 @@ unsigned long long LogLinesHeldBack() noexcept;
 }  // namespace Qen
 
 // KAVO_LOG_x(unit, message, arguments...): `unit` is the file name that the log line shows; several files may share
-// one.
+// one. KAVO_LOG_x_AS(function, ...) shows the name of a step that hosts know, whatever function the statement is in.
 #define KAVO_LOG_FRAME_ "[%s:%d]tid:%d,%s(%d) : "
 
-#define KAVO_LOG_LINE_(writer, channel, unit, message, ...)                                                   \
+#define KAVO_LOG_LINE_(writer, channel, function, unit, message, ...)                                         \
   do {                                                                                                        \
     static constinit ::Qen::LogSite kavoLogSite;                                                              \
     ::Qen::writer(kavoLogSite, channel, KAVO_LOG_FRAME_ message "\r\n", unit, __LINE__, ::Qen::LogThreadId(), \
-                  __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                             \
+                  function, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                             \
   } while (false)
 
-#define KAVO_LOG_CHECKED_LINE_(writer, channel, level, unit, message, ...)       \
-  do {                                                                           \
-    if (::Qen::LogLevelEnabled(channel, level) == 1) {                           \
-      KAVO_LOG_LINE_(writer, channel, unit, message __VA_OPT__(, ) __VA_ARGS__); \
-    }                                                                            \
+#define KAVO_LOG_CHECKED_LINE_(writer, channel, level, unit, message, ...)                 \
+  do {                                                                                     \
+    if (::Qen::LogLevelEnabled(channel, level) == 1) {                                     \
+      KAVO_LOG_LINE_(writer, channel, __func__, unit, message __VA_OPT__(, ) __VA_ARGS__); \
+    }                                                                                      \
   } while (false)
 
-#define KAVO_LOG_ERROR(unit, message, ...) \
-  KAVO_LOG_LINE_(LogError, ::Qen::RUN_LOG_CHANNEL, unit, message __VA_OPT__(, ) __VA_ARGS__)
-#define KAVO_LOG_EVENT(unit, message, ...) \
-  KAVO_LOG_LINE_(LogEvent, ::Qen::RUN_LOG_CHANNEL, unit, message __VA_OPT__(, ) __VA_ARGS__)
+#define KAVO_LOG_ERROR_AS(function, unit, message, ...) \
+  KAVO_LOG_LINE_(LogError, ::Qen::RUN_LOG_CHANNEL, function, unit, message __VA_OPT__(, ) __VA_ARGS__)
+#define KAVO_LOG_EVENT_AS(function, unit, message, ...) \
+  KAVO_LOG_LINE_(LogEvent, ::Qen::RUN_LOG_CHANNEL, function, unit, message __VA_OPT__(, ) __VA_ARGS__)
+#define KAVO_LOG_ERROR(unit, message, ...) KAVO_LOG_ERROR_AS(__func__, unit, message __VA_OPT__(, ) __VA_ARGS__)
+#define KAVO_LOG_EVENT(unit, message, ...) KAVO_LOG_EVENT_AS(__func__, unit, message __VA_OPT__(, ) __VA_ARGS__)
 #define KAVO_LOG_WARN(unit, message, ...)                                              \
   KAVO_LOG_CHECKED_LINE_(LogWarn, ::Qen::RUN_LOG_CHANNEL, ::Qen::LOG_LEVEL_WARN, unit, \
                          message __VA_OPT__(, ) __VA_ARGS__)

@@ -48,7 +48,7 @@ class EsConcurrentTable {
 
   // `size` is the number of entries expected, 0 for the default. `valueLen` must leave room for the header in 32 bits.
   // `records` are the blocks that the entries' records name, where those are not the pool's.
-  // Throws std::bad_alloc, logged, with nothing left allocated.
+  // Throws std::bad_alloc, logged; what was allocated is given back.
   EsConcurrentTable(const TableId& tableId, const unsigned long long& size, const unsigned& valueLen,
                     const BlockDirectory* records = nullptr);
   virtual ~EsConcurrentTable() = default;

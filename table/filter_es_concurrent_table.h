@@ -5,9 +5,9 @@
 //
 //   absent      no record                              an insert that brings a value, or enough occurrences, or that
 //                                                      counts nothing, goes straight to admitted; others to counted
-//   counted     admitted 0, value null                 left by the call whose count passes the threshold
-//   admitting   admitted 1, value null                 that call is taking the block; left by it: to admitted, or, when
-//                                                      there is no block, back to counted
+//   counted     admitted 0, value null                 ended by the call whose count passes the threshold
+//   admitting   admitted 1, value null                 that call is taking the block, and ends it: to admitted, or,
+//                                                      when there is no block, back to counted
 //   admitted    admitted 1, value set                  final
 //
 // Promises
@@ -71,7 +71,7 @@ class FilterEsConcurrentTable final : private FilterRecords,
   // Insert-or-find that counts one occurrence.
   int InsertOrFind(OperationInfo& info) const override;
 
-  // KAVO_INVALID, with a line, for a key that is not admitted.
+  // KAVO_INVALID, logged, for a key that is not admitted.
   int UpdateValue(FilterRecord* record, const unsigned char* src, unsigned len) const override;
 
   void GetTableSizeAndVl(unsigned long long& size, unsigned& valueLen, bool admittedOnly) const override {

@@ -8,7 +8,7 @@
 
 namespace Qen {
 
-// The header is written first, so the entry counts as changed even when the copy fails. KAVO_NO_MEMORY after a line.
+// The header is written first, so the entry counts as changed even when the copy fails. KAVO_NO_MEMORY, logged.
 inline int UpdateValue(unsigned char* block, const unsigned char* src, unsigned len) {
   ValueHeader::Store(block, ValueHeader::CHANGED);
   const int ret = memcpy_s(ValueBytes(block), len, src, len);
