@@ -99,13 +99,21 @@ class Error : public std::runtime_error {
 namespace Detail {
 
 /* Out of line, so that a call that succeeds pays for one comparison. */
-[[noreturn, gnu::cold, gnu::noinline]] inline void Fail(const char* function, std::optional<unsigned> table, int status,
+[[noreturn, gnu::cold, gnu::noinline]] inline void Fail(const char* function, unsigned table, int status,
                                                         std::size_t done) {
   throw Error(function, table, Status{status}, done);
 }
-inline void Check(const char* function, std::optional<unsigned> table, int status, std::size_t done = 0) {
+[[noreturn, gnu::cold, gnu::noinline]] inline void Fail(const char* function, int status) {
+  throw Error(function, std::nullopt, Status{status});
+}
+inline void Check(const char* function, unsigned table, int status, std::size_t done = 0) {
   if (status != KAVO_SUCCESS) [[unlikely]] {
     Fail(function, table, status, done);
+  }
+}
+inline void CheckWithoutTable(const char* function, int status) {
+  if (status != KAVO_SUCCESS) [[unlikely]] {
+    Fail(function, status);
   }
 }
 [[noreturn, gnu::cold, gnu::noinline]] inline void FailLength(const char* what) {
@@ -398,9 +406,9 @@ class Table {
      in filter tables. */
   template <Element T = unsigned char>
   FoundOrNew<T> LookupOrInsert(long key, unsigned occurrences = 1) const {
-    unsigned char* value = nullptr;
+    unsigned char* value;
     unsigned length = 0;
-    unsigned isFind = 0;
+    unsigned isFind;
     Detail::Check("KavoLookupOrInsert", m_id, KavoLookupOrInsert(m_id, key, &value, &length, &isFind, occurrences));
     return {Row<T>(value, length), isFind == 0};
   }
@@ -494,7 +502,7 @@ class Table {
   }
   template <Element T = unsigned char>
   Row<T> PreparedValue(std::size_t index) const {
-    unsigned char* value = nullptr;
+    unsigned char* value;
     unsigned length = 0;
     Detail::Check("KavoGetMemForValue", m_id, KavoGetMemForValue(m_id, index, &value, &length));
     return Row<T>(value, length);
@@ -505,17 +513,17 @@ class Table {
 
   using Finder = int (*)(unsigned, long, unsigned char**, unsigned*);
 
-  // An address that is null leaves the length at 0: an empty row.
+  // A call that succeeds has written the address; one that is null leaves the length at 0: an empty row.
   template <Element T>
   Row<T> Found(const char* function, Finder find, long key) const {
-    unsigned char* value = nullptr;
+    unsigned char* value;
     unsigned length = 0;
     Detail::Check(function, m_id, find(m_id, key, &value, &length));
     return Row<T>(value, length);
   }
   template <Element T>
   std::optional<Row<T>> TryFound(const char* function, Finder find, long key) const {
-    unsigned char* value = nullptr;
+    unsigned char* value;
     unsigned length = 0;
     const int status = find(m_id, key, &value, &length);
     // Of the reasons for this code only absence is left: the table is there and the key is one.
@@ -554,8 +562,8 @@ class Table {
 class PartitionMap {
  public:
   PartitionMap(unsigned partitionNum, std::span<const unsigned> psIds) {
-    Detail::Check("InitPartitionMap", std::nullopt,
-                  InitPartitionMap(partitionNum, Detail::Length(psIds.size()), psIds.empty() ? nullptr : psIds.data()));
+    Detail::CheckWithoutTable("InitPartitionMap", InitPartitionMap(partitionNum, Detail::Length(psIds.size()),
+                                                                   psIds.empty() ? nullptr : psIds.data()));
   }
   PartitionMap(const PartitionMap&) = delete;
   PartitionMap& operator=(const PartitionMap&) = delete;
@@ -565,7 +573,7 @@ class PartitionMap {
   /* The id of the server that owns a key. */
   unsigned Owner(unsigned long long key) const {
     unsigned psId = 0;
-    Detail::Check("QueryPartitionMapPsId", std::nullopt, QueryPartitionMapPsId(key, &psId));
+    Detail::CheckWithoutTable("QueryPartitionMapPsId", QueryPartitionMapPsId(key, &psId));
     return psId;
   }
   /* psIds[i] becomes the owner of keys[i]: one call and one lock for all of them, at most 4,294,967,295. */
@@ -574,8 +582,8 @@ class PartitionMap {
                         "Route: as many owners as keys");
     if (!keys.empty()) {
       unsigned* array = psIds.data();
-      Detail::Check("GetBatchPsIds", std::nullopt,
-                    GetBatchPsIds(keys.data(), &array, static_cast<unsigned>(keys.size())));
+      Detail::CheckWithoutTable("GetBatchPsIds",
+                                GetBatchPsIds(keys.data(), &array, static_cast<unsigned>(keys.size())));
     }
   }
 };
@@ -608,6 +616,7 @@ class LogLine {
   /* The whole line, line end included; of a longer one the first 1,023 bytes. */
   std::string_view Text() const noexcept {
     if (!m_formatted) {
+      // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the constructor has copied it
       const int length = std::vsnprintf(m_text.data(), m_text.size(), m_format, m_arguments);
       m_length = length < 0 ? 0 : std::min(static_cast<std::size_t>(length), m_text.size() - 1);
       m_formatted = true;
@@ -640,7 +649,7 @@ class LogSink {
  public:
   explicit LogSink(Write write, LogLevel least = LogLevel::WARN) : m_write(std::move(write)), m_least(least) {
     const KavoLogSink sink{&Enabled, &WriteLine, this};
-    Detail::Check("KavoSetLogSink", std::nullopt, KavoSetLogSink(&sink));
+    Detail::CheckWithoutTable("KavoSetLogSink", KavoSetLogSink(&sink));
   }
   LogSink(const LogSink&) = delete;
   LogSink& operator=(const LogSink&) = delete;
