@@ -699,7 +699,9 @@ int KavoGetTableStats(unsigned int tableId, KavoTableStats* stats);
  *                   event lines; off shows nothing.
  *   KAVO_LOG_RATE   the bound on each log statement of the code, because a serving host may miss a million keys a
  *                   second: N allows N lines a second (and 10 N at once); 0 lifts the bound. The default is 100 (1,000
- *                   at once). Lines beyond the bound are counted, and one line says how many were held back.
+ *                   at once). Log lines beyond the bound are counted. How many a statement has held back is
+ *                   reported under its name: with the next log line of any statement, ten times a second at most;
+ *                   when a sink is installed; and at unload.
  *
  * Every line reads "[file:line]tid:thread,function(line) : message" and ends in "\r\n".
  */

@@ -43,7 +43,7 @@ unsigned long long LogLinesHeldBack() noexcept;
 
 #define KAVO_LOG_LINE_(writer, channel, function, unit, message, ...)                                         \
   do {                                                                                                        \
-    static constinit ::Qen::LogSite kavoLogSite;                                                              \
+    static constinit ::Qen::LogSite kavoLogSite{unit, __func__, __LINE__};                                    \
     ::Qen::writer(kavoLogSite, channel, KAVO_LOG_FRAME_ message "\r\n", unit, __LINE__, ::Qen::LogThreadId(), \
                   function, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                             \
   } while (false)

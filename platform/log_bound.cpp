@@ -46,9 +46,8 @@ unsigned long long LogBound::TakeUnreported(LogSite& site, unsigned long long no
   if (heldBack == reported) {
     return 0;
   }
-  // Relaxed: the time only spaces the reports; two threads that pass here at once are told apart by `reported`.
-  const unsigned long long reportedAt = site.reportedAtNs.load(std::memory_order_relaxed);
-  if (reportedAt != 0 && nowNs < reportedAt + REPORT_INTERVAL_NS) {
+  // Relaxed: the time only spaces the reports; of two threads that pass here at once `reported` chooses one.
+  if (nowNs < site.nextReportNs.load(std::memory_order_relaxed)) {
     return 0;
   }
   // Release: see above. Relaxed on failure: another thread has these lines, and nothing was taken.
@@ -56,8 +55,17 @@ unsigned long long LogBound::TakeUnreported(LogSite& site, unsigned long long no
                                              std::memory_order_relaxed)) {
     return 0;
   }
-  site.reportedAtNs.store(nowNs, std::memory_order_relaxed);
+  site.nextReportNs.store(nowNs + REPORT_INTERVAL_NS, std::memory_order_relaxed);
   return heldBack - reported;
+}
+
+void LogBound::ReportHeldBack(unsigned long long nowNs, Report report) noexcept {
+  // Acquire: pairs with the release of CountHeldBack.
+  for (LogSite* site = g_sites.load(std::memory_order_acquire); site != nullptr; site = site->next) {
+    if (const unsigned long long count = TakeUnreported(*site, nowNs); count != 0) {
+      report(*site, count);
+    }
+  }
 }
 
 unsigned long long LogLinesHeldBack() noexcept {

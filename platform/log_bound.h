@@ -15,7 +15,7 @@ class LogBound {
   static constexpr unsigned long long SECOND_NS = 1'000'000'000;
   static constexpr unsigned long long DEFAULT_RATE = 100;
   static constexpr unsigned long long BURST_SECONDS = 10;
-  // A flood tells of what it holds back no more often than this.
+  // What a statement holds back is reported no more often than this.
   static constexpr unsigned long long REPORT_INTERVAL_NS = SECOND_NS / 10;
 
   // 0 lines a second means no bound. What exceeds the clock's resolution means one line a nanosecond.
@@ -29,12 +29,17 @@ class LogBound {
 
   bool Limits() const noexcept { return m_lineNs != 0; }
 
-  // Whether the statement may write a line now. If not, the line has been counted as held back.
+  // Whether the statement may write a log line now. If not, the log line has been counted as held back.
   bool Admit(LogSite& site, unsigned long long nowNs) const noexcept;
 
-  // How many lines the statement has held back that no line has told of, or 0 while it is too early to tell. Each held
-  // back line is handed out once, whichever threads ask.
+  // How many log lines the statement has held back that were not reported, or 0 while it is too early to report. Each
+  // is handed out once, whichever threads ask. `nowNs` may be FINAL_REPORT, for which it is never too early.
+  static constexpr unsigned long long FINAL_REPORT = ~0ULL;
   static unsigned long long TakeUnreported(LogSite& site, unsigned long long nowNs) noexcept;
+
+  // Calls `report` for each statement that has some, of all that ever held back a log line.
+  using Report = void (*)(const LogSite& site, unsigned long long count) noexcept;
+  static void ReportHeldBack(unsigned long long nowNs, Report report) noexcept;
 
  private:
   unsigned long long m_lineNs = 0;

@@ -57,6 +57,13 @@ __attribute__((constructor(101))) void OpenGate() {
   g_gate.store(DefaultLogLevel(), std::memory_order_relaxed);
 }
 
+// After every other static object of the library. A sink in place is not bypassed.
+__attribute__((destructor(101))) void CloseGate() {
+  if (g_current.load() == NO_SLOT) {
+    ReportAllHeldBack();
+  }
+}
+
 // Holds the current sink, if there is one, in place.
 class SinkUse {
  public:
@@ -147,6 +154,8 @@ void SetLogSink(const KavoLogSink* sink) noexcept {
   }
   if (previous != NO_SLOT) {
     WaitUntilEmpty(g_slots[previous]);
+  } else if (sink != nullptr) {
+    ReportAllHeldBack();
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -100,25 +101,14 @@ void WriteText(const char* text, std::size_t length) noexcept {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The held-back line stands in the frame of the line that it precedes: every format of the library starts with the
-// frame, so its first arguments are the frame's.
-void WriteHeldBackLine(unsigned long long count, const char* format, va_list arguments) noexcept
-    __attribute__((format(printf, 2, 0)));
-
-void WriteHeldBackLine(unsigned long long count, const char* format, va_list arguments) noexcept {
+// In the frame of the statement whose log lines were held back.
+void WriteHeldBack(const LogSite& site, unsigned long long count) noexcept {
   char text[STACK_LINE_BYTES];
-  // Room for the rest, whatever the length of the frame.
-  constexpr std::size_t FRAME_BYTES = sizeof(text) - 64;
-  std::size_t used = 0;
-  if (std::strncmp(format, KAVO_LOG_FRAME_, sizeof(KAVO_LOG_FRAME_) - 1) == 0) {
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not follow a va_list through a call
-    const int length = std::vsnprintf(text, FRAME_BYTES, KAVO_LOG_FRAME_, arguments);
-    if (length > 0) {
-      used = static_cast<std::size_t>(length) < FRAME_BYTES ? static_cast<std::size_t>(length) : FRAME_BYTES - 1;
-    }
+  const int length = std::snprintf(text, sizeof(text), KAVO_LOG_FRAME_ "%llu lines held back\r\n", site.unit, site.line,
+                                   LogThreadId(), site.function, site.line, count);
+  if (length > 0) {
+    WriteText(text, std::min(static_cast<std::size_t>(length), sizeof(text) - 1));
   }
-  const int rest = std::snprintf(text + used, sizeof(text) - used, "%llu lines held back\r\n", count);
-  WriteText(text, used + static_cast<std::size_t>(rest > 0 ? rest : 0));
 }
 
 void WriteLine(const char* format, va_list arguments) noexcept __attribute__((format(printf, 1, 0)));
@@ -161,6 +151,10 @@ int DefaultLogLevel() noexcept {
   return g_level;
 }
 
+void ReportAllHeldBack() noexcept {
+  LogBound::ReportHeldBack(LogBound::FINAL_REPORT, WriteHeldBack);
+}
+
 void WriteToStandardError(LogSite& site, int level, const char* format, va_list arguments) noexcept {
   // Error and event lines come unchecked, and any other may have been checked against a sink that is gone by now.
   if (level < g_level) {
@@ -171,13 +165,7 @@ void WriteToStandardError(LogSite& site, int level, const char* format, va_list 
     if (!g_bound.Admit(site, nowNs)) {
       return;
     }
-    const unsigned long long heldBack = LogBound::TakeUnreported(site, nowNs);
-    if (heldBack != 0) {
-      va_list frame;
-      va_copy(frame, arguments);
-      WriteHeldBackLine(heldBack, format, frame);
-      va_end(frame);
-    }
+    LogBound::ReportHeldBack(nowNs, WriteHeldBack);
   }
   WriteLine(format, arguments);
 }

@@ -15,8 +15,10 @@ void ReadLogEnvironment() noexcept;
 // The least severe level that the default writer shows; above LOG_LEVEL_EVENT when it shows nothing.
 int DefaultLogLevel() noexcept;
 
-// May write a second line before this one, which says how many lines of the statement were held back. The arguments are
-// used up.
+// Reports what is still held back: the default writer may write no log line for a long time, or never again.
+void ReportAllHeldBack() noexcept;
+
+// Before this log line each statement that held some back reports how many. The arguments are used up.
 void WriteToStandardError(LogSite& site, int level, const char* format, va_list arguments) noexcept
     __attribute__((format(printf, 3, 0)));
 

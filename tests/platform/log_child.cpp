@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "platform/log.h"
+#include "platform/log_sink.h"
 #include "platform/test_hooks.h"
 
 namespace {
@@ -57,6 +59,26 @@ void Flood(unsigned threadCount, int linesEach) {
   const auto elapsed = std::chrono::steady_clock::now() - start;
   std::printf("%llu %llu %lld\n", fired, Qen::LogLinesHeldBack(),
               static_cast<long long>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()));
+}
+
+void FireUntilHeldBack() {
+  for (const unsigned long long before = Qen::LogLinesHeldBack(); Qen::LogLinesHeldBack() == before;) {
+    Fire(0);
+  }
+}
+
+void IgnoreLine(void*, unsigned, int, const char*, va_list) {}
+
+// Holds back a line before another statement writes one, before a sink is installed, and before the end.
+void HoldBack() {
+  FireUntilHeldBack();
+  KAVO_LOG_ERROR(UNIT, "other");
+  FireUntilHeldBack();
+  const KavoLogSink sink{nullptr, IgnoreLine, nullptr};
+  Qen::SetLogSink(&sink);
+  Qen::SetLogSink(nullptr);
+  KAVO_LOG_ERROR(UNIT, "sink was installed");
+  FireUntilHeldBack();
 }
 
 void Threads(int threadCount, int linesEach) {
@@ -149,6 +171,8 @@ int main(int argc, char** argv) {
     Levels();
   } else if (scenario == "flood") {
     Flood(static_cast<unsigned>(first), second);
+  } else if (scenario == "hold-back") {
+    HoldBack();
   } else if (scenario == "threads") {
     Threads(first, second);
   } else if (scenario == "lengths") {

@@ -108,18 +108,18 @@ TEST(LogProcessTest, LevelComesFromTheEnvironmentAndIsWarnOtherwise) {
 }
 
 // Whatever time the child took: at once ten times the rate, then the rate, no line lost from the account, and every
-// held back line told of, in the statement's own frame.
+// held back line reported, in the statement's own frame.
 void CheckFlood(const Texts& settings, unsigned long long rate) {
   SCOPED_TRACE(::testing::PrintToString(settings));
   const ChildRun run = RunChild({"flood", "4", "3000"}, settings);
   unsigned long long written = 0;
-  unsigned long long told = 0;
+  unsigned long long reported = 0;
   std::string previous;
   for (const std::string& message : Messages(run)) {
     unsigned long long count = 0;
     int used = 0;
     if (std::sscanf(message.c_str(), "%llu lines held back%n", &count, &used) == 1 && used > 0) {
-      told += count;
+      reported += count;
       EXPECT_NE(count, 0u);
     } else {
       EXPECT_EQ(message.rfind("fire ", 0), 0u) << message;
@@ -137,7 +137,7 @@ void CheckFlood(const Texts& settings, unsigned long long rate) {
   long long elapsedNs = 0;
   ASSERT_EQ(std::sscanf(run.output.c_str(), "%llu %llu %lld", &fired, &heldBack, &elapsedNs), 3) << run.output;
   EXPECT_EQ(written + heldBack, fired);
-  EXPECT_EQ(told, heldBack);
+  EXPECT_EQ(reported, heldBack);
   if (rate == 0) {
     EXPECT_EQ(heldBack, 0u);
     return;
@@ -149,12 +149,25 @@ void CheckFlood(const Texts& settings, unsigned long long rate) {
   EXPECT_LE(static_cast<double>(written), 10.0 * static_cast<double>(rate) + static_cast<double>(rate) * seconds + 1.0);
 }
 
-TEST(LogProcessTest, FloodIsBoundedAndHeldBackLinesAreTold) {
+TEST(LogProcessTest, FloodIsBoundedAndHeldBackLinesAreReported) {
   CheckFlood({}, 100);
   CheckFlood({"KAVO_LOG_RATE=1"}, 1);
   CheckFlood({"KAVO_LOG_RATE=40"}, 40);
   CheckFlood({"KAVO_LOG_RATE=0"}, 0);
   CheckFlood({"KAVO_LOG_RATE=99999999999999999999999"}, 0);
+}
+
+TEST(LogProcessTest, HeldBackLinesAreReportedBeforeAnyOtherLineBeforeASinkAndAtTheEnd) {
+  const ChildRun run = RunChild({"hold-back"}, {"KAVO_LOG_RATE=1"});
+  Texts lines;
+  for (const std::string& write : run.writes) {
+    const LogLine line = ParseLogLine(write);
+    if (line.message != "fire 0") {
+      lines.push_back(line.function + ": " + line.message);
+    }
+  }
+  const std::string report = "Fire: 1 lines held back";
+  EXPECT_EQ(lines, (Texts{report, "HoldBack: other", report, "HoldBack: sink was installed", report}));
 }
 
 TEST(LogProcessTest, RateThatIsNoNumberMeansTheDefault) {
