@@ -20,7 +20,7 @@ class ExploredTable final : public KavoTest::TestTable {
   }
   int MoveBucket(Core* core, unsigned long long bucket, Core* destination) {
     MovedCount moved{core};
-    return StartMove(core, destination, bucket, moved);
+    return StatusOf(TestTable::MoveBucket(core, bucket, destination, moved));
   }
   int OfferFailing(long key);  // its insert callback fails
   std::multiset<long> WalkedKeys();
