@@ -5,8 +5,6 @@
 
 #include <vector>
 
-#include "platform/test_hooks.h"
-
 namespace {
 std::vector<useconds_t> g_sleeps;
 }  // namespace
@@ -19,51 +17,24 @@ extern "C" int usleep(useconds_t microseconds) {
 
 namespace {
 
-// Pauses until the waiter gives up; answers how often it slept, each time for `intervalUs`.
-std::size_t SleepsOf(Qen::Waiter& waiter, useconds_t intervalUs) {
-  g_sleeps.clear();
-  for (int pauses = 0; pauses < 100000 && waiter.Pause(); ++pauses) {
-  }
-  for (const useconds_t slept : g_sleeps) {
-    EXPECT_EQ(slept, intervalUs);
-  }
-  return g_sleeps.size();
-}
-
-class WaitTest : public ::testing::Test {
- protected:
-  ~WaitTest() override { Qen::TestHooks::SetWaitLimit(0); }
-};
-
-TEST_F(WaitTest, GivesUpAfterExactlyItsSleepsAndStaysSo) {
-  for (const unsigned sleeps : {0u, 1u, 50u}) {
+TEST(Wait, GivesUpAfterExactlyItsSleepsAndStaysSo) {
+  for (const unsigned sleeps : {0U, 1U, 50U}) {
+    g_sleeps.clear();
     Qen::Waiter waiter(7, sleeps);
-    EXPECT_EQ(SleepsOf(waiter, 7), sleeps);
+    for (int pauses = 0; pauses < 100000 && waiter.Pause(); ++pauses) {
+    }
+    EXPECT_EQ(g_sleeps, std::vector<useconds_t>(sleeps, 7));
     EXPECT_FALSE(waiter.Pause());
   }
 }
 
-TEST_F(WaitTest, StepThatComesAtOnceIsMetWithoutASleep) {
+TEST(Wait, AStepThatComesAtOnceIsMetWithoutASleep) {
   g_sleeps.clear();
   Qen::Waiter waiter(5, 1000000);
   for (int pause = 0; pause < 50; ++pause) {
     EXPECT_TRUE(waiter.Pause());
   }
   EXPECT_TRUE(g_sleeps.empty());
-}
-
-TEST_F(WaitTest, ShorterLimitHoldsForWaitsUnderWayAndNeverLengthensOne) {
-  Qen::Waiter waiter(5, 1000000);
-  g_sleeps.clear();
-  while (g_sleeps.size() < 20) {
-    ASSERT_TRUE(waiter.Pause());
-  }
-  Qen::TestHooks::SetWaitLimit(25);
-  EXPECT_EQ(SleepsOf(waiter, 5), 5u);
-  Qen::Waiter shorter(5, 10);
-  EXPECT_EQ(SleepsOf(shorter, 5), 10u);
-  Qen::TestHooks::SetWaitLimit(0);
-  EXPECT_TRUE(waiter.Pause());
 }
 
 }  // namespace
