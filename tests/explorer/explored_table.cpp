@@ -1,8 +1,7 @@
 #include "explorer/explored_table.h"
 
+#include <cstddef>
 #include <cstdint>
-#include <string_view>
-#include <utility>
 
 #include "hash/hcore.h"
 
@@ -43,6 +42,9 @@ std::multiset<long> ExploredTable::WalkedKeys() {
 std::string ExploredTable::Leftovers() const {
   unsigned index = 0;
   for (const Core* core = FirstGeneration(); core != nullptr; core = core->Next(), ++index) {
+    if (core->Next() != nullptr && core->Next()->TableSize() != 2 * core->TableSize()) {
+      return "a generation that was built twice";
+    }
     if (core->IsDeleted()) {
       continue;  // its cells may be zero
     }
@@ -61,47 +63,23 @@ std::string ExploredTable::Leftovers() const {
 }
 
 std::string ExploredTable::NameOf(const void* where) const {
-  static constexpr std::string_view FIELDS[] = {"flags", "move claim", "first link", "next link", "record", "key"};
-  const auto address = reinterpret_cast<std::uintptr_t>(where);
-  const auto offsetIn = [address](const void* base, std::size_t bytes) {
-    const auto begin = reinterpret_cast<std::uintptr_t>(base);
-    return address >= begin && address < begin + bytes ? static_cast<long>(address - begin) : -1L;
+  static constexpr const char* FIELDS[] = {"flags", "move claim", "first link", "next link", "record", "key"};
+  const auto bytesFrom = [where](const void* base) {
+    return reinterpret_cast<std::uintptr_t>(where) - reinterpret_cast<std::uintptr_t>(base);
   };
-  unsigned index = 0;
-  for (const Core* core = FirstGeneration(); core != nullptr; core = core->Next(), ++index) {
-    const std::string generation = "generation " + std::to_string(index);
-    for (unsigned long long i = 0; i < core->TableSize(); ++i) {
-      const Core::Cell& cell = core->CellAt(i);
-      if (const long offset = offsetIn(&cell, sizeof(cell)); offset >= 0) {
-        const long field = offset < 4 ? offset : 3 + offset / 4 - offset / 8;
-        return generation + " cell " + std::to_string(i) + ' ' + std::string(FIELDS[field]);
-      }
-      if (Core::Map* const map = core->FindMap(i)) {
-        if (offsetIn(map, sizeof(*map)) >= 0) {
-          return generation + " cell " + std::to_string(i) + " map";
-        }
-        for (const auto& [key, record] : map->entries) {
-          if (&record == where) {
-            return generation + " cell " + std::to_string(i) + " map record of key " + std::to_string(key);
-          }
-        }
-      }
+  std::string name = "generation 0";
+  for (const Core* core = FirstGeneration(); core != nullptr; core = core->Next(), ++name.back()) {
+    if (const std::size_t offset = bytesFrom(&core->CellAt(0)); offset < core->TableSize() * sizeof(Core::Cell)) {
+      const std::size_t inCell = offset % sizeof(Core::Cell);
+      return name + " cell " + std::to_string(offset / sizeof(Core::Cell)) + ' ' +
+             FIELDS[inCell < 4 ? inCell : 3 + inCell / 4 - inCell / 8];
     }
-    if (const long offset = offsetIn(core, sizeof(*core)); offset >= 0) {
-      return generation + ", at byte " + std::to_string(offset);
+    if (const std::size_t offset = bytesFrom(core); offset < sizeof(*core)) {
+      return name + ", at byte " + std::to_string(offset);
     }
   }
-  for (const auto& [member, name] : {std::pair<const void*, const char*>{&m_curHashCore, "current generation"},
-                                     {&m_root, "root"},
-                                     {&m_buildMutex, "build mutex"},
-                                     {&m_deleteMutex, "delete mutex"},
-                                     {&m_giveBackMutex, "give-back mutex"}}) {
-    if (member == where) {
-      return name;
-    }
-  }
-  const long offset = offsetIn(this, sizeof(*this));
-  return offset >= 0 ? "table, at byte " + std::to_string(offset) : std::string();
+  const std::size_t offset = bytesFrom(this);
+  return offset < sizeof(*this) ? "table, at byte " + std::to_string(offset) : std::string();
 }
 
 }  // namespace KavoExplorer

@@ -33,6 +33,10 @@ Call BuildGenerations(unsigned count);
 Call GradualGrowth();
 Call InOrder(std::vector<Call> calls);
 
+// Keys that fill 8 cells, and with one that goes to the map of bucket 0.
+inline const std::vector<long> FULL = {0, 1, 2, 3, 4, 5, 6, 7};
+inline const std::vector<long> FULL_WITH_MAP = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+
 // Every order of the threads' steps that the budget reaches keeps the promises, if `before` has happened first.
 void ExpectHolds(const Call& before, const std::vector<Call>& threads, unsigned long long cells = 8);
 

@@ -100,18 +100,8 @@ class TestTable : public TestBlocks, public Table {
 
   unsigned char* BlockOf(long key) const { return Find(key); }
 
-  // For tests that look into generations after they were left.
-  void KeepLeftCells() { BeginWalk(); }
-
   unsigned long long BackstopCompletions() const { return m_backstopCompletions.load(); }
 };
-
-// Every cell's flags have MOVED, which is what makes a generation one that may be left.
-inline void ExpectAllMoved(const Core& core) {
-  for (unsigned long long i = 0; i < core.TableSize(); ++i) {
-    ASSERT_TRUE(core.CellAt(i).flags.Load() & Qen::HCore::BUCKET_MOVED) << "bucket " << i;
-  }
-}
 
 // The walk gives these entries and no other, each once.
 inline void ExpectWalked(TestTable& table, const Blocks& blocks) {
