@@ -80,6 +80,28 @@ TEST(LogSinkChange, TheSetterWaitsForTheLineInsideThePreviousSinkAndForNoLaterOn
   Qen::SetLogSink(nullptr);
 }
 
+// The thread has seen which sink is current, but has not yet counted itself in, when the sink changes: once, or so
+// often that its slot holds another sink by now.
+TEST(LogSinkChange, ALineThatMeetsAChangeGoesToTheNewestSinkOnly) {
+  for (const std::size_t changes : {1U, 2U}) {
+    std::deque<Sink> sinks(changes + 1);
+    sinks[0].Install();
+    Parking beforeCount("log_sink.before_count");
+    std::thread logger(&LogOneLine);
+    ASSERT_TRUE(beforeCount.WaitUntilParked());
+    for (std::size_t i = 1; i <= changes; ++i) {
+      sinks[i].Install();
+      sinks[i - 1].retired = true;
+    }
+    beforeCount.Release();
+    logger.join();
+    EXPECT_EQ(sinks[changes].lines, 1U);
+    EXPECT_EQ(sinks[0].strays + sinks[changes - 1].strays, 0);
+    Qen::SetLogSink(nullptr);
+  }
+}
+
+// No line is lost or gets into a sink that is gone; ThreadSanitizer looks at the memory orders.
 TEST(LogSinkChange, EveryLineReachesOneLiveSinkWhileSettersCompete) {
   constexpr unsigned CHANGES = 300;
   std::deque<Sink> sinks(2 * CHANGES + 1);
