@@ -98,8 +98,9 @@ TEST_P(MemoryPoolOfId, AThreadThatIsEndingStillGetsBlocks) {
 TEST(MemoryPool, RecordsOfDestroyedPoolsDoNotPileUpAndThoseOfLivePoolsStay) {
   MemoryPool lasting(900000, BLOCK_SIZE);
   ASSERT_EQ(lasting.InitMemPool(64), KAVO_SUCCESS);
+  const unsigned char* slot0 = nullptr;
   InNewThread([&] {
-    const unsigned char* const slot0 = Take(lasting).block;
+    slot0 = Take(lasting).block;
     const auto useManyPools = [](int firstId) {
       for (int id = firstId; id < firstId + 5000; ++id) {
         MemoryPool passing(id, BLOCK_SIZE);
@@ -112,6 +113,8 @@ TEST(MemoryPool, RecordsOfDestroyedPoolsDoNotPileUpAndThoseOfLivePoolsStay) {
     EXPECT_LT(useManyPools(20000) - after5000, 5000 * 24 / 4);
     EXPECT_EQ(SlotOf(Take(lasting).block, slot0, 64), 1);
   });
+  // Had the thread been counted anew, this would be the third and start at the middle.
+  InNewThread([&] { EXPECT_EQ(SlotOf(Take(lasting).block, slot0, 64), 2); });
 }
 
 TEST(MemoryPool, AThreadWithoutMemoryForARecordGetsAFreshBlockAndASlotNextTime) {
