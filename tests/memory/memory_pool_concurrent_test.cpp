@@ -104,9 +104,9 @@ TEST(MemoryPoolConcurrent, EveryValueReleasedWhileOthersInsertIsAdoptedOnce) {
 }
 
 TEST(FreshBlocksConcurrent, BlocksAreUniqueZeroAndKeepWhatIsWritten) {
-  constexpr unsigned THREADS = 8;
+  constexpr unsigned THREADS = 40;  // more than arenas, so that some share one
   // From many blocks a run to one block a chunk.
-  for (const auto& [size, perThread] : {std::pair{16U, 30000U}, {1000U, 2000U}, {300000U, 20U}}) {
+  for (const auto& [size, perThread] : {std::pair{16U, 6000U}, {1000U, 400U}, {300000U, 4U}}) {
     Qen::FreshBlocks blocks(Qen::BlockLayout{size, 0});
     std::vector<Blocks> taken(THREADS);
     InThreads(THREADS, [&, size = size, perThread = perThread](unsigned thread) {

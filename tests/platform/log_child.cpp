@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "platform/log.h"
+#include "platform/log_sink.h"
 #include "platform/test_hooks.h"
 
 namespace {
@@ -43,7 +45,7 @@ void InFourThreads(Work work) {
   }
 }
 
-// Prints: lines fired, lines held back, nanoseconds from before the first to after the last.
+// Prints: lines held back so far, nanoseconds from before the first line to after the last.
 void Flood() {
   const auto start = std::chrono::steady_clock::now();
   InFourThreads([](int) {
@@ -51,15 +53,26 @@ void Flood() {
       Fire(i);
     }
   });
-  // Until the statement may write again, and late enough after the last report.
-  unsigned long long fired = 4 * 3000;
-  for (unsigned long long before = ~0ULL; before != Qen::LogLinesHeldBack(); ++fired) {
-    ::usleep(200000);
-    before = Qen::LogLinesHeldBack();
-    Fire(-1);
-  }
   const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - start;
-  std::printf("%llu %llu %lld\n", fired, Qen::LogLinesHeldBack(), static_cast<long long>(elapsed.count()));
+  std::printf("%llu %lld\n", Qen::LogLinesHeldBack(), static_cast<long long>(elapsed.count()));
+}
+
+void FireUntilHeldBack() {
+  for (const unsigned long long before = Qen::LogLinesHeldBack(); Qen::LogLinesHeldBack() == before;) {
+    Fire(0);
+  }
+}
+
+// Holds back a line before another statement writes one, before a sink is installed, and before the end.
+void HoldBack() {
+  FireUntilHeldBack();
+  KAVO_LOG_ERROR(UNIT, "other");
+  FireUntilHeldBack();
+  const KavoLogSink sink{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
+  Qen::SetLogSink(&sink);
+  Qen::SetLogSink(nullptr);
+  KAVO_LOG_ERROR(UNIT, "sink was installed");
+  FireUntilHeldBack();
 }
 
 // Lines of all lengths about the writer's buffer, from four threads, while signals interrupt the writes. Prints how
@@ -116,9 +129,17 @@ void BrokenPipe(bool hostBlocks) {
 
 int main(int, char** argv) {
   const std::string scenario = argv[1];
-  scenario == "levels"      ? Levels()
-  : scenario == "flood"     ? Flood()
-  : scenario == "threads"   ? Threads()
-  : scenario == "no memory" ? LongWithoutMemory()
-                            : BrokenPipe(scenario == "broken pipe, blocked");
+  if (scenario == "levels") {
+    Levels();
+  } else if (scenario == "flood") {
+    Flood();
+  } else if (scenario == "hold back") {
+    HoldBack();
+  } else if (scenario == "threads") {
+    Threads();
+  } else if (scenario == "no memory") {
+    LongWithoutMemory();
+  } else {
+    BrokenPipe(scenario == "broken pipe, blocked");
+  }
 }
