@@ -102,6 +102,10 @@ long KeyOf(KeyFamily family, unsigned index) {
   }
 }
 
+long KeyOfShare(long key, unsigned share, unsigned shares) {
+  return key < 0 ? key : key % (LONG_MAX / shares) * shares + share;
+}
+
 std::ostream& operator<<(std::ostream& out, const Call& call) {
   const Call plain;
   out << NameOf(call.function) << "(table " << TABLE_IDS[call.table] << ", key " << KeyOf(call.family, call.index)

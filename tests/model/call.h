@@ -60,6 +60,9 @@ inline constexpr unsigned FAMILY_COUNT = static_cast<unsigned>(KeyFamily::NEGATI
 
 long KeyOf(KeyFamily family, unsigned index);
 
+// Keys of several threads, each with a share of its own: different for different shares. Negative keys stay.
+long KeyOfShare(long key, unsigned share, unsigned shares);
+
 // Where an inserting or updating call takes its bytes from. An address in the table that is not there falls back to a
 // buffer of the caller's.
 enum class Source : unsigned char { BUFFER, NOTHING, OWN_VALUE, OVERLAPPING, OTHER_VALUE };

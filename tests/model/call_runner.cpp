@@ -1,6 +1,5 @@
 #include "model/call_runner.h"
 
-#include <climits>
 #include <cstring>
 #include <string>
 
@@ -48,8 +47,7 @@ CallRunner::~CallRunner() {
 
 long CallRunner::KeyFor(const Call& call, unsigned offset) const {
   const long key = KeyOf(call.family, call.index + offset);
-  const long shares = static_cast<long>(m_shares);
-  return key < 0 || m_shares == 0 ? key : key % (LONG_MAX / shares) * shares + static_cast<long>(m_share);
+  return m_shares == 0 ? key : KeyOfShare(key, m_share, m_shares);
 }
 
 void CallRunner::Run(const Call& call) {

@@ -61,31 +61,27 @@ int ModelPool::Fetch(unsigned long long index) {
   if (!m_prepared) {
     return KAVO_NO_MEMORY;
   }
-  if (index >= m_states.size() || m_states[index] == State::TAKEN) {
+  if (index >= m_capacity || m_slots[index].taken) {
     return KAVO_INVALID;
   }
-  if (m_states[index] == State::IN_STOCK) {
-    m_states[index] = State::FETCHED;
-    m_fetched[index].bytes = m_zeros;
-  }
+  m_slots[index].bytes.resize(m_zeros.size());
   return KAVO_SUCCESS;
 }
 
 void ModelPool::TakeOrdinary() {
-  if (!m_prepared && m_cursor < m_states.size()) {
-    m_states[m_cursor++] = State::TAKEN;
+  if (!m_prepared && m_cursor < m_capacity) {
+    m_slots[m_cursor++].taken = true;
   }
 }
 
 bool ModelPool::TakePrepared(ModelEntry& entry) {
   entry.bytes = m_zeros;
-  while (m_prepared && m_cursor < m_states.size()) {
-    const unsigned long long index = m_cursor++;
-    if (m_states[index] == State::FETCHED) {
-      m_states[index] = State::TAKEN;
-      const Slot& slot = m_fetched.at(index);
-      entry.bytes = slot.bytes;
-      entry.address = slot.address;
+  while (m_prepared && m_cursor < m_capacity) {
+    const auto slot = m_slots.find(m_cursor++);
+    if (slot != m_slots.end() && !slot->second.taken) {
+      slot->second.taken = true;
+      entry.bytes = slot->second.bytes;
+      entry.address = slot->second.address;
       return true;
     }
   }

@@ -17,21 +17,20 @@ namespace KavoTest {
 // The value memory of a table, as far as callers can tell: which prepared values a new key adopts.
 class ModelPool {
  public:
-  enum class State : unsigned char { IN_STOCK, FETCHED, TAKEN };
   struct Slot {
-    State state = State::IN_STOCK;
-    Bytes bytes;
+    bool taken = false;
+    Bytes bytes;                       // once it was fetched
     unsigned char* address = nullptr;  // once the library has given it
   };
 
-  ModelPool(unsigned long long capacity, unsigned valueLen) : m_states(capacity), m_zeros(valueLen) {}
+  ModelPool(unsigned long long capacity, unsigned valueLen) : m_capacity(capacity), m_zeros(valueLen) {}
 
-  unsigned long long Capacity() const { return m_states.size(); }
+  unsigned long long Capacity() const { return m_capacity; }
   bool IsPrepared() const { return m_prepared; }
   void Prepare() { m_prepared = true; }
   // KAVO_SUCCESS, or why the memory of `index` cannot be given.
   int Fetch(unsigned long long index);
-  Slot& Fetched(unsigned long long index) { return m_fetched.at(index); }
+  Slot& Fetched(unsigned long long index) { return m_slots.at(index); }
 
   // The value of a new entry whose bytes are given by an insert: the pool only loses memory.
   void TakeOrdinary();
@@ -39,10 +38,10 @@ class ModelPool {
   bool TakePrepared(ModelEntry& entry);
 
  private:
-  std::vector<State> m_states;
-  std::map<unsigned long long, Slot> m_fetched;
+  unsigned long long m_capacity;
   Bytes m_zeros;
-  unsigned long long m_cursor = 0;  // indexes before it were passed
+  std::map<unsigned long long, Slot> m_slots;  // that were fetched or taken
+  unsigned long long m_cursor = 0;             // indexes before it were passed
   bool m_prepared = false;
 };
 
@@ -98,9 +97,7 @@ class ReferenceModel {
   int QueryPartitionMapPsId(unsigned long long key, unsigned& psId) const;
 
   // A table that is there already.
-  ModelTable& AdoptTable(unsigned id, ModelTable table) {
-    return m_tables.insert_or_assign(id, std::move(table)).first->second;
-  }
+  void AdoptTable(unsigned id, ModelTable table) { m_tables.insert_or_assign(id, std::move(table)); }
   ModelTable* Table(unsigned id);
   std::map<unsigned, ModelTable>& Tables() { return m_tables; }
   bool HasPartitionMap() const { return m_partitionMap.has_value(); }

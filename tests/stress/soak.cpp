@@ -7,6 +7,7 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -16,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "kavo.h"
 #include "stress/soak_table.h"
 
 namespace KavoTest {
@@ -49,6 +49,7 @@ unsigned ResidentMiB() {
 // No memory runs out here, and no wait lasts long.
 void OnLine(void* context, unsigned, int level, const char* format, va_list) {
   SoakTotals& totals = *static_cast<SoakTotals*>(context);
+  CountLine(level, format);
   const std::string_view text(format);
   totals.Expect(level != KAVO_LOG_LEVEL_EVENT && text.find("overtime") == text.npos &&
                     text.find("MAX_WAIT_TIME") == text.npos && text.find("Waiting timed out") == text.npos,
@@ -143,9 +144,8 @@ bool Run(const Options& options) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  Random random(options.seed);
   for (SoakTable& table : tables) {
-    table.End(random);
+    table.End();
   }
   UninitPartitionMap();
   malloc_trim(0);

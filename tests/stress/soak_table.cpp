@@ -4,19 +4,25 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <unordered_set>
 
 namespace KavoTest {
 namespace {
 
-constexpr unsigned CALLS = 256;  // about, in one visit
-constexpr std::size_t SPREAD = 64;
+constexpr unsigned ROUNDS = 64;  // of a visit
+constexpr std::size_t BATCH = 80;
 
-std::atomic_ref<std::uint64_t> Word(unsigned char* address, std::size_t at) {
+std::atomic_ref<std::uint64_t> SharedWord(unsigned char* address, std::size_t at) {
   return std::atomic_ref<std::uint64_t>(reinterpret_cast<std::uint64_t*>(address)[at]);
 }
 
 std::uint64_t Proof(long key) {
   return static_cast<std::uint64_t>(key) * 0x9E3779B97F4A7C15ULL | 1;
+}
+
+template <class T, std::size_t N>
+T AnyOf(const T (&choices)[N], Random& random) {
+  return choices[random() % N];
 }
 
 }  // namespace
@@ -28,12 +34,7 @@ void SoakTotals::Expect(bool right, const std::string& what) {
 }
 
 SoakTable::SoakTable(unsigned place, unsigned threads, std::size_t keys, SoakTotals& totals)
-    : m_place(place), m_totals(totals), m_owned(threads), m_shared(keys / 2) {
-  for (Owned& owned : m_owned) {
-    owned.addresses.assign(keys / 2 / threads, nullptr);
-    owned.versions.assign(keys / 2 / threads, 0);
-  }
-}
+    : m_place(place), m_threads(threads), m_keys(keys), m_totals(totals), m_runners(threads), m_shared(keys / 2) {}
 
 void SoakTable::Expect(bool right, const char* what, long key) const {
   if (!right) {
@@ -43,62 +44,60 @@ void SoakTable::Expect(bool right, const char* what, long key) const {
   }
 }
 
-// Different for every index.
-long SoakTable::KeyOf(std::size_t index) const {
-  constexpr std::uint64_t BITS = (1ULL << 62) - 1;
-  if (m_shape.keyStyle == 1) {
-    return static_cast<long>(index);
-  }
-  if (m_shape.keyStyle == 2) {
-    return static_cast<long>(index << 22);  // a thousand buckets
-  }
-  if (m_shape.keyStyle == 3 && index % 256 == 0) {
-    return static_cast<long>(1ULL << 62 | index << 32);  // one bucket
-  }
-  std::uint64_t key = (index ^ m_shape.keySeed) & BITS;
-  key = key * 0x9E3779B97F4A7C15ULL & BITS;
-  key ^= key >> 31;
-  return static_cast<long>(key * 0xD6E8FEB86659FD93ULL & BITS);
+// Different for every index; some in one bucket.
+long SoakTable::SharedKey(std::size_t n) const {
+  const KeyFamily family = n % 256 == 0 ? KeyFamily::EQUAL_LOW_32 : m_shape.family;
+  return KeyOfShare(KeyOf(family, m_shape.firstIndex + static_cast<unsigned>(n)), m_threads, Shares());
 }
 
-void SoakTable::FillValue(std::vector<unsigned char>& value, long key, std::uint32_t version) const {
-  value.resize(m_shape.valueLen);
-  std::uint64_t word = Proof(key) + version;
-  for (std::size_t at = 0; at < value.size(); at += sizeof(word), word = word * 6364136223846793005ULL + 1) {
-    std::memcpy(&value[at], &word, std::min(sizeof(word), value.size() - at));
-  }
+ModelTable SoakTable::EmptyModel() const {
+  ModelTable table(m_shape.type, m_shape.size, m_shape.valueLen);
+  table.threshold = m_shape.frequency - 1;
+  return table;
 }
 
 void SoakTable::Visit(unsigned thread, Random& random) {
   {
     const std::shared_lock<std::shared_mutex> life(m_life);
-    if (m_alive && !m_full.load()) {
+    if (m_alive && !m_full) {
       const unsigned dice = static_cast<unsigned>(random() % 64);
       if (dice < 40) {
         const std::shared_lock<std::shared_mutex> inserting(m_inserting);
-        InsertSome(thread, random);
+        for (unsigned n = 0; n < ROUNDS; ++n) {
+          CallOnOwned(thread, OwnedBy(thread).size() + BATCH < m_shape.ownedGoal, random);
+          OfferShared(random);
+        }
       } else if (dice < 60) {
-        LookUpSome(thread, random);
+        for (unsigned n = 0; n < ROUNDS; ++n) {
+          CallOnOwned(thread, false, random);
+          LookUpShared(random);
+        }
       } else if (dice == 60) {
-        Export(KAVO_EXPORT_ALL, random, true);
-        KavoTableStats stats{};
-        stats.size = sizeof(stats);
-        Expect(KavoGetTableStats(m_shape.id, &stats) == KAVO_SUCCESS && stats.generations >= 1, "statistics", 0);
+        Export(random, true);
       } else if (const std::unique_lock<std::shared_mutex> alone(m_inserting, std::try_to_lock); alone.owns_lock()) {
         if (dice == 61) {
           const unsigned mode = random() % 2 == 0 ? KAVO_REHASH_GRADUAL : KAVO_REHASH_WHOLE_TABLE;
           Expect(KavoSetRehashMode(m_shape.id, mode) == KAVO_SUCCESS, "rehash mode", 0);
-        } else {
-          CheckCount(random);
+          return;
         }
+        // Lookups and updates go on.
+        std::size_t total = SharedBegun();
+        for (unsigned other = 0; other < m_threads; ++other) {
+          total += OwnedBy(other).size();
+        }
+        unsigned long long size = 0;
+        unsigned length = 0;
+        const int ret = KavoGetHtSizeAndVl(m_shape.id, &size, &length, false);
+        Expect(ret == KAVO_SUCCESS && size == total && length == m_shape.valueLen, "size", static_cast<long>(size));
+        Expect(Export(random, false) == total, "number of exported keys", static_cast<long>(total));
       }
       return;
     }
   }
   const std::unique_lock<std::shared_mutex> life(m_life, std::try_to_lock);
   if (life.owns_lock()) {
-    if (m_alive && m_full.load()) {
-      CheckAll(random);
+    if (m_alive && m_full) {
+      CheckAll();
     }
     if (!m_alive) {
       Begin(random);
@@ -106,242 +105,176 @@ void SoakTable::Visit(unsigned thread, Random& random) {
   }
 }
 
-void SoakTable::End(Random& random) {
+void SoakTable::End() {
   const std::unique_lock<std::shared_mutex> life(m_life);
   if (m_alive) {
-    CheckAll(random);
+    CheckAll();
   }
 }
 
 void SoakTable::Begin(Random& random) {
-  static constexpr unsigned SIZES[] = {1, 8, 100, 1000, 20'000, 200'000};
-  static constexpr unsigned LENGTHS[] = {16, 20, 64, 257};
-  m_shape.id = static_cast<unsigned>(random() % 2 == 0 ? m_place * 30 + random() % 30
-                                                       : 100'000 * (m_place + 1) + random() % 100'000);
+  constexpr unsigned SIZES[]{1, 8, 100, 1000, 20'000, 200'000};
+  constexpr unsigned LENGTHS[]{16, 20, 64, 257};
+  constexpr KeyFamily FAMILIES[]{KeyFamily::DENSE,      KeyFamily::RANDOM_62, KeyFamily::RANDOM_62,
+                                 KeyFamily::TIMES_1024, KeyFamily::TIMES_16,  KeyFamily::EQUAL_LOW_32};
+  const unsigned id = static_cast<unsigned>(random() % 2 == 0 ? m_place * 30 + random() % 30
+                                                              : 100'000 * (m_place + 1) + random() % 100'000);
+  m_shape.id = id;
   m_shape.type = random() % 3 == 0 ? KAVO_TABLE_TYPE_FILTER : KAVO_TABLE_TYPE_BASIC;
-  m_shape.size = SIZES[random() % std::size(SIZES)];
-  m_shape.valueLen = LENGTHS[random() % std::size(LENGTHS)];
+  m_shape.size = AnyOf(SIZES, random);
+  m_shape.valueLen = AnyOf(LENGTHS, random);
   m_shape.frequency = static_cast<unsigned>(2 + random() % 12);
-  m_shape.keyStyle = static_cast<unsigned>(random() % 4);
-  m_shape.keySeed = random();
-  // As many small tables as large ones.
+  m_shape.family = AnyOf(FAMILIES, random);
+  m_shape.firstIndex = static_cast<unsigned>(random() % (1U << 20));
+  // As many small tables as large ones. A search among keys of few buckets is linear in their number.
   const std::size_t part = std::size_t{1} << random() % 9;
-  m_shape.ownedGoal = m_owned[0].addresses.size() / part;
-  m_shape.sharedGoal = m_shared.size() / part;
-  if (m_shape.keyStyle == 2) {
-    m_shape.ownedGoal /= 8;  // a search there is linear in the number of keys
-    m_shape.sharedGoal /= 8;
-  }
-  for (Owned& owned : m_owned) {
-    owned.count = 0;
-  }
+  const std::size_t crowd = m_shape.family == KeyFamily::EQUAL_LOW_32 ? 64
+                            : m_shape.family == KeyFamily::TIMES_1024 ? 8
+                                                                      : 1;
+  m_shape.sharedGoal = std::max<std::size_t>(m_shared.size() / part / crowd, 1);
+  m_shape.ownedGoal = m_keys / 2 / m_threads / part / crowd + BATCH;
   for (Shared& shared : m_shared) {
     shared.address = nullptr;
-    shared.offersBegun = shared.offers = shared.creators = 0;
+    shared.offersBegun = shared.offers = shared.creators = shared.increments = 0;
   }
   m_sharedBegun = 0;
-  m_increments = 0;
   m_prepared = 0;
-  const unsigned id = m_shape.id;
   Expect(KavoInitHashTable(id, m_shape.size, m_shape.valueLen, m_shape.type) == KAVO_SUCCESS, "create", 0);
   Expect(KavoInitHashTable(id, 8, 8, KAVO_TABLE_TYPE_BASIC) == KAVO_EXISTS, "create again", 0);
   Expect(KavoSetRehashMode(id, random() % 2 == 0 ? KAVO_REHASH_GRADUAL : KAVO_REHASH_WHOLE_TABLE) == KAVO_SUCCESS,
          "rehash mode", 0);
   Expect(KavoSetFilterFreq(id, m_shape.frequency) == (IsFilter() ? KAVO_SUCCESS : KAVO_INVALID), "frequency", 0);
   if (random() % 4 == 0) {
-    Prepare(random);
+    Prepare(random() % 1000);
+  }
+  for (unsigned thread = 0; thread < m_threads; ++thread) {
+    m_runners[thread] = std::make_unique<CallRunner>(id, EmptyModel(), thread, Shares());
   }
   m_full = false;
   m_alive = true;
 }
 
-// The first shared keys adopt values that were written beforehand.
-void SoakTable::Prepare(Random& random) {
+// The first shared keys adopt values that were written beforehand. None is left for others.
+void SoakTable::Prepare(std::size_t most) {
   unsigned long long count = 0;
   Expect(KavoPrepareMemForValues(m_shape.id, &count) == KAVO_SUCCESS && count == std::max(m_shape.size, 8U), "prepare",
          0);
-  m_prepared = std::min<std::size_t>({random() % 1000, count, m_shape.sharedGoal});
+  m_prepared = std::min<std::size_t>({most, count, m_shape.sharedGoal});
+  unsigned char* address = nullptr;
+  unsigned length = 0;
+  unsigned isFind = 9;
   for (std::size_t n = 0; n < m_prepared; ++n) {
-    unsigned char* address = nullptr;
-    unsigned length = 0;
     const int ret = KavoGetMemForValue(m_shape.id, n, &address, &length);
     Expect(ret == KAVO_SUCCESS && length == m_shape.valueLen, "value memory", SharedKey(n));
     if (ret == KAVO_SUCCESS) {
-      Word(address, 0).store(Proof(SharedKey(n)));
-      m_shared[n].address = address;
+      SeeShared(n, address);
     }
   }
   for (std::size_t n = 0; n < m_prepared; ++n) {
-    unsigned char* address = nullptr;
-    unsigned length = 0;
-    unsigned isFind = 9;
     const int ret = KavoLookupOrInsert(m_shape.id, SharedKey(n), &address, &length, &isFind, 0);
     Expect(ret == KAVO_SUCCESS && isFind == 1 && address == m_shared[n].address, "adopted value", SharedKey(n));
   }
   m_sharedBegun = m_prepared;
 }
 
-void SoakTable::InsertSome(unsigned thread, Random& random) {
-  for (unsigned n = 0; n < CALLS / 4; ++n) {
-    if (m_owned[thread].count < m_shape.ownedGoal) {
-      InsertOwned(thread, random);
-    }
-    // A new key, or one that others are at as well.
-    std::size_t begun = m_sharedBegun;
-    std::size_t at = m_shape.sharedGoal;
-    if (begun == 0 || random() % 4 == 0) {
-      at = begun < m_shape.sharedGoal ? m_sharedBegun++ : at;
-    } else {
-      at = begun - 1 - random() % std::min(begun, SPREAD);
-    }
-    if (at < m_shape.sharedGoal) {
-      const unsigned occurrences = static_cast<unsigned>(1 + random() % 3);
-      unsigned char* address = nullptr;
-      unsigned length = 0;
-      unsigned isFind = 9;
-      const Offered before = BeginOffer(at, occurrences);
-      const int ret = KavoLookupOrInsert(m_shape.id, SharedKey(at), &address, &length, &isFind, occurrences);
-      EndOffer(at, occurrences, before, ret, address, isFind);
-    } else if (begun >= m_shape.sharedGoal && random() % 64 == 0) {
-      m_full = true;
-    }
-    if (n % 16 == 0 && IsFilter()) {
-      Expect(KavoSetFilterFreq(m_shape.id, m_shape.frequency) == KAVO_SUCCESS, "frequency", 0);
-    }
+void SoakTable::CallOnOwned(unsigned thread, bool inserts, Random& random) {
+  using enum Function;
+  constexpr Function INSERTING[]{INSERT, INSERT_OR_UPDATE, LOOKUP_OR_INSERT, BATCH_LOOKUP_OR_INSERT,
+                                 BATCH_INSERT_OR_UPDATE};
+  constexpr Function OTHERS[]{LOOKUP, LOOKUP, LOOKUP_FOR_UPDATE, UPDATE, BATCH_LOOKUP, BATCH_GATHER};
+  const std::size_t held = OwnedBy(thread).size();
+  Call call;
+  call.function = inserts ? AnyOf(INSERTING, random) : AnyOf(OTHERS, random);
+  call.family = random() % 256 == 0 ? KeyFamily::EQUAL_LOW_32 : m_shape.family;
+  call.count = static_cast<unsigned>(1 + random() % (IsBatch(call.function) ? BATCH : 4));
+  // New keys beside some that are there, or any, some of them absent.
+  call.index = m_shape.firstIndex + static_cast<unsigned>(inserts ? held - std::min<std::size_t>(held, random() % 8)
+                                                                  : random() % (held + 8));
+  call.source = random() % 16 == 0 ? static_cast<Source>(random() % SOURCE_COUNT) : Source::BUFFER;
+  call.tooLong = random() % 64 == 0 ? 1 : 0;
+  call.number = static_cast<unsigned>(random() % 4);
+  call.kind = static_cast<unsigned>(random() % 8);
+  call.bytes = static_cast<unsigned char>(random());
+  call.writes = random() % 2 == 0;
+  try {
+    m_runners[thread]->Run(call);
+  } catch (const Mismatch& mismatch) {
+    Expect(false, mismatch.what(), 0);
   }
-  InsertOwnedBatch(thread, random);
-  OfferBatch(random);
-  m_totals.calls += CALLS / 2 + 2;
-  LookUpSome(thread, random);
+  m_totals.calls += IsBatch(call.function) ? 1 : call.count;
 }
 
-void SoakTable::LookUpSome(unsigned thread, Random& random) {
-  for (unsigned n = 0; n < CALLS / 2; ++n) {
-    const unsigned other = static_cast<unsigned>(random() % m_owned.size());
-    // Acquire: the address was written before.
-    if (const std::size_t count = m_owned[other].count.load(std::memory_order_acquire); count != 0) {
-      const std::size_t at = random() % count;
-      if (other == thread && random() % 4 == 0) {
-        UpdateOwned(thread, at, random);
-      }
-      CheckOwned(other, at);
-      if (other == thread) {
-        FillValue(m_owned[thread].seen, OwnedKey(thread, at), m_owned[thread].versions[at]);
-        Expect(std::memcmp(m_owned[thread].addresses[at], m_owned[thread].seen.data(), m_shape.valueLen) == 0,
-               "value of its owner", OwnedKey(thread, at));
-      }
+// A new key, or one that others are at as well; or many of those, some of them several times.
+void SoakTable::OfferShared(Random& random) {
+  const std::size_t begun = SharedBegun();
+  const unsigned occurrences = static_cast<unsigned>(1 + random() % 3);
+  std::vector<Offer> offers(begun != 0 && random() % 32 == 0 ? 1 + random() % BATCH : 1);
+  std::vector<long> keys;
+  for (Offer& offer : offers) {
+    const bool isNew = begun == 0 || (offers.size() == 1 && random() % 4 == 0);
+    offer.n = isNew ? m_sharedBegun++ : begun - 1 - random() % std::min(begun, BATCH);
+    if (offer.n >= m_shape.sharedGoal) {
+      m_full = m_full || random() % 64 == 0;
+      return;
     }
-    if (const std::size_t begun = std::min(m_sharedBegun.load(), m_shape.sharedGoal); begun != 0) {
-      LookUpShared(random() % begun, random() % 8 == 0);
-    }
+    Shared& shared = m_shared[offer.n];
+    offer.known = shared.address != nullptr;
+    offer.offers = shared.offers;
+    shared.offersBegun += occurrences;
+    keys.push_back(SharedKey(offer.n));
   }
-  LookUpBatch(thread, random);
-  m_totals.calls += CALLS + 2;
-}
-
-void SoakTable::InsertOwned(unsigned thread, Random& random) {
-  Owned& owned = m_owned[thread];
-  const std::size_t n = owned.count;
-  const long key = OwnedKey(thread, n);
-  unsigned char* address = nullptr;
+  std::vector<unsigned char*> addresses(keys.size());
+  std::vector<unsigned> isFind(keys.size(), 9);
   unsigned length = 0;
-  unsigned isFind = 9;
-  if (random() % 8 == 0) {
-    Expect(KavoLookup(m_shape.id, key, &address, &length) == KAVO_INVALID, "found before its insert", key);
+  unsigned long long done = 1;
+  const int ret = keys.size() == 1
+                      ? KavoLookupOrInsert(m_shape.id, keys[0], &addresses[0], &length, &isFind[0], occurrences)
+                      : KavoBatchLookupOrInsert(m_shape.id, keys.data(), keys.size(), addresses.data(), isFind.data(),
+                                                occurrences, &done);
+  Expect(done == keys.size(), "look up or insert of a batch", keys[0]);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    CheckOffer(offers[i], occurrences, ret, addresses[i], isFind[i]);
   }
-  owned.versions[n] = static_cast<std::uint32_t>(random());
-  FillValue(owned.value, key, owned.versions[n]);
-  const unsigned dice = static_cast<unsigned>(random() % 4);
-  if (dice == 0) {
-    const int ret = KavoLookupOrInsert(m_shape.id, key, &address, &length, &isFind, 0);
-    const bool made = ret == KAVO_SUCCESS && isFind == 0 && address != nullptr;
-    Expect(made, "look up or insert", key);
-    if (made) {
-      std::memcpy(address, owned.value.data(), owned.value.size());
-    }
-  } else {
-    const int ret = dice == 1 ? KavoInsertOrUpdate(m_shape.id, key, owned.value.data(), m_shape.valueLen, 1)
-                              : KavoInsert(m_shape.id, key, owned.value.data(), m_shape.valueLen, 1, 2);
-    Expect(ret == KAVO_SUCCESS, "insert", key);
-    Expect(KavoLookup(m_shape.id, key, &address, &length) == KAVO_SUCCESS, "found after its insert", key);
+  if (IsFilter() && random() % 16 == 0) {
+    Expect(KavoSetFilterFreq(m_shape.id, m_shape.frequency) == KAVO_SUCCESS, "frequency", 0);
   }
-  if (address == nullptr) {
-    return;  // a mismatch, which ends the run
-  }
-  owned.addresses[n] = address;
-  owned.count.store(n + 1, std::memory_order_release);  // see LookUpSome
+  ++m_totals.calls;
 }
 
-void SoakTable::UpdateOwned(unsigned thread, std::size_t n, Random& random) {
-  Owned& owned = m_owned[thread];
-  const long key = OwnedKey(thread, n);
-  const unsigned dice = static_cast<unsigned>(random() % 4);
-  FillValue(owned.value, key, owned.versions[n] + 1);
-  if (dice == 0) {
-    Expect(KavoInsert(m_shape.id, key, owned.value.data(), m_shape.valueLen, 1, 2) == KAVO_INVALID, "insert again",
-           key);
-    return;
-  }
-  ++owned.versions[n];
-  if (dice == 1) {
-    Expect(KavoUpdate(m_shape.id, key, owned.value.data(), m_shape.valueLen) == KAVO_SUCCESS, "update", key);
-  } else if (dice == 2) {
-    Expect(KavoInsertOrUpdate(m_shape.id, key, owned.value.data(), m_shape.valueLen, 1) == KAVO_SUCCESS,
-           "insert or update", key);
-  } else {
-    unsigned char* address = nullptr;
-    unsigned length = 0;
-    const int ret = KavoLookupForUpdate(m_shape.id, key, &address, &length);
-    Expect(ret == KAVO_SUCCESS, "look up for update", key);
-    if (ret == KAVO_SUCCESS) {
-      std::memcpy(address, owned.value.data(), owned.value.size());
-    }
-  }
-}
-
-void SoakTable::CheckOwned(unsigned thread, std::size_t n) {
-  unsigned char* address = nullptr;
-  unsigned length = 0;
-  const int ret = KavoLookup(m_shape.id, OwnedKey(thread, n), &address, &length);
-  Expect(ret == KAVO_SUCCESS && address == m_owned[thread].addresses[n] && length == m_shape.valueLen,
-         "a completed insert", OwnedKey(thread, n));
-}
-
-SoakTable::Offered SoakTable::BeginOffer(std::size_t n, unsigned occurrences) {
-  const Offered before{m_shared[n].address.load() != nullptr, m_shared[n].offers};
-  m_shared[n].offersBegun += occurrences;
-  return before;
-}
-
-void SoakTable::EndOffer(std::size_t n, unsigned occurrences, Offered before, int ret, unsigned char* address,
-                         unsigned isFind) {
-  Shared& shared = m_shared[n];
-  Expect(ret == KAVO_SUCCESS && isFind <= 1 && (address != nullptr || (IsFilter() && !before.known)),
-         "look up or insert of a shared key", SharedKey(n));
-  if (IsFilter() && n >= m_prepared) {
+void SoakTable::CheckOffer(const Offer& offer, unsigned occurrences, int ret, unsigned char* address, unsigned isFind) {
+  Shared& shared = m_shared[offer.n];
+  Expect(ret == KAVO_SUCCESS && isFind <= 1 && (address != nullptr || (IsFilter() && !offer.known)),
+         "look up or insert of a shared key", SharedKey(offer.n));
+  if (IsFilter() && offer.n >= m_prepared) {
     Expect(
-        address != nullptr ? shared.offersBegun >= m_shape.frequency : before.offers + occurrences < m_shape.frequency,
-        address != nullptr ? "admitted early" : "not admitted", SharedKey(n));
+        address != nullptr ? shared.offersBegun >= m_shape.frequency : offer.offers + occurrences < m_shape.frequency,
+        address != nullptr ? "admitted early" : "not admitted", SharedKey(offer.n));
   }
   shared.creators += isFind == 0;
-  SeeShared(n, address);
+  SeeShared(offer.n, address);
   shared.offers += occurrences;
 }
 
-void SoakTable::LookUpShared(std::size_t n, bool forUpdate) {
-  const bool known = m_shared[n].address.load() != nullptr;
+void SoakTable::LookUpShared(Random& random) {
+  const std::size_t begun = SharedBegun();
+  if (begun == 0) {
+    return;
+  }
+  const std::size_t n = random() % begun;
+  const bool forUpdate = random() % 8 == 0;
+  const bool known = m_shared[n].address != nullptr;
   const bool offered = m_shared[n].offers != 0;
   unsigned char* address = nullptr;
   unsigned length = 0;
-  const int ret = forUpdate ? KavoLookupForUpdate(m_shape.id, SharedKey(n), &address, &length)
-                            : KavoLookup(m_shape.id, SharedKey(n), &address, &length);
+  const int ret = (forUpdate ? KavoLookupForUpdate : KavoLookup)(m_shape.id, SharedKey(n), &address, &length);
   Expect(ret == KAVO_SUCCESS ? address != nullptr || (IsFilter() && !known) : ret == KAVO_INVALID && !known && !offered,
          "a shared key that was offered", SharedKey(n));
   SeeShared(n, address);
   if (forUpdate && address != nullptr) {
-    Word(address, 1).fetch_add(1, std::memory_order_relaxed);
-    ++m_increments;
+    SharedWord(address, 1).fetch_add(1, std::memory_order_relaxed);
+    ++m_shared[n].increments;
   }
+  ++m_totals.calls;
 }
 
 // One address a key, and a value that nobody else has.
@@ -353,8 +286,84 @@ void SoakTable::SeeShared(std::size_t n, unsigned char* address) {
   Expect(m_shared[n].address.compare_exchange_strong(expected, address) || expected == address,
          "a second address of a key", SharedKey(n));
   std::uint64_t mark = 0;
-  Expect(Word(address, 0).compare_exchange_strong(mark, Proof(SharedKey(n))) || mark == Proof(SharedKey(n)),
+  Expect(SharedWord(address, 0).compare_exchange_strong(mark, Proof(SharedKey(n))) || mark == Proof(SharedKey(n)),
          "another key's value", SharedKey(n));
+}
+
+std::size_t SoakTable::Export(Random& random, bool mayBeGivenUp) {
+  std::vector<KavoHtBatchElement> elements(std::size_t{1} << random() % 12);
+  KavoHtBatchInfo batch{elements.data(), static_cast<unsigned>(elements.size()), KAVO_EXPORT_ALL, 9};
+  std::unordered_set<long> keys;
+  long last = -1;
+  void* cursor = nullptr;
+  do {
+    unsigned num = 0;
+    if (KavoBatchGetNext(m_shape.id, &batch, &num, &cursor) != KAVO_SUCCESS || num > elements.size() ||
+        batch.tableType != m_shape.type) {
+      Expect(false, "export", 0);
+      break;
+    }
+    for (unsigned i = 0; i < num; ++i) {
+      const KavoHtBatchElement& element = elements[i];
+      const bool comesAgain = i == 0 && element.key == last;  // a full batch's last entry
+      Expect(keys.insert(element.key).second || comesAgain || mayBeGivenUp, "exported twice", element.key);
+      Expect(element.value != nullptr || IsFilter(), "exported without a value", element.key);
+      last = element.key;
+    }
+  } while (cursor != nullptr && !(mayBeGivenUp && random() % 64 == 0));
+  ++m_totals.exports;
+  return keys.size();
+}
+
+// Nothing else runs on the table, and this is its end: one model has all that the threads know, and is compared with
+// the whole table, exports in every mode included.
+void SoakTable::CheckAll() {
+  try {
+    ModelTable whole = EmptyModel();
+    for (unsigned thread = 0; thread < m_threads; ++thread) {
+      whole.entries.merge(OwnedBy(thread));
+      m_runners[thread].reset();
+    }
+    CheckShared(whole);
+    std::size_t admitted = 0;
+    for (auto& [key, entry] : whole.entries) {
+      unsigned char* unknown = nullptr;
+      if (entry.address != nullptr) {
+        whole.CheckAddress(key, unknown, entry.address);
+      }
+      admitted += entry.admitted ? 1 : 0;
+    }
+    KavoTableStats stats{};
+    stats.size = sizeof(stats);
+    Expect(KavoGetTableStats(m_shape.id, &stats) == KAVO_SUCCESS && stats.generations >= 1 &&
+               stats.valueBytes >= admitted * m_shape.valueLen,
+           "statistics", static_cast<long>(stats.valueBytes));
+    m_totals.growths += stats.growths;
+    CallRunner(m_shape.id, std::move(whole), 0, 1).Finish();
+  } catch (const Mismatch& mismatch) {
+    Expect(false, mismatch.what(), 0);
+  }
+  unsigned char* address = nullptr;
+  unsigned length = 0;
+  Expect(KavoLookup(m_shape.id, 0, &address, &length) == KAVO_INVALID, "use after the end", 0);
+  m_alive = false;
+  ++m_totals.tables;
+}
+
+void SoakTable::CheckShared(ModelTable& whole) {
+  for (std::size_t n = 0; n < SharedBegun(); ++n) {
+    const Shared& shared = m_shared[n];
+    const long key = SharedKey(n);
+    const std::uint32_t creators = shared.creators;
+    Expect(n < m_prepared ? creators == 0 : IsFilter() ? creators <= 1 : creators == 1, "number of creators", key);
+    ModelEntry& entry = whole.entries[key];
+    entry.admitted = n < m_prepared || !IsFilter() || shared.offers >= m_shape.frequency;
+    entry.count = shared.offers;
+    entry.address = shared.address;
+    const std::uint64_t words[]{entry.admitted ? Proof(key) : 0, shared.increments};
+    entry.bytes.assign(m_shape.valueLen, 0);
+    std::memcpy(entry.bytes.data(), words, sizeof(words));
+  }
 }
 
 }  // namespace KavoTest
