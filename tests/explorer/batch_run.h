@@ -16,8 +16,8 @@ using Batch = std::function<void(BatchRun&)>;
 
 inline constexpr unsigned BATCH_FREQ = 3;  // of filter tables: the third occurrence admits
 
-Batch Offers(const Keys& keys, unsigned filterCount = 0);  // KavoBatchLookupOrInsert
-Batch OffersWithoutMemory(const Keys& keys);               // its thread gets no value blocks but those in stock
+Batch Offers(const Keys& keys, unsigned filterCount = 0);               // KavoBatchLookupOrInsert
+Batch OffersWithoutMemory(const Keys& keys, unsigned filterCount = 0);  // no value blocks but those in stock
 // KavoBatchInsertOrUpdate, each element with a row of its own. A key that another thread gathers meanwhile stands there
 // once, in one batch only: its value must not change then.
 Batch Puts(const Keys& keys);
@@ -29,8 +29,9 @@ struct BatchTable {
   unsigned mode = KAVO_REHASH_WHOLE_TABLE;
 };
 
-// Every order of the threads' steps that the budget reaches keeps the promises, on a table with `present` in it. It has
-// 16 cells, and so as many buckets, and stock for 8 values.
-void ExpectBatchesHold(const Keys& present, const std::vector<Batch>& threads, const BatchTable& table = {});
+// Every order of the threads' steps that the budget reaches keeps the promises, if the batches of `before` have come
+// first. The table has 16 cells, and so as many buckets, and stock for 8 values.
+void ExpectBatchesHold(const std::vector<Batch>& before, const std::vector<Batch>& threads,
+                       const BatchTable& table = {});
 
 }  // namespace KavoExplorer

@@ -8,8 +8,6 @@
 namespace KavoExplorer {
 namespace {
 
-constexpr std::initializer_list<long> FULL = {0, 1, 2, 3, 4, 5, 6, 7};
-
 TEST(WholeTableScenarios, InsertLookupAndGrowth) {
   ExpectHolds(Fill({0}), {InOrder({Offer(8), Look(8)}), InOrder({Look(0), Look(8)}), Grow()});
 }
@@ -23,11 +21,11 @@ TEST(WholeTableScenarios, TwoBuilders) {
 }
 
 TEST(WholeTableScenarios, ABuilderWithoutMemoryAndOneWith) {
-  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {OfferWithout(16, 3), Offer(9)});
+  ExpectHolds(Fill(FULL_WITH_MAP), {OfferWithout(16, 3), Offer(9)});
 }
 
 TEST(WholeTableScenarios, ThreeOffersMeetTheFullTable) {
-  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {Offer(9), Offer(16), InOrder({Offer(9), Look(16)})});
+  ExpectHolds(Fill(FULL_WITH_MAP), {Offer(9), Offer(16), InOrder({Offer(9), Look(16)})});
 }
 
 // The chunk is given back, and whoever waits for the end takes it up.
@@ -50,7 +48,7 @@ TEST(GiveBackScenarios, ALateOfferMeetsCellsThatWereGivenBack) {
 
 TEST(GiveBackScenarios, ALateMapCreatorAndALateGuestOfAMap) {
   ExpectHolds(Fill(FULL), {Grow(), Offer(8)});
-  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {Grow(), Offer(16), Look(8)});
+  ExpectHolds(Fill(FULL_WITH_MAP), {Grow(), Offer(16), Look(8)});
 }
 
 TEST(GiveBackScenarios, ALateMover) {
@@ -63,7 +61,7 @@ TEST(GiveBackScenarios, AWalkKeepsWhatItReads) {
 }
 
 TEST(GradualScenarios, TwoOffersMeetTheFullTable) {
-  ExpectHolds(InOrder({Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), GradualGrowth()}),
+  ExpectHolds(InOrder({Fill(FULL_WITH_MAP), GradualGrowth()}),
               {InOrder({Offer(9), Look(8)}), InOrder({Offer(16), Look(9)})});
 }
 
@@ -80,7 +78,7 @@ TEST(GradualScenarios, AMoveThatASweepGivesUp) {
 // The second generation fills while the first has entries: whoever adds the third finishes the first.
 TEST(GradualScenarios, TheOldestIsFinishedIntoTheThird) {
   // Bucket 0 of the first is in place, with a map; the keys that fill the second are of other buckets.
-  std::vector<Call> calls = {Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), BuildGenerations(2), GradualGrowth()};
+  std::vector<Call> calls = {Fill(FULL_WITH_MAP), BuildGenerations(2), GradualGrowth()};
   for (unsigned long long bucket = 1; bucket < 8; ++bucket) {
     calls.push_back(MoveBucket(0, bucket));
   }

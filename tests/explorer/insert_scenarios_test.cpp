@@ -47,8 +47,6 @@ TEST(InsertScenarios, AFailedInsertIsTakenOver) {
   ExpectHolds(Fill({0}), {OfferFailing(8), Offer(8), InOrder({Look(8), Offer(8)})});
 }
 
-constexpr std::initializer_list<long> FULL = {0, 1, 2, 3, 4, 5, 6, 7};
-
 // Each creates the map or joins it, and then grows.
 TEST(MapScenarios, TwoOffersOfOneKeyForWhichThereIsNoCell) {
   ExpectHolds(Fill(FULL), {Offer(8), Offer(8)});
@@ -69,7 +67,7 @@ TEST(MapScenarios, TheLastCellBesideTheFirstMap) {
 }
 
 TEST(MapScenarios, OneKeyTwiceIntoAMapThatIsThere) {
-  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {Offer(16), Offer(16), Look(8)});
+  ExpectHolds(Fill(FULL_WITH_MAP), {Offer(16), Offer(16), Look(8)});
 }
 
 TEST(MapScenarios, AMapThatCannotBeHad) {
@@ -78,15 +76,14 @@ TEST(MapScenarios, AMapThatCannotBeHad) {
 }
 
 TEST(MapScenarios, AnEntryWhoseInsertFails) {
-  ExpectHolds(Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), {OfferFailing(16), Offer(16)});
+  ExpectHolds(Fill(FULL_WITH_MAP), {OfferFailing(16), Offer(16)});
 }
 
 TEST(MapScenarios, AMapBesideTheMoveOfItsBucket) {
   ExpectHolds(InOrder({Fill(FULL), BuildGenerations(2)}), {Offer(8), MoveBucket(0, 0)});
   ExpectHolds(InOrder({Fill(FULL), BuildGenerations(2)}), {Offer(8), Offer(8), MoveBucket(0, 0)});
-  ExpectHolds(InOrder({Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), BuildGenerations(2)}), {Offer(16), MoveBucket(0, 0)});
-  ExpectHolds(InOrder({Fill({0, 1, 2, 3, 4, 5, 6, 7, 8}), BuildGenerations(2)}),
-              {Offer(16), Look(8), MoveBucket(0, 0)});
+  ExpectHolds(InOrder({Fill(FULL_WITH_MAP), BuildGenerations(2)}), {Offer(16), MoveBucket(0, 0)});
+  ExpectHolds(InOrder({Fill(FULL_WITH_MAP), BuildGenerations(2)}), {Offer(16), Look(8), MoveBucket(0, 0)});
 }
 
 TEST(MapScenarios, AMapThatCannotBeHadBesideTheMoveOfItsBucket) {
