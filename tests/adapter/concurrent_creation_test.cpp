@@ -3,15 +3,17 @@
 
 #include <atomic>
 #include <barrier>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kavo.h"
 #include "platform/test_hooks.h"
+#include "support/held.h"
 #include "support/log_capture.h"
 
-namespace Qen {
+namespace KavoTest {
 namespace {
 
 constexpr int THREADS = 3;
@@ -22,19 +24,18 @@ TEST(ConcurrentCreation, LosersDestroyTheirTablesAndTheIdKeepsOne) {
     // The registry's map keeps its buckets once it has any.
     ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(id, 8, 8, KAVO_TABLE_TYPE_BASIC));
     ASSERT_EQ(KAVO_SUCCESS, KavoUninitHashTable(id));
-    const long long heap = TestHooks::HeapBytesInUse();
-    const long long mapped = TestHooks::MappedBytesInUse();
-    KavoTest::LogCapture capture(KavoSetLogSink);
+    const Held before;
+    LogCapture capture(KavoSetLogSink);
     std::barrier<> allBuilt(THREADS);
     g_allBuilt = &allBuilt;
-    TestHooks::SetPointHandler([](const char* point) {
-      if (std::string(point) == "KavoInitHashTable.built") {
+    Qen::TestHooks::SetPointHandler([](const char* point) {
+      if (std::strcmp(point, "KavoInitHashTable.built") == 0) {
         g_allBuilt->arrive_and_wait();
       }
     });
     std::atomic<int> won{0};
     std::atomic<int> existed{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < THREADS; ++i) {
       threads.emplace_back([&] {
         const int ret = KavoInitHashTable(id, 100'000, 8, KAVO_TABLE_TYPE_BASIC);
@@ -42,21 +43,15 @@ TEST(ConcurrentCreation, LosersDestroyTheirTablesAndTheIdKeepsOne) {
         existed += ret == KAVO_EXISTS ? 1 : 0;
       });
     }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
-    TestHooks::SetPointHandler(nullptr);
+    threads.clear();
+    Qen::TestHooks::SetPointHandler(nullptr);
     EXPECT_EQ(1, won);
     EXPECT_EQ(THREADS - 1, existed);
-    ASSERT_EQ(static_cast<std::size_t>(THREADS - 1), capture.Lines().size());
-    for (const auto& line : capture.Lines()) {
-      EXPECT_EQ("TableId[" + std::to_string(id) + "] is existed.", line.message);
-    }
+    EXPECT_EQ(THREADS - 1U, capture.Count("TableId[" + std::to_string(id) + "] is existed."));
     EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(id));
-    EXPECT_EQ(heap, TestHooks::HeapBytesInUse());
-    EXPECT_EQ(mapped, TestHooks::MappedBytesInUse());
+    EXPECT_EQ(before, Held());
   }
 }
 
 }  // namespace
-}  // namespace Qen
+}  // namespace KavoTest

@@ -95,7 +95,7 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
     bool hasValue = false;
     unsigned count = 0;
   };
-  enum class Call { INSERT, INSERT_OR_UPDATE, LOOKUP_OR_INSERT, BATCH_LOOKUP_OR_INSERT, BATCH_INSERT_OR_UPDATE };
+  enum class Call { INSERT, INSERT_OR_UPDATE, LOOKUP_OR_INSERT };  // the latter two as batches
 
   // What the process keeps from an id's first table on is not counted: the buckets of the registry's map, and this
   // thread's position in the pool.
@@ -133,39 +133,26 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
     }
   }
 
-  // A call on keys, one or many; without a value, a filter table's is null. How often it failed.
+  // A call on keys, for KavoInsert one; a filter table's key gets no value from null bytes. How often it failed.
   unsigned Offer(Call call, const std::vector<long>& keys, unsigned count, bool withValue = true) {
     std::vector<unsigned char> rows(keys.size() * LEN, ++m_byte);
     std::vector<unsigned char*> values(keys.size());
     std::vector<unsigned> isFind(keys.size());
-    unsigned char* const bytes = withValue ? rows.data() : nullptr;
-    unsigned len = 0;
     std::size_t at = 0;
     const auto attempt = [&] {
       const std::size_t rest = keys.size() - at;
       unsigned long long done = 0;
       int status = KAVO_SUCCESS;
-      switch (call) {
-        case Call::INSERT:
-          status = KavoInsert(id, keys[0], bytes, LEN, count, 0);
-          break;
-        case Call::INSERT_OR_UPDATE:
-          status = KavoInsertOrUpdate(id, keys[0], bytes, LEN, count);
-          break;
-        case Call::LOOKUP_OR_INSERT:
-          status = KavoLookupOrInsert(id, keys[0], values.data(), &len, isFind.data(), count);
-          break;
-        case Call::BATCH_INSERT_OR_UPDATE:
-          status = KavoBatchInsertOrUpdate(id, &keys[at], rest, bytes, LEN, count, &done);
-          break;
-        case Call::BATCH_LOOKUP_OR_INSERT:
-          status = KavoBatchLookupOrInsert(id, &keys[at], rest, values.data(), isFind.data(), count, &done);
-          break;
+      if (call == Call::INSERT) {
+        status = KavoInsert(id, keys[0], withValue ? rows.data() : nullptr, LEN, count, 0);
+        done = status == KAVO_SUCCESS ? 1 : 0;
+      } else if (call == Call::INSERT_OR_UPDATE) {
+        status = KavoBatchInsertOrUpdate(id, &keys[at], rest, rows.data(), LEN, count, &done);
+      } else {
+        status = KavoBatchLookupOrInsert(id, &keys[at], rest, values.data(), isFind.data(), count, &done);
       }
-      const bool isBatch = call == Call::BATCH_INSERT_OR_UPDATE || call == Call::BATCH_LOOKUP_OR_INSERT;
-      const std::size_t end = isBatch ? at + done : (status == KAVO_SUCCESS ? 1 : 0);
-      EXPECT_EQ(status == KAVO_SUCCESS, end == keys.size());
-      for (; at < end; ++at) {
+      EXPECT_EQ(status == KAVO_SUCCESS, done == rest);
+      for (; done > 0; --done, ++at) {
         Serve(call, keys[at], count, withValue);
       }
       if (at < keys.size() && m_entries.contains(keys[at])) {
@@ -176,9 +163,20 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
     return FailUntilItSucceeds(fault, attempt, [this] { CheckTable(); });
   }
 
+  // An insert that fails and is not repeated: its key is absent, while others come and the table grows.
+  void GiveUp(long key) {
+    unsigned char value[LEN] = {};
+    LogCapture quiet(KavoSetLogSink);
+    g_locksLeft = 1;
+    Hooks::SetPointHandler(&ThrowAtLock);
+    EXPECT_EQ(KAVO_FAILED, KavoInsert(id, key, value, LEN, 1, 0));
+    Hooks::SetPointHandler(nullptr);
+    m_givenUp.push_back(key);
+  }
+
   // What a call that succeeded has made of the key.
   void Serve(Call call, long key, unsigned count, bool withValue) {
-    const bool writes = call != Call::LOOKUP_OR_INSERT && call != Call::BATCH_LOOKUP_OR_INSERT;
+    const bool writes = call != Call::LOOKUP_OR_INSERT;
     const auto [place, isNew] = m_entries.try_emplace(key);
     Entry& entry = place->second;
     entry.count += isFilter && (isNew || !writes) ? count : 0;
@@ -221,7 +219,8 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
     ASSERT_EQ(KAVO_SUCCESS, KavoGetTableStats(id, &stats));
     m_bytesOfValue = m_bytesOfValue != 0 || withValue == 0 ? m_bytesOfValue : stats.valueBytes / withValue;
     ASSERT_EQ(m_bytesOfValue * withValue, stats.valueBytes) << "a value that no key has";
-    ASSERT_LE(stats.filterRecordBytes, (seen + 1) * sizeof(Qen::FilterRecord)) << "records that no key has";
+    const std::size_t records = stats.filterRecordBytes / sizeof(Qen::FilterRecord);
+    ASSERT_TRUE(isFilter ? records == seen || records == seen + 1 : records == 0) << records << " records";
   }
 
   const unsigned id = std::get<0>(GetParam()).id;
@@ -230,6 +229,7 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
   const bool isFilter = type == KAVO_TABLE_TYPE_FILTER;
   const Fault fault = std::get<2>(GetParam());
   std::map<long, Entry> m_entries;
+  std::vector<long> m_givenUp;
   unsigned char m_byte = 0;
   unsigned m_adopted = 0;
   unsigned long long m_bytesOfValue = 0;
@@ -265,23 +265,23 @@ TEST_P(FaultLoop, EveryFailureLeavesTheTableAsItWas) {
   for (int round = 0; round < 25; ++round) {
     SCOPED_TRACE(testing::Message() << "round " << round);
     failures += Offer(Call::INSERT, keys(1), 1);
-    failures += Offer(Call::INSERT_OR_UPDATE, keys(1), 1);
-    failures += Offer(Call::LOOKUP_OR_INSERT, keys(1), 0);
-    failures += Offer(Call::BATCH_INSERT_OR_UPDATE, keys(4), 1);
-    failures += Offer(Call::BATCH_LOOKUP_OR_INSERT, keys(4), 0);
+    failures += Offer(Call::INSERT_OR_UPDATE, keys(5), 1);
+    failures += Offer(Call::LOOKUP_OR_INSERT, keys(5), 0);
+    GiveUp(keys(1)[0]);
+    GiveUp(keys(1)[0]);
     if (isFilter) {
       const std::vector<long> counted = keys(3);
       failures += Offer(Call::INSERT, {counted[0]}, 1, false);
-      failures += Offer(Call::INSERT_OR_UPDATE, {counted[1]}, 1, false);
-      failures += Offer(Call::LOOKUP_OR_INSERT, {counted[2]}, 1);
-      failures += Offer(Call::BATCH_LOOKUP_OR_INSERT, counted, 1);
-      failures += Offer(Call::BATCH_LOOKUP_OR_INSERT, counted, 2);
+      failures += Offer(Call::LOOKUP_OR_INSERT, counted, 1);
+      failures += Offer(Call::LOOKUP_OR_INSERT, counted, 2);
     }
     if (HasFailure()) {
       break;
     }
   }
   EXPECT_GE(failures, 10U);
+  CheckTable();
+  Offer(Call::INSERT_OR_UPDATE, m_givenUp, 1);
   CheckTable();
   // A cursor.
   KavoHtBatchElement element{};

@@ -159,8 +159,8 @@ class Refusals : public testing::Test {
     CALL(KavoInitHashTable(UNUSED, 8, LEN, 3));
     CALL(KavoInitHashTable(MAPPED, 8, LEN, KAVO_TABLE_TYPE_FILTER));
     CALL(KavoInitHashTable(UNUSED, 1000000, 4294967291, KAVO_TABLE_TYPE_BASIC));
-    for (const auto& [ID, name] : {std::pair{UNUSED, "UNUSED"}, {UNUSED_MAPPED, "UNUSED_MAPPED"}}) {
-      m_id = name;
+    for (const unsigned ID : {UNUSED, UNUSED_MAPPED}) {
+      m_id = ID == UNUSED ? "UNUSED" : "UNUSED_MAPPED";
       CALL(KavoUninitHashTable(ID));
       CALL(KavoSetFilterFreq(ID, 1));
     }
@@ -206,9 +206,9 @@ class Refusals : public testing::Test {
     CALL(KavoLookupOrInsert(UNUSED, -1, &out.value, nullptr, &out.isFind, 0));
     CALL(KavoLookupOrInsert(UNUSED, -1, &out.value, &out.length, nullptr, 0));
     CALL(KavoLookupOrInsert(UNUSED, -1, &out.value, &out.length, &out.isFind, 0));
-    for (const auto& [ID, name] : {std::pair{BASIC, "BASIC"}, {FILTER, "FILTER"}}) {
+    for (const unsigned ID : {BASIC, FILTER}) {
       Title(std::string("Single keys of a ") + (ID == BASIC ? "basic" : "filter") + " table");
-      m_id = name;
+      m_id = ID == BASIC ? "BASIC" : "FILTER";
       unsigned char* stored = nullptr;
       ASSERT_EQ(KAVO_SUCCESS, KavoLookup(ID, KEY, &stored, &out.length));
       CALL(KavoLookup(ID, ABSENT, &out.value, &out.length));

@@ -13,7 +13,7 @@ namespace KavoTest {
 namespace {
 
 constexpr unsigned TABLE = 6;
-constexpr unsigned LEN = 16;
+constexpr unsigned VALUE_LEN = 16;
 constexpr unsigned CELL_BYTES = 16;
 
 KavoTableStats StatsNow() {
@@ -25,16 +25,16 @@ KavoTableStats StatsNow() {
 
 // Their values come from the memory that creation has reserved, as long as there is any.
 void Write(long first, long count) {
-  unsigned char value[LEN] = {};
+  unsigned char value[VALUE_LEN] = {};
   for (long key = first; key < first + count; ++key) {
-    ASSERT_EQ(KAVO_SUCCESS, KavoInsertOrUpdate(TABLE, key, value, LEN, 0));
+    ASSERT_EQ(KAVO_SUCCESS, KavoInsertOrUpdate(TABLE, key, value, VALUE_LEN, 0));
   }
 }
 
 class Stats : public testing::Test {
  protected:
-  void Create(unsigned size, unsigned type = KAVO_TABLE_TYPE_BASIC) {
-    ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(TABLE, size, LEN, type));
+  void Create(unsigned size) {
+    ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(TABLE, size, VALUE_LEN, KAVO_TABLE_TYPE_BASIC));
   }
   void TearDown() override { EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(TABLE)); }
 };
@@ -64,7 +64,7 @@ TEST_P(ThreadStats, ValueBytesAreThoseOfTheKeysWhicheverThreadsInsertedThem) {
   EXPECT_EQ(0U, StatsNow().valueBytes);
   Write(0, 1);
   const unsigned long long block = StatsNow().valueBytes;
-  EXPECT_GE(block, LEN + 4);
+  EXPECT_GE(block, VALUE_LEN + 4);
   for (long keys = 1; keys < SIZE + 4001;) {
     std::thread([&] { Write(keys, GetParam()); }).join();
     keys += GetParam();
@@ -119,27 +119,6 @@ TEST_F(Stats, OverflowMapsAndTheirEntriesAreCounted) {
   EXPECT_GE(StatsNow().mapBytes - one.mapBytes, 99U * 16) << "a key and a record each, at the least";
 }
 
-TEST_F(Stats, FilterRecordsAreKeptApartFromValues) {
-  Create(100, KAVO_TABLE_TYPE_FILTER);
-  const auto count = [](long first, long keys, unsigned occurrences) {
-    unsigned char* address = nullptr;
-    unsigned len = 0;
-    unsigned isFind = 0;
-    for (long key = first; key < first + keys; ++key) {
-      ASSERT_EQ(KAVO_SUCCESS, KavoLookupOrInsert(TABLE, key, &address, &len, &isFind, occurrences));
-    }
-  };
-  count(0, 1, 1);
-  const unsigned long long record = StatsNow().filterRecordBytes;
-  EXPECT_GT(record, 0U);
-  count(1, 499, 1);
-  EXPECT_EQ(500 * record, StatsNow().filterRecordBytes);
-  EXPECT_EQ(0U, StatsNow().valueBytes);
-  count(0, 10, 99);
-  EXPECT_EQ(500 * record, StatsNow().filterRecordBytes);
-  EXPECT_GE(StatsNow().valueBytes, 10U * LEN);
-}
-
 TEST_F(Stats, LinesHeldBackAreCounted) {
   Create(8);
   const int terminal = dup(STDERR_FILENO);
@@ -154,7 +133,7 @@ TEST_F(Stats, LinesHeldBackAreCounted) {
   close(terminal);
   close(nowhere);
   EXPECT_GE(heldBack, 1U);
-  EXPECT_LE(heldBack, 2000U);
+  EXPECT_LE(heldBack, 3000U);
 }
 
 }  // namespace

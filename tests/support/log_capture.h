@@ -6,7 +6,6 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -37,30 +36,19 @@ struct LogLine {
 // Takes apart "[file:line]tid:thread,function(line) : message\r\n". The function may be "operator()".
 inline LogLine ParseLogLine(std::string raw) {
   LogLine parsed;
-  parsed.raw = std::move(raw);
-  const std::string& text = parsed.raw;
-  const auto number = [](const std::string& digits, int& value) {
-    char* end = nullptr;
-    value = static_cast<int>(std::strtol(digits.c_str(), &end, 10));
-    return !digits.empty() && *end == '\0';
-  };
-  constexpr std::size_t NONE = std::string::npos;
-  const std::size_t bracket = text.find("]tid:");
-  const std::size_t colon = bracket == NONE ? NONE : text.rfind(':', bracket);
-  const std::size_t comma = bracket == NONE ? NONE : text.find(',', bracket);
-  const std::size_t frameEnd = comma == NONE ? NONE : text.find(") : ", comma);
-  const std::size_t paren = frameEnd == NONE ? NONE : text.rfind('(', frameEnd);
-  const bool ended = text.size() >= 2 && text.compare(text.size() - 2, 2, "\r\n") == 0;
-  if (text.empty() || text[0] != '[' || colon == NONE || paren == NONE || paren < comma || !ended) {
-    return parsed;
+  char file[64] = "";
+  int functionAt = 0;
+  std::sscanf(raw.c_str(), "[%63[^:]:%d]tid:%d,%n", file, &parsed.line, &parsed.threadId, &functionAt);
+  const auto from = static_cast<std::size_t>(functionAt);
+  const std::size_t frameEnd = raw.find(") : ", from);
+  const std::size_t paren = frameEnd == std::string::npos ? frameEnd : raw.rfind('(', frameEnd);
+  if (from != 0 && paren != std::string::npos && paren >= from && raw.ends_with("\r\n")) {
+    parsed.file = file;
+    parsed.function = raw.substr(from, paren - from);
+    parsed.message = raw.substr(frameEnd + 4, raw.size() - frameEnd - 6);
+    parsed.framed = std::sscanf(raw.c_str() + paren, "(%d)", &parsed.lineAgain) == 1;
   }
-  parsed.file = text.substr(1, colon - 1);
-  parsed.function = text.substr(comma + 1, paren - comma - 1);
-  const std::size_t messageAt = frameEnd + 4;
-  parsed.message = text.substr(messageAt, text.size() - 2 - messageAt);
-  parsed.framed = number(text.substr(colon + 1, bracket - colon - 1), parsed.line) &&
-                  number(text.substr(bracket + 5, comma - bracket - 5), parsed.threadId) &&
-                  number(text.substr(paren + 1, frameEnd - paren - 1), parsed.lineAgain);
+  parsed.raw = std::move(raw);
   return parsed;
 }
 
