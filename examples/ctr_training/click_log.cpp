@@ -10,7 +10,7 @@
 namespace CtrTraining {
 namespace {
 
-constexpr std::size_t BLOCK_ROWS = 256;
+constexpr std::size_t READ_ROWS = 256;
 constexpr std::size_t COLUMNS = 2 + FIELDS;
 
 // Line 1 is the header, so row 0 stands on line 2.
@@ -167,9 +167,9 @@ void ClickLogFile::Rewind() {
 
 std::uint64_t ClickLogFile::ReadLines(std::vector<std::string>& lines) {
   const std::lock_guard lock(m_mutex);
-  lines.resize(BLOCK_ROWS);
+  lines.resize(READ_ROWS);
   std::size_t count = 0;
-  while (count < BLOCK_ROWS && std::getline(m_stream, lines[count])) {
+  while (count < READ_ROWS && std::getline(m_stream, lines[count])) {
     ++count;
   }
   if (m_stream.bad()) {

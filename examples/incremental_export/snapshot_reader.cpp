@@ -7,7 +7,7 @@
 namespace IncrementalExport {
 namespace {
 
-constexpr std::uint64_t BUFFER_BYTES = std::uint64_t{1} << 20;
+constexpr std::uint64_t READ_BYTES = std::uint64_t{1} << 20;
 
 SnapshotHeader ReadHeader(const PosixFile& file) {
   HeaderBytes bytes{};
@@ -75,7 +75,7 @@ void SnapshotReader::Read(unsigned char* bytes, std::size_t count) {
 }
 
 void SnapshotReader::Refill() {
-  m_buffer.resize(static_cast<std::size_t>(std::min(BUFFER_BYTES, m_header.FileBytes() - m_offset)));
+  m_buffer.resize(static_cast<std::size_t>(std::min(READ_BYTES, m_header.FileBytes() - m_offset)));
   m_position = 0;
   if (m_file.ReadAt(m_offset, m_buffer.data(), m_buffer.size()) < m_buffer.size()) {
     throw SnapshotError(Path(), "was made shorter while it was read");

@@ -24,7 +24,8 @@ std::set<std::string> FunctionsOf(const char* header) {
 }
 
 std::set<std::string> DynamicSymbolsOf(const char* library) {
-  const std::string command = std::string(KAVO_NM) + " -D --defined-only " + library;
+  std::string command = KAVO_NM " -D --defined-only ";
+  command += library;
   std::set<std::string> names;
   FILE* const pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) {

@@ -1,6 +1,5 @@
 // The runner's calls on many keys. To the model a batch is a sequence of single calls.
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -19,7 +18,7 @@ std::vector<long> CallRunner::KeysFor(const Call& call) const {
     keys[i] = KeyFor(call, i % period);
   }
   if (call.kind == LAST_IS_NEGATIVE) {
-    keys.back() |= LONG_MIN;
+    keys.back() = -1 - keys.back();
   }
   return keys;
 }

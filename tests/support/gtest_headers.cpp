@@ -1,0 +1,1 @@
+// Nothing: the target needs a source, to precompile its headers for others.
