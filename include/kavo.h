@@ -7,12 +7,31 @@
  *
  * This header is the manual of libkavo_base.so: what is not said here is not promised. It compiles as C11 and as C++.
  *
+ * CONTENTS
+ *
+ *   CONVENTIONS            status, log lines, keys, ids, lengths, addresses
+ *   THREADS                what the caller sees to, what concurrent calls may count on, which calls may run at once
+ *   VERSION                KAVO_VERSION, KavoVersion
+ *   STATUS CODES           KAVO_SUCCESS and the failures
+ *   TABLES                 KavoInitHashTable, KavoUninitHashTable, KavoSetRehashMode
+ *   KEYS AND VALUES        KavoLookup, KavoLookupForUpdate, KavoUpdate, KavoInsert, KavoInsertOrUpdate,
+ *                          KavoLookupOrInsert
+ *   FILTER TABLES          what they are, KavoSetFilterFreq
+ *   MANY KEYS AT ONCE      KavoBatchLookup, KavoBatchGather, KavoBatchLookupOrInsert, KavoBatchInsertOrUpdate
+ *   VALUES BEFORE KEYS     KavoPrepareMemForValues, KavoGetMemForValue
+ *   PARTITION MAP          InitPartitionMap, UninitPartitionMap, QueryPartitionMapPsId, GetBatchPsIds
+ *   EXPORT                 KavoGetHtSizeAndVl, KavoBatchGetNext
+ *   STATISTICS             KavoGetTableStats
+ *   LOGGING                levels, bound, catalogue of log lines, KavoSetLogSink
+ *
  * CONVENTIONS
  *
  *  1. Status. Every table function returns a status code (below): 0 on success, negative on failure. Only the codes
  *     listed with a function are returned by it. No function throws; no function ends the process.
- *  2. Failures are also logged (see LOGGING): the layer that fails writes the cause, then the function writes one
- *     summary line. A failed argument check writes one line. A key that is absent is a failure in this sense.
+ *  2. Failures are also logged (see LOGGING): the layer that fails writes a log line with the cause, then the function
+ *     writes a summary. A failed argument check writes one log line. A key that is absent is a failure in this sense.
+ *     A call that succeeds may have logged a failure as well: an insert that stored its key, and then could not make
+ *     the larger table that further keys will need.
  *  3. Keys lie between 0 and 2^63 - 1. A negative key is refused with KAVO_INVALID. A key's bucket is given by the
  *     low bits of its lowest 32 bits, and keys are not mixed further: keys that agree in those bits share a bucket and
  *     are slow, so hash keys that are not already well spread.
@@ -44,9 +63,32 @@
  *    address.
  *  - A lookup or update that starts after an insert of the key has returned finds the key.
  *  - A lookup that runs beside the first insert of its key finds it or answers KAVO_INVALID.
- *  - Lookups take no lock and wait for nobody, except for a reader-writer lock of the key's bucket in the rare bucket
- *    whose keys outgrew its cells. Inserts wait only for another thread's insert or admission of the same key, for a
- *    bucket that is being moved to a larger table, or, when the table is full, for its growth, in which they help.
+ *  - Lookups take no lock and wait for nobody, but for two reader-writer locks, both taken shared: that of the key's
+ *    bucket, in the rare bucket whose keys outgrew its cells; and for an id of 1024 or above, while the table is looked
+ *    up, the registry's, which creations and destructions hold exclusively for a moment. Inserts wait only for another
+ *    thread's insert or admission of the same key, for a bucket that is being moved to a larger table, or, when the
+ *    table is full, for its growth, in which they help.
+ *
+ *  Which calls on one table id may run at once. Calls on different ids, and those of the partition map, always may.
+ *
+ *                 L  I  E  S  R  G  P  C  D
+ *    L lookups    +  +  +  +  +  +  -  +  -   KavoLookup, KavoLookupForUpdate, KavoUpdate, KavoBatchLookup,
+ *                                             KavoBatchGather
+ *    I inserts    +  +  1  +  -  2  -  +  -   KavoInsert, KavoInsertOrUpdate, KavoLookupOrInsert,
+ *                                             KavoBatchLookupOrInsert, KavoBatchInsertOrUpdate
+ *    E export     +  1  3  +  +  +  -  +  -   KavoBatchGetNext, KavoGetHtSizeAndVl
+ *    S settings   +  +  +  +  +  +  -  +  -   KavoSetFilterFreq, KavoGetTableStats
+ *    R growth     +  -  +  +  +  +  -  +  -   KavoSetRehashMode
+ *    G fetching   +  2  +  +  +  4  -  +  -   KavoGetMemForValue
+ *    P preparing  -  -  -  -  -  -  -  +  -   KavoPrepareMemForValues
+ *    C creation   +  +  +  +  +  +  +  +  -   KavoInitHashTable: the others get KAVO_INVALID until it is done
+ *    D end        -  -  -  -  -  -  -  -  -   KavoUninitHashTable
+ *
+ *    1  Safe, but no insert of a new key may run from the first call of an iteration to its last, or it gives what is
+ *       said under EXPORT; the number of entries is approximate.
+ *    2  Values are to be written before keys that might adopt them are inserted; see VALUES BEFORE KEYS.
+ *    3  One thread a cursor. Marking exports compete for the entries that they mark.
+ *    4  One thread an index.
  *
  *  The library starts no threads; growth is done by the inserting threads. It may be loaded with dlopen; after dlclose
  *  it stays in the process until every thread has ended that inserted into a table whose id is 1024 or above. A thread
@@ -65,6 +107,25 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
+#ifdef __cplusplus
+static_assert(sizeof(long) == 8, "keys are 64-bit");
+#else
+_Static_assert(sizeof(long) == 8, "keys are 64-bit");
+#endif
+
+/* VERSION
+ *
+ * Of this header: KAVO_VERSION is MAJOR * 1,000,000 + MINOR * 1,000 + PATCH. MAJOR changes with what hosts relied on,
+ * MINOR with what is added, PATCH with corrections; while MAJOR is 0, MINOR stands for both.
+ */
+#define KAVO_VERSION_MAJOR 0
+#define KAVO_VERSION_MINOR 1
+#define KAVO_VERSION_PATCH 0
+#define KAVO_VERSION (KAVO_VERSION_MAJOR * 1000000 + KAVO_VERSION_MINOR * 1000 + KAVO_VERSION_PATCH)
+
+/* The KAVO_VERSION of the header with which the library was built that is loaded. Cannot fail. */
+int KavoVersion(void);
+
 /* STATUS CODES */
 
 #define KAVO_SUCCESS 0        /* Done. */
@@ -75,6 +136,9 @@ extern "C" {
 #define KAVO_UNSUPPORTED (-6) /* A table of a kind that the call does not handle, or no partition map to remove. */
 
 /*
+ * The numbers are fixed, as hosts compare with them. -5 is none of them and is never returned: no failure of this
+ * library is of a further sort, and the number that follows does not move up.
+ *
  * KAVO_FAILED: a wait for another thread passed its limit, or a lock reported an error; or no partition map is
  * installed for a query, or another one than is offered.
  *
@@ -297,8 +361,8 @@ int KavoSetFilterFreq(unsigned int tableId, unsigned int freq);
  *  - A batch is not atomic: other threads may see a part of it done, and their calls may take effect between its keys.
  *    What concurrent calls may count on (see THREADS) holds for each key by itself.
  *  - Before anything else all arguments are checked, all keys included: a call that is refused with KAVO_INVALID has
- *    done nothing. The line for a negative key names the index of the first.
- *  - An absent key is no failure in a batch, and writes no line.
+ *    done nothing. The log line for a negative key names the index of the first.
+ *  - An absent key is no failure in a batch, and writes no log line.
  *  - Arrays are the caller's, are not kept, and must not overlap each other nor the values of the table. What is said
  *    to have `num` elements must have room for all of them.
  */
@@ -473,7 +537,7 @@ int KavoGetMemForValue(unsigned int tableId, unsigned long long index, unsigned 
  *
  * Returns KAVO_SUCCESS;
  *   KAVO_INVALID    `partitionNum` or `psNum` is 0, or `psId` is null;
- *   KAVO_EXISTS     exactly this map is installed already: same number, same ids, same order (a warning line);
+ *   KAVO_EXISTS     exactly this map is installed already: same number, same ids, same order (logged as a warning);
  *   KAVO_FAILED     another map is installed, or a lock reported an error;
  *   KAVO_NO_MEMORY  no memory for the list.
  * On failure the installed map, if there is one, is untouched.
@@ -484,7 +548,7 @@ int InitPartitionMap(unsigned int partitionNum, unsigned int psNum, const unsign
  * Removes the map. Queries that begin after that fail, until the next InitPartitionMap.
  *
  * Returns KAVO_SUCCESS;
- *   KAVO_UNSUPPORTED  no map is installed (a warning line);
+ *   KAVO_UNSUPPORTED  no map is installed (logged as a warning);
  *   KAVO_FAILED       a lock reported an error.
  */
 int UninitPartitionMap(void);
@@ -543,11 +607,13 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
  *    The array, its capacity and the mode may differ from call to call.
  *  - The last entry of a full batch is looked at again by the next call, and reported a second time, as its first
  *    element, if it still meets the mode. The example leaves the repeated element out. A marking export must not: an
- *    entry that it reports again was changed meanwhile, or has no value. With `eleNum` 1 there is no repetition.
+ *    entry that it reports again was changed meanwhile, or has no value. With `eleNum` 1 there is no repetition, but for the
+ *    first batch of one after a full batch of several: it looks at that one's last entry again.
  *  - Apart from that each entry is reported once, in no particular order, and every key whose insert has completed is,
  *    if it meets the mode. Iterations between which nothing was inserted go over the entries in the same order.
  *  - No insert of a new key may run on the table from an iteration's first call to its last. One that does no less is
- *    safe, but its key may be reported or not, and others twice. Lookups and updates may run.
+ *    safe: no key is missed whose insert had completed when the iteration began; but one that a growth moves meanwhile
+ *    may be reported twice, and the new key may be reported or not. Lookups and updates may run.
  *  - A cursor belongs to the table. It is freed when its iteration ends, and otherwise with the table: an iteration
  *    may be given up at any time without a call, and leaves some hundred bytes until then; and the table, should it
  *    grow, keeps the memory of its smaller forms while any cursor is open. What is not a cursor of the table, or not
@@ -645,16 +711,17 @@ int KavoBatchGetNext(unsigned int tableId, KavoHtBatchInfo* batchInfo, unsigned 
  *
  *   size                 in: sizeof(KavoTableStats), as the caller knows it. Out: how many bytes were filled.
  *   cellBytes            cells of the generations in use.
- *   leftCellBytes        cells of generations that were left and are not yet given back to the system, which further
- *                        inserts of new keys do bit by bit.
+ *   leftCellBytes        cells of retired generations, those that growth has emptied and passed, which are not yet
+ *                        given back to the system; further inserts of new keys do that bit by bit.
  *   valueBytes           values that keys have, with export state and padding. Of the memory that was reserved at
  *                        creation the used part is found by a search, which is exact unless more than 256 threads have
  *                        inserted, or prepared values were fetched with gaps.
  *   stockBytes           memory for values, and for the records of filter tables, that no key has yet.
- *   mapBytes             overflow maps of buckets whose keys outgrew their cells. Those of generations that were left
- *                        stay until the table is destroyed.
+ *   mapBytes             overflow maps of buckets whose keys outgrew their cells. Those of retired generations stay
+ *                        until the table is destroyed.
  *   filterRecordBytes    filter tables: the records of all keys.
- *   generations          generations in use: 1, or more while the table grows.
+ *   generations          generations in use: the arrays of cells, each twice as large as the one before, in which
+ *                        entries may lie. 1, or more while the table grows.
  *   growths              larger generations that were added since the table was created.
  *   maps                 overflow maps, as in mapBytes.
  *   movedEntries         entries that growths have copied since then; one that moved twice counts twice.
@@ -693,7 +760,7 @@ int KavoGetTableStats(unsigned int tableId, KavoTableStats* stats);
 
 /* LOGGING
  *
- * By default lines go to standard error, each in one write. Two environment variables are read once, at load:
+ * By default log lines go to standard error, each in one write. Two environment variables are read once, at load:
  *
  *   KAVO_LOG_LEVEL  the least severe level written: debug, info, warn (the default) or error, which shows error and
  *                   event lines; off shows nothing.
@@ -703,7 +770,9 @@ int KavoGetTableStats(unsigned int tableId, KavoTableStats* stats);
  *                   reported under its name: with the next log line of any statement, ten times a second at most;
  *                   when a sink is installed; and at unload.
  *
- * Every line reads "[file:line]tid:thread,function(line) : message" and ends in "\r\n".
+ * Every log line reads "[file:line]tid:thread,function(line) : message" and ends in "\r\n". Hosts may match on the
+ * function and the message: they stay as they are. The numbers of lines change with the source. The catalogue of log
+ * lines, call by call, is tests/interface/refusals.txt of the source.
  */
 
 #define KAVO_LOG_LEVEL_DEBUG 0
@@ -712,7 +781,7 @@ int KavoGetTableStats(unsigned int tableId, KavoTableStats* stats);
 #define KAVO_LOG_LEVEL_ERROR 3
 #define KAVO_LOG_LEVEL_EVENT 4 /* Allocation failures. */
 
-/* A host's own logger. Error, event, warning and info lines come on channel 0x100003D, debug lines on 0x1003D. */
+/* A host's own logger. Debug lines come on channel 0x1003D, all others on 0x100003D. */
 typedef struct KavoLogSink {
   /* Whether lines of this level are wanted: 1 yes, anything else no. Asked before debug, info and warning lines only;
      error and event lines are always written. Null means yes for info and warning lines and no for debug lines. */
@@ -724,13 +793,13 @@ typedef struct KavoLogSink {
 } KavoLogSink;
 
 /*
- * Sends all further lines to the host's own logger, without any bound; null brings back the default. The struct is
+ * Sends all further log lines to the host's own logger, without any bound; null brings back the default. The struct is
  * copied. When this returns, no thread is inside the previous sink any more, and its context may be freed.
  *
  * The two functions are called on whatever thread has something to log, several at a time, at times with a lock of the
  * library held: they must not call into the library, nor throw, nor leave by a non-local jump.
  *
- * Returns KAVO_SUCCESS; KAVO_INVALID when `write` is null, and then logs a line and changes nothing.
+ * Returns KAVO_SUCCESS; KAVO_INVALID when `write` is null, which is logged and changes nothing.
  *
  * Threads: safe beside every other call.
  */

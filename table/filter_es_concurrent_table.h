@@ -149,11 +149,12 @@ class FilterEsConcurrentTable final : private FilterRecords,
   mutable Atomic<std::uint32_t> m_filterThreshold{99};
 };
 
-// A step that makes a filter record logs a failed allocation under its own name.
-#define KAVO_CATCH_NO_RECORD                                                                 \
-  catch (const std::exception& error) {                                                      \
-    KAVO_LOG_EVENT(TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", error.what()); \
-    return static_cast<int>(KAVO_NO_MEMORY);                                                 \
+// A step that makes a filter record logs a failed allocation under its own name; that of a step without one is
+// operator(), which hosts match on.
+#define KAVO_CATCH_NO_RECORD(function)                                                                    \
+  catch (const std::exception& error) {                                                                   \
+    KAVO_LOG_EVENT_AS(function, TABLE_LOG_UNIT, "make_unique failed, exception caught:%s", error.what()); \
+    return static_cast<int>(KAVO_NO_MEMORY);                                                              \
   }
 
 // The record first, then the block: a block is taken only when nothing but it is missing. Throws std::bad_alloc.
@@ -190,7 +191,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::AssignFilter
   try {
     return MakeRecord(value, info, info.rawPtr != nullptr);
   }
-  KAVO_CATCH_NO_RECORD
+  KAVO_CATCH_NO_RECORD(__func__)
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
@@ -220,7 +221,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind
         try {
           return MakeRecord(value, info, true);
         }
-        KAVO_CATCH_NO_RECORD  // NOLINT(bugprone-lambda-function-name): what hosts know from the log
+        KAVO_CATCH_NO_RECORD("operator()")
       },
       [&info](FilterRecord& record) {
         info.rawPtr = VTraits::Block(record);
@@ -235,7 +236,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind
     try {
       return MakeRecord(value, info, info.filterCount > Threshold());
     }
-    KAVO_CATCH_NO_RECORD  // NOLINT(bugprone-lambda-function-name): what hosts know from the log
+    KAVO_CATCH_NO_RECORD("operator()")
   };
   // Runs once in a call: the hash table waits by itself for a record that is not there yet. So the call counts once.
   const auto onFound = [this, &info](FilterRecord& record) {

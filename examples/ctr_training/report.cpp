@@ -14,12 +14,13 @@ namespace {
 
 constexpr double MIB = 1024.0 * 1024.0;
 
-// The share of the gap that the model is meant to close, by the number of rows; none for shorter logs.
+// The share of the gap that the model is meant to close, by the number of rows; none for shorter logs. Of 60,000 rows it
+// closes 45 to 58 % (seeds 1 to 9), and up to 44 % when vectors or weights do not learn.
 std::optional<double> GoalFor(std::uint64_t rows) {
   if (rows >= 1'000'000) {
     return 0.70;
   }
-  return rows >= 50'000 ? std::optional(0.40) : std::nullopt;
+  return rows >= 50'000 ? std::optional(0.44) : std::nullopt;
 }
 
 // Of the way from the constant rate to the true model, how much the trained model went. None where that is not known.

@@ -39,6 +39,7 @@ int main(void) {
   KavoTableStats stats;
   void* iter = NULL;
 
+  CHECK(KavoVersion() == KAVO_VERSION);
   CHECK(KavoSetLogSink(&sink) == KAVO_SUCCESS);
   CHECK(KavoInitHashTable(TABLE, 100, LEN, KAVO_TABLE_TYPE_BASIC) == KAVO_SUCCESS);
   CHECK(KavoSetRehashMode(TABLE, KAVO_REHASH_GRADUAL) == KAVO_SUCCESS);

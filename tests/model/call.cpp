@@ -60,13 +60,6 @@ T Pick(const T (&choices)[N], unsigned char byte) {
   return choices[byte % N];
 }
 
-// What the calls of one sequence have in common.
-struct Profile {
-  KeyFamily families[2];
-  unsigned pool;      // so many keys of each family
-  unsigned mostKeys;  // of one call
-};
-
 // A one-to-one mixing function.
 unsigned long long Mix(unsigned long long x) {
   x += 0x9E3779B97F4A7C15ULL;
@@ -206,6 +199,8 @@ Profile Begin(const unsigned char* head, Sequence& sequence) {
   return profile;
 }
 
+}  // namespace
+
 Call DecodeCall(const Profile& profile, const unsigned char* bytes) {
   constexpr unsigned TOO_LONG[]{1, ~0U, 1U << 31};
   constexpr unsigned TABLES[]{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 2};
@@ -264,12 +259,10 @@ Call DecodeCall(const Profile& profile, const unsigned char* bytes) {
       break;
     default:
       call.number = call.function == Function::SET_FILTER_FREQ ? Pick(FREQUENCIES, bytes[7]) : call.number;
-      call.count = call.function <= Function::LOOKUP_OR_INSERT || IsBatch(call.function) ? call.count : 1;
+      call.count = IsOnKeys(call.function) ? call.count : 1;
   }
   return call;
 }
-
-}  // namespace
 
 Sequence DecodeCalls(const unsigned char* data, std::size_t size) {
   Sequence sequence;

@@ -45,6 +45,15 @@ constexpr bool IsBatch(Function function) {
   return function >= Function::BATCH_LOOKUP && function <= Function::BATCH_INSERT_OR_UPDATE;
 }
 
+// Whether the function is a call on keys, and may make them.
+constexpr bool IsOnKeys(Function function) {
+  return function <= Function::LOOKUP_OR_INSERT || IsBatch(function);
+}
+constexpr bool MayInsert(Function function) {
+  return IsOnKeys(function) && function != Function::UPDATE && function > Function::LOOKUP_FOR_UPDATE &&
+         function != Function::BATCH_LOOKUP && function != Function::BATCH_GATHER;
+}
+
 // Keys come from families, so that calls meet each other's keys, and meet in buckets. Families overlap.
 enum class KeyFamily : unsigned char {
   DENSE,
@@ -91,6 +100,13 @@ struct Call {
 
 using Sequence = std::vector<Call>;
 
+// What calls made from random bytes have in common.
+struct Profile {
+  KeyFamily families[2];
+  unsigned pool;      // so many keys of each family
+  unsigned mostKeys;  // of one call
+};
+
 std::ostream& operator<<(std::ostream& out, const Call& call);
 
 // Any byte string is a sequence of calls: the first CALL_BYTES say which tables there are and which keys are used, each
@@ -99,6 +115,7 @@ std::ostream& operator<<(std::ostream& out, const Call& call);
 // Weighted so that calls meet, many sequences grow a table several times, and many fill the reach of a bucket, which
 // then gets an overflow map.
 inline constexpr std::size_t CALL_BYTES = 12;
+Call DecodeCall(const Profile& profile, const unsigned char* bytes);
 Sequence DecodeCalls(const unsigned char* data, std::size_t size);
 
 }  // namespace KavoTest

@@ -1,5 +1,6 @@
 // The runner's calls on many keys. To the model a batch is a sequence of single calls.
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -18,7 +19,7 @@ std::vector<long> CallRunner::KeysFor(const Call& call) const {
     keys[i] = KeyFor(call, i % period);
   }
   if (call.kind == LAST_IS_NEGATIVE) {
-    keys.back() = -1 - keys.back();
+    keys.back() |= LONG_MIN;
   }
   return keys;
 }

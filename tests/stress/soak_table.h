@@ -6,13 +6,13 @@
 // key, and a counter) is accessed by atomic operations.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <random>
 #include <shared_mutex>
-#include <string>
 #include <vector>
 
 #include "model/call_runner.h"
@@ -24,39 +24,24 @@ using Random = std::mt19937_64;
 struct SoakTotals {
   std::atomic<unsigned long long> calls{0};
   std::atomic<unsigned long long> tables{0};
-  std::atomic<unsigned long long> exports{0};
   std::atomic<unsigned long long> growths{0};
   std::atomic<unsigned> mismatches{0};
-
-  // Says what is wrong, the first few times.
-  void Expect(bool right, const std::string& what);
 };
 
 class SoakTable {
  public:
-  // At most `keys`, half of them shared.
+  // At most about `keys`, half of them shared.
   SoakTable(unsigned place, unsigned threads, std::size_t keys, SoakTotals& totals);
   SoakTable(const SoakTable&) = delete;
   SoakTable& operator=(const SoakTable&) = delete;
 
-  // Some hundred calls, or one that concerns the table as a whole.
+  // Some hundred calls, or one that concerns the table as a whole. Throws Mismatch.
   void Visit(unsigned thread, Random& random);
 
   // Checks and destroys the table. When no thread visits any more.
   void End();
 
  private:
-  struct Shape {
-    unsigned id = 0;
-    unsigned type = KAVO_TABLE_TYPE_BASIC;
-    unsigned size = 0;
-    unsigned valueLen = 0;
-    unsigned frequency = 0;  // of a filter table
-    KeyFamily family = KeyFamily::DENSE;
-    unsigned firstIndex = 0;
-    std::size_t ownedGoal = 0;  // of each thread
-    std::size_t sharedGoal = 0;
-  };
   struct Shared {
     std::atomic<unsigned char*> address{nullptr};
     std::atomic<std::uint32_t> offersBegun{0};  // occurrences
@@ -64,31 +49,20 @@ class SoakTable {
     std::atomic<std::uint32_t> creators{0};
     std::atomic<std::uint32_t> increments{0};  // of the counter
   };
-  struct Offer {
-    std::size_t n;
-    bool known;  // with a value, before the call
-    std::uint32_t offers;
-  };
 
   void Begin(Random& random);
-  void Prepare(std::size_t most);
+  void Work(unsigned thread, bool inserts, Random& random);
   void CallOnOwned(unsigned thread, bool inserts, Random& random);
   void OfferShared(Random& random);
-  void CheckOffer(const Offer& offer, unsigned occurrences, int ret, unsigned char* address, unsigned isFind);
   void LookUpShared(Random& random);
   void SeeShared(std::size_t n, unsigned char* address);
-  // The number of different keys that a full export gives; may be given up when it is only to run beside inserts.
-  std::size_t Export(Random& random, bool mayBeGivenUp);
-  void CheckAll();
-  void CheckShared(ModelTable& whole);
+  void CheckSize();
+  void WalkBesideInserts();
 
-  ModelEntries& OwnedBy(unsigned thread) { return m_runners[thread]->Model().Table(m_shape.id)->entries; }
-  std::size_t SharedBegun() const { return std::min(m_sharedBegun.load(), m_shape.sharedGoal); }
-  ModelTable EmptyModel() const;
-  bool IsFilter() const { return m_shape.type == KAVO_TABLE_TYPE_FILTER; }
-  unsigned Shares() const { return m_threads + 1; }
+  ModelEntries& OwnedBy(unsigned thread) { return m_runners[thread]->Model().Table(m_id)->entries; }
+  std::size_t SharedBegun() const { return std::min(m_sharedBegun.load(), m_sharedGoal); }
+  unsigned Frequency() const { return m_shape.threshold + 1; }
   long SharedKey(std::size_t n) const;
-  void Expect(bool right, const char* what, long key) const;
 
   const unsigned m_place;
   const unsigned m_threads;
@@ -96,13 +70,19 @@ class SoakTable {
   SoakTotals& m_totals;
   std::shared_mutex m_life;       // shared: calls on the table; exclusive: its beginning and its end
   std::shared_mutex m_inserting;  // shared: inserts of new keys; exclusive: what must not run beside them
-  Shape m_shape;                  // guarded by m_life, as is the next
+  // Set at the table's beginning.
   bool m_alive = false;
+  unsigned m_id = 0;
+  ModelTable m_shape{KAVO_TABLE_TYPE_BASIC, 0, 0};  // without entries
+  KeyFamily m_family = KeyFamily::DENSE;
+  unsigned m_firstIndex = 0;
+  std::size_t m_ownedGoal = 0;  // of each thread
+  std::size_t m_sharedGoal = 0;
+
   std::atomic<bool> m_full{false};
   std::vector<std::unique_ptr<CallRunner>> m_runners;  // by thread
   std::vector<Shared> m_shared;
   std::atomic<std::size_t> m_sharedBegun{0};
-  std::size_t m_prepared = 0;  // shared keys that adopted values
 };
 
 }  // namespace KavoTest
