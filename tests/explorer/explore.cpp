@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <random>
 #include <sstream>
 #include <unordered_map>
@@ -217,41 +215,11 @@ std::string StepsText(const std::vector<Step>& steps, const ScenarioRun& run) {
   return text.str();
 }
 
-// A run that ends the process tells its schedule before that.
-constinit const Scheduler* g_running = nullptr;
-constexpr int FATAL_SIGNALS[] = {SIGSEGV, SIGBUS, SIGABRT};
-struct sigaction g_actionsBefore[std::size(FATAL_SIGNALS)];
-
-void TellSchedule(int signal) {
-  if (g_running != nullptr) {
-    std::fprintf(stderr, "schedule, for KAVO_EXPLORE_REPLAY: \"%s\"\n", ScheduleText(g_running->Choices()).c_str());
-    g_running = nullptr;
-  }
-  const auto* const place = std::find(std::begin(FATAL_SIGNALS), std::end(FATAL_SIGNALS), signal);
-  ::sigaction(signal, &g_actionsBefore[place - std::begin(FATAL_SIGNALS)], nullptr);  // and it comes again
-}
-
-void WatchForSignals() {
-  static const bool done = [] {
-    struct sigaction action {};
-    action.sa_handler = &TellSchedule;
-    for (std::size_t i = 0; i < std::size(FATAL_SIGNALS); ++i) {
-      ::sigaction(FATAL_SIGNALS[i], &action, &g_actionsBefore[i]);
-    }
-    return true;
-  }();
-  static_cast<void>(done);
-}
-
 class Exploration {
  public:
   explicit Exploration(const std::function<std::unique_ptr<ScenarioRun>()>& make)
-      : m_make(make), m_scheduler(std::make_unique<Scheduler>()) {
-    WatchForSignals();
-    g_running = m_scheduler.get();
-  }
+      : m_make(make), m_scheduler(std::make_unique<Scheduler>()) {}
   ~Exploration() {
-    g_running = nullptr;
     if (m_scheduler->IsStuck()) {
       static_cast<void>(m_scheduler.release());  // its threads still use it
     }

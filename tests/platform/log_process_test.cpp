@@ -1,19 +1,152 @@
-// The default writer, seen from outside: a child process logs into a pipe.
+// The default writer, seen from outside. It is set up while the library is loaded, so each scenario is a process of its
+// own: this program once more, which logs into a pipe as KAVO_TEST_CHILD says before it comes to any test.
 #include <gtest/gtest.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/log.h"
+#include "platform/log_sink.h"
+#include "platform/test_hooks.h"
 #include "support/log_capture.h"
 
 namespace {
+
+constexpr char CHILD_UNIT[] = "unit.cpp";
+
+void Levels() {
+  KAVO_LOG_DEBUG(CHILD_UNIT, "debug");
+  KAVO_LOG_INFO(CHILD_UNIT, "info");
+  KAVO_LOG_WARN(CHILD_UNIT, "warn");
+  KAVO_LOG_ERROR(CHILD_UNIT, "error");
+  KAVO_LOG_EVENT(CHILD_UNIT, "event");
+}
+
+void Fire(int number, const std::string& text = {}) {
+  KAVO_LOG_ERROR(CHILD_UNIT, "fire %d %s", number, text.c_str());
+}
+
+template <class Work>
+void InFourThreads(Work work) {
+  std::vector<std::thread> threads;
+  for (int t = 1; t < 4; ++t) {
+    threads.emplace_back(work, t);
+  }
+  work(0);  // signals of the process come to this one
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// Prints: lines held back so far, nanoseconds from before the first line to after the last.
+void Flood() {
+  const auto start = std::chrono::steady_clock::now();
+  InFourThreads([](int) {
+    for (int i = 0; i < 3000; ++i) {
+      Fire(i);
+    }
+  });
+  const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - start;
+  std::printf("%llu %lld\n", Qen::LogLinesHeldBack(), static_cast<long long>(elapsed.count()));
+}
+
+void FireUntilHeldBack() {
+  for (const unsigned long long before = Qen::LogLinesHeldBack(); Qen::LogLinesHeldBack() == before;) {
+    Fire(0);
+  }
+}
+
+// Holds back a line before another statement writes one, before a sink is installed, and before the end.
+void HoldBack() {
+  FireUntilHeldBack();
+  KAVO_LOG_ERROR(CHILD_UNIT, "other");
+  FireUntilHeldBack();
+  const KavoLogSink sink{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
+  Qen::SetLogSink(&sink);
+  Qen::SetLogSink(nullptr);
+  KAVO_LOG_ERROR(CHILD_UNIT, "sink was installed");
+  FireUntilHeldBack();
+}
+
+// Lines of all lengths about the writer's buffer, from four threads, while signals interrupt the writes. Prints how
+// many of them came.
+std::atomic<int> g_alarms{0};
+
+void Threads() {
+  struct sigaction action {};
+  action.sa_handler = [](int) { ++g_alarms; };
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval often{{0, 1000}, {0, 1000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  InFourThreads([](int t) {
+    for (int i = 0; i < 500; ++i) {
+      Fire(1000 * t + i, std::string(static_cast<std::size_t>(800 + i), 'x'));
+    }
+  });
+  const itimerval off{};
+  setitimer(ITIMER_REAL, &off, nullptr);
+  std::printf("%d\n", g_alarms.load());
+}
+
+void LongWithoutMemory() {
+  const std::string text(5000, 'x');
+  Qen::TestHooks::FailAllocation(1);
+  Fire(1, text);
+  std::printf("%llu\n", Qen::TestHooks::AllocationFailures());
+}
+
+// Prints: errno after a line into a broken pipe, whether SIGPIPE is pending, whether it is blocked.
+void BrokenPipe(bool hostBlocks) {
+  int ends[2];
+  if (::pipe(ends) != 0) {
+    std::abort();
+  }
+  ::close(ends[0]);
+  ::dup2(ends[1], STDERR_FILENO);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  if (hostBlocks) {
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  }
+  errno = ENOENT;
+  Fire(1);
+  const int after = errno;
+  sigset_t mask;
+  sigpending(&set);
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  std::printf("%d %d %d\n", after, sigismember(&set, SIGPIPE), sigismember(&mask, SIGPIPE));
+}
+
+[[maybe_unused]] const bool g_isTest = [] {
+  const std::map<std::string, void (*)()> scenarios = {{"levels", &Levels},
+                                                       {"flood", &Flood},
+                                                       {"hold back", &HoldBack},
+                                                       {"threads", &Threads},
+                                                       {"no memory", &LongWithoutMemory},
+                                                       {"broken pipe", [] { BrokenPipe(false); }},
+                                                       {"broken pipe, blocked", [] { BrokenPipe(true); }}};
+  if (const char* const scenario = std::getenv("KAVO_TEST_CHILD")) {
+    scenarios.at(scenario)();
+    std::exit(0);
+  }
+  return true;
+}();
 
 using Texts = std::vector<std::string>;
 
@@ -25,8 +158,8 @@ struct ChildRun {
 
 // The reader is slow at first, so that writes block.
 ChildRun RunChild(const std::string& scenario, const std::string& setting = {}) {
-  const std::string command =
-      "env -u KAVO_LOG_LEVEL -u KAVO_LOG_RATE " + setting + ' ' + LOG_CHILD + " '" + scenario + "' 2>&1";
+  const std::string command = "env -u KAVO_LOG_LEVEL -u KAVO_LOG_RATE KAVO_TEST_CHILD='" + scenario + "' " + setting +
+                              ' ' + std::filesystem::read_symlink("/proc/self/exe").string() + " 2>&1";
   std::FILE* const pipe = ::popen(command.c_str(), "r");
   std::string text;
   std::array<char, 4096> buffer{};
