@@ -607,8 +607,8 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
  *    The array, its capacity and the mode may differ from call to call.
  *  - The last entry of a full batch is looked at again by the next call, and reported a second time, as its first
  *    element, if it still meets the mode. The example leaves the repeated element out. A marking export must not: an
- *    entry that it reports again was changed meanwhile, or has no value. With `eleNum` 1 there is no repetition, but for the
- *    first batch of one after a full batch of several: it looks at that one's last entry again.
+ *    entry that it reports again was changed meanwhile, or has no value. With `eleNum` 1 there is no repetition, but
+ * for the first batch of one after a full batch of several: it looks at that one's last entry again.
  *  - Apart from that each entry is reported once, in no particular order, and every key whose insert has completed is,
  *    if it meets the mode. Iterations between which nothing was inserted go over the entries in the same order.
  *  - No insert of a new key may run on the table from an iteration's first call to its last. One that does no less is

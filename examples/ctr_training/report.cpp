@@ -14,8 +14,8 @@ namespace {
 
 constexpr double MIB = 1024.0 * 1024.0;
 
-// The share of the gap that the model is meant to close, by the number of rows; none for shorter logs. Of 60,000 rows it
-// closes 45 to 58 % (seeds 1 to 9), and up to 44 % when vectors or weights do not learn.
+// The share of the gap that the model is meant to close, by the number of rows; none for shorter logs. Of 60,000 rows
+// it closes 45 to 58 % (seeds 1 to 9), and up to 44 % when vectors or weights do not learn.
 std::optional<double> GoalFor(std::uint64_t rows) {
   if (rows >= 1'000'000) {
     return 0.70;

@@ -50,17 +50,17 @@ TEST_P(ValueLengths, BytesAndAddressesOutliveGrowth) {
 
 // From their own address bytes may come; such as overlap it otherwise are not copied, and leave zeros.
 TEST(Values, OverlappingBytesZeroTheValueAndTheOwnAddressKeepsIt) {
-  constexpr unsigned LEN = 24;
-  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(1, 8, LEN, KAVO_TABLE_TYPE_BASIC));
-  auto value = ValueOf(1, LEN);
-  const auto update = [](unsigned char* bytes) { return KavoUpdate(1, 1, bytes, LEN); };
-  const auto insertOrUpdate = [](unsigned char* bytes) { return KavoInsertOrUpdate(1, 1, bytes, LEN, 0); };
+  constexpr unsigned VALUE_BYTES = 24;
+  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(1, 8, VALUE_BYTES, KAVO_TABLE_TYPE_BASIC));
+  auto value = ValueOf(1, VALUE_BYTES);
+  const auto update = [](unsigned char* bytes) { return KavoUpdate(1, 1, bytes, VALUE_BYTES); };
+  const auto insertOrUpdate = [](unsigned char* bytes) { return KavoInsertOrUpdate(1, 1, bytes, VALUE_BYTES, 0); };
   for (int (*const write)(unsigned char*) : {+update, +insertOrUpdate}) {
-    ASSERT_EQ(KAVO_SUCCESS, KavoInsertOrUpdate(1, 1, value.data(), LEN, 0));
+    ASSERT_EQ(KAVO_SUCCESS, KavoInsertOrUpdate(1, 1, value.data(), VALUE_BYTES, 0));
     EXPECT_EQ(KAVO_SUCCESS, write(AddressOf(1, 1)));
     EXPECT_EQ(value, Stored(1, 1));
     EXPECT_EQ(KAVO_NO_MEMORY, write(AddressOf(1, 1) + 1));
-    EXPECT_EQ(Bytes(LEN), Stored(1, 1));
+    EXPECT_EQ(Bytes(VALUE_BYTES), Stored(1, 1));
   }
   EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(1));
 }

@@ -34,16 +34,21 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 TRIES_OF_RACES = 3
 TIME_LIMIT_S = 900  # a fault that makes a program hang is found too, but says less
 
-# How finders that are not plain GoogleTest programs are run; more calls are tried until one finds the fault.
-ARGUMENTS = {
-    "explorer_test": [["--gtest_filter=-Explorer.*"]] * 2,
-    "soak": [["--minutes", "0.4", "--seed", "1"]],
-    "ctr_training": [["--rows", "60000"]],
-    "incremental_export": [["--entries", "5000", "--type", "basic"], ["--entries", "5000", "--type", "filter"]],
-    "sharded_lookup": [["--keys", "60000"]],
+Call = tuple[list[str], dict[str, str]]  # arguments and environment
+PLAIN: list[Call] = [([], {})]
+
+# How finders are called that need more than that; one call after the other, until one finds the fault.
+CALLS: dict[str, list[Call]] = {
+    "explorer_test": [
+        (["--gtest_filter=-Explorer.*"], {"KAVO_EXPLORE_SCHEDULES": schedules}) for schedules in ("1000", "20000")
+    ],
+    "model_test": [([], {"KAVO_MODEL_SEQUENCES": sequences}) for sequences in ("1000", "10000")],
+    "soak": [(["--minutes", "0.4", "--seed", "1"], {})],
+    "ctr_training": [(["--rows", "60000"], {})],
+    "incremental_export": [(["--entries", "5000", "--type", kind], {}) for kind in ("basic", "filter")],
+    "sharded_lookup": [(["--keys", "60000"], {})],
 }
-ENVIRONMENTS = {"explorer_test": [{"KAVO_EXPLORE_SCHEDULES": "1000"}, {"KAVO_EXPLORE_SCHEDULES": "20000"}]}
-SCRIPTS = {"soak", "ctr_training", "incremental_export", "sharded_lookup", "kavo_c_test"}  # no GoogleTest options
+OWN_OPTIONS = {"soak", "ctr_training", "incremental_export", "sharded_lookup", "kavo_c_test"}  # not GoogleTest's
 
 
 @dataclasses.dataclass
@@ -129,13 +134,11 @@ class Workshop:
         done = run(["cmake", "--build", str(self.build), "-j", str(self.jobs), "--target", finder])
         return done.stdout if done.returncode != 0 else ""
 
-    def find(self, finder: str, cases: str, tries: int) -> str:
+    def find(self, finder: str, cases: str, calls: list[Call]) -> str:
         """What the finder found; empty when it ended well each time."""
         program = next(path for path in self.build.rglob(finder) if path.is_file() and os.access(path, os.X_OK))
-        calls = ARGUMENTS.get(finder, [[]])
-        environments = ENVIRONMENTS.get(finder, [{}] * len(calls))
-        for arguments, environment in [*zip(calls, environments)] * tries:
-            if finder not in SCRIPTS:
+        for arguments, environment in calls:
+            if finder not in OWN_OPTIONS:
                 arguments = ["--gtest_fail_fast", *([f"--gtest_filter={cases}"] if cases else arguments)]
             try:
                 variables = {**os.environ, "KAVO_TEST_SEED": "1", **environment}
@@ -171,15 +174,16 @@ def try_all(chosen: list[Mutant], workers: int) -> int:
             wrong.extend([] if result == "found" else [mutant.name])
 
     def judge(workshop: Workshop, mutant: Mutant) -> tuple[str, str]:
+        calls = CALLS.get(mutant.finder, PLAIN)
         if mutant.finder not in sound:
-            sound[mutant.finder] = workshop.compile(mutant.finder) or workshop.find(mutant.finder, "", 1)
+            sound[mutant.finder] = workshop.compile(mutant.finder) or workshop.find(mutant.finder, "", calls[:1])
         if sound[mutant.finder]:
             return "NOT SOUND", "the unbroken code fails: " + sound[mutant.finder][-2000:]
         if problem := apply(workshop.tree, mutant):
             return "NO MATCH", problem
         if problem := workshop.compile(mutant.finder):
             return "NO BUILD", problem[-2000:]
-        found = workshop.find(mutant.finder, mutant.filter, TRIES_OF_RACES if mutant.racy else 1)
+        found = workshop.find(mutant.finder, mutant.filter, calls * (TRIES_OF_RACES if mutant.racy else 1))
         return ("found", found) if found else ("NOT FOUND", "")
 
     def worker(folder: pathlib.Path) -> None:
@@ -234,7 +238,7 @@ def main() -> int:
         return 0
     if chosen.check:
         return check(mutants)
-    return try_all(mutants, max(1, min(chosen.workers, len(mutants))))
+    return try_all(mutants, max(1, min(chosen.workers, len(mutants) // 4)))  # a tree of its own pays for a few
 
 
 if __name__ == "__main__":
