@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <thread>
 #include <vector>
 
-#include "memory/fresh_blocks.h"
 #include "memory/memory_pool.h"
 #include "memory/pool_test_support.h"
 
@@ -100,31 +98,6 @@ TEST(MemoryPoolConcurrent, EveryValueReleasedWhileOthersInsertIsAdoptedOnce) {
   ExpectFreshAndDisjoint(Joined(taken));
   std::sort(released.begin(), released.end());
   EXPECT_TRUE(Joined(adopted) == released);
-}
-
-TEST(FreshBlocksConcurrent, BlocksAreUniqueZeroAndKeepWhatIsWritten) {
-  constexpr unsigned THREADS = 8;
-  // From many blocks a run to one block a chunk.
-  for (const auto& [size, perThread] : {std::pair{16U, 30000U}, {1000U, 2000U}, {300000U, 20U}}) {
-    Qen::FreshBlocks blocks(Qen::BlockLayout{size, 0});
-    std::vector<Blocks> taken(THREADS);
-    InThreads(THREADS, [&, size = size, perThread = perThread](unsigned thread) {
-      for (unsigned i = 0; i < perThread; ++i) {
-        const auto [block, number] = blocks.Take();
-        EXPECT_EQ(blocks.Directory().At(number), block);
-        EXPECT_EQ(std::count(block, block + size, 0), size);
-        std::memset(block, static_cast<int>(thread) + 1, size);
-        taken[thread].push_back(block);
-      }
-    });
-    std::size_t spoilt = 0;
-    for (unsigned thread = 0; thread < THREADS; ++thread) {
-      for (unsigned char* const block : taken[thread]) {
-        spoilt += std::count(block, block + size, thread + 1) == size ? 0 : 1;
-      }
-    }
-    EXPECT_EQ(spoilt, 0U) << size;
-  }
 }
 
 }  // namespace

@@ -88,12 +88,4 @@ TEST(LogLevel, OnlyTheAnswerOneLetsALineThroughAndOtherwiseNoArgumentIsComputed)
   EXPECT_EQ(unasked.lines, 1);
 }
 
-TEST(LogLevel, ASinkGetsEveryLineOfAFlood) {
-  const Answering sink(1);
-  for (int i = 0; i < 50000; ++i) {
-    KAVO_LOG_ERROR(LINE_UNIT, "flood");
-  }
-  EXPECT_EQ(sink.lines, 50000);
-}
-
 }  // namespace
