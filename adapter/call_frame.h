@@ -40,7 +40,7 @@
 // Declares `ref`, the table of an id. An id that is not in use ends the call.
 #define KAVO_RESOLVE(ref, tableId)                                                  \
   const ::Qen::TableRef ref = ::Qen::g_manager->Resolve(static_cast<int>(tableId)); \
-  KAVO_REFUSE_IF(ref.type == ::Qen::TABLE_TYPE_EMPTY, "tableId[%d] is nullptr", static_cast<int>(tableId))
+  KAVO_REFUSE_IF((ref).type == ::Qen::TABLE_TYPE_EMPTY, "tableId[%d] is nullptr", static_cast<int>(tableId))
 
 // Follows the try block of an exported function. `allocation` names what fails without memory.
 #define KAVO_CATCH_ALL_IN(unit, allocation)                                        \

@@ -9,8 +9,9 @@ ManagerEle::ManagerEle(ManagerEle&& other) noexcept {
 }
 
 ManagerEle& ManagerEle::operator=(ManagerEle&& other) noexcept {
-  // Relaxed, on the source: moves happen under the registry's lock or on an element that one thread owns.
-  const unsigned tableType = other.type.load(std::memory_order_relaxed);
+  // Relaxed, on the source: moves happen under the registry's lock or on an element that one thread owns, and an empty
+  // element carries nothing.
+  const unsigned tableType = other.type.exchange(TABLE_TYPE_EMPTY, std::memory_order_relaxed);
   void* const table = other.handle.exchange(nullptr, std::memory_order_relaxed);
   // Release: pairs with Load. The type comes last, because it is what readers look at first.
   handle.store(table, std::memory_order_release);

@@ -43,6 +43,7 @@ class alignas(2 * sizeof(void*)) ManagerEle {
  public:
   ManagerEle() noexcept = default;
   ManagerEle(unsigned tableType, void* table) noexcept : type(tableType), handle(table) {}
+  // Moves leave the source empty.
   ManagerEle(ManagerEle&& other) noexcept;
   // Drops what the destination held without destroying it; callers see to it that the destination is empty.
   ManagerEle& operator=(ManagerEle&& other) noexcept;
@@ -110,13 +111,13 @@ class Manager {
     const auto id = static_cast<unsigned>(tableId);
     const std::lock_guard lock(m_lock);
     if (id < ELE_ARRAY_SIZE) {
-      return MoveOut(m_eleArray[id]);
+      return std::move(m_eleArray[id]);
     }
     const auto found = m_eleMap.find(id);
     if (found == m_eleMap.end()) {
       return Ele();
     }
-    Ele taken = MoveOut(found->second);
+    Ele taken = std::move(found->second);
     m_eleMap.erase(found);
     return taken;
   }
@@ -135,13 +136,6 @@ class Manager {
   [[gnu::noinline]] TableRef ResolveInMap(TableId tableId) {
     const std::shared_lock lock(m_lock);
     return GetManagerEle(tableId)->Load();
-  }
-
-  static Ele MoveOut(Ele& ele) noexcept {
-    Ele taken(std::move(ele));
-    // Relaxed: an empty element carries nothing.
-    ele.type.store(TABLE_TYPE_EMPTY, std::memory_order_relaxed);  // NOLINT(bugprone-use-after-move): stays as it was
-    return taken;
   }
 };
 
