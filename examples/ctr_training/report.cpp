@@ -20,7 +20,7 @@ std::optional<double> GoalFor(std::uint64_t rows) {
   if (rows >= 1'000'000) {
     return 0.70;
   }
-  return rows >= 50'000 ? std::optional(0.44) : std::nullopt;
+  return rows >= 60'000 ? std::optional(0.44) : std::nullopt;
 }
 
 // Of the way from the constant rate to the true model, how much the trained model went. None where that is not known.
