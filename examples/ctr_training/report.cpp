@@ -157,7 +157,7 @@ std::uint64_t ResidentBytes() {
 bool GoalMet(const TrainingResult& result, const RunFacts& facts) {
   const std::optional<double> share = GapClosed(result, facts);
   const std::optional<double> goal = GoalFor(facts.rowCount);
-  return !share || !goal || (*share >= *goal && *share < 1.0);
+  return !facts.truthKnown || !goal || (share && *share >= *goal && *share < 1.0);
 }
 
 void PrintReport(const TrainingResult& result, const RunFacts& facts) {

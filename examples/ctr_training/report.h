@@ -44,8 +44,8 @@ struct RunFacts {
 // Bytes of the process that are in physical memory now.
 std::uint64_t ResidentBytes();
 
-// Whether the model learned what could be learned, where the log tells that. A model that beats the true one has seen
-// the labels that it predicts.
+// Whether the model learned what could be learned, where the log tells that; there must be something to learn. A model
+// that beats the true one has seen the labels that it predicts.
 bool GoalMet(const TrainingResult& result, const RunFacts& facts);
 
 void PrintReport(const TrainingResult& result, const RunFacts& facts);
