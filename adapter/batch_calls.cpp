@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include "adapter/call_frame.h"
 #include "adapter/key_operations.h"
@@ -52,12 +53,22 @@ int Gather(const Table& table, const long* keys, unsigned long long num, unsigne
   return KAVO_SUCCESS;
 }
 
-template <class Table>
+// countOf(i) is the number of occurrences that key i stands for.
+template <class Table, class CountOf>
 int LookupOrInsert(const Table& table, const long* keys, unsigned long long num, unsigned char** valuePtrs,
-                   unsigned* isFind, unsigned filterCount, unsigned long long& done) {
-  return ForEachKey<Prefetch::RECORDS>(table, keys, num, done, [&](unsigned long long i) {
+                   unsigned* isFind, const CountOf& countOf, unsigned long long& done) {
+  constexpr bool BASIC = std::is_same_v<Table, BasicTable>;
+  constexpr Prefetch AHEAD = BASIC ? Prefetch::CELLS : Prefetch::RECORDS;
+  return ForEachKey<AHEAD>(table, keys, num, done, [&](unsigned long long i, auto* record) {
     unsigned char* block = nullptr;
-    const int status = LookupOrInsert(table, keys[i], filterCount, block, isFind[i]);
+    if constexpr (BASIC) {
+      if (record != nullptr) {  // the group's search has found it: a key stays, and no occurrence is counted
+        valuePtrs[i] = ValueBytes(record);
+        isFind[i] = 1;
+        return static_cast<int>(KAVO_SUCCESS);
+      }
+    }
+    const int status = LookupOrInsert(table, keys[i], countOf(i), block, isFind[i]);
     if (status == KAVO_SUCCESS) {
       valuePtrs[i] = block == nullptr ? nullptr : ValueBytes(block);
     }
@@ -69,7 +80,7 @@ template <class Table>
 int InsertOrUpdate(const Table& table, const long* keys, unsigned long long num, const unsigned char* rows,
                    unsigned valueLen, unsigned filterCount, unsigned long long& done) {
   KAVO_REFUSE_IF(valueLen != table.ValueLen(), "valuelen not equal table valuelen!");
-  return ForEachKey<Prefetch::VALUES>(table, keys, num, done, [&](unsigned long long i) {
+  return ForEachKey<Prefetch::VALUES>(table, keys, num, done, [&](unsigned long long i, const auto*) {
     // An offer's bytes are only read; it has the type of the single call's argument.
     auto* const row = const_cast<unsigned char*>(rows) + i * std::size_t{valueLen};
     return InsertOrUpdate(table, Offer{keys[i], row, valueLen, filterCount});
@@ -109,9 +120,25 @@ int KavoBatchLookupOrInsert(unsigned int tableId, const long* keys, unsigned lon
                  "KavoBatchLookupOrInsert failed, keys, valuePtrs, isFind or done is null");
   KAVO_REFUSE_NEGATIVE("KavoBatchLookupOrInsert", keys, num);
   const auto lookupOrInsert = [&](const auto& table) {
-    return LookupOrInsert(table, keys, num, valuePtrs, isFind, filterCount, *done);
+    return LookupOrInsert(
+        table, keys, num, valuePtrs, isFind, [filterCount](unsigned long long) { return filterCount; }, *done);
   };
   KAVO_SERVE(tableId, lookupOrInsert, "KavoBatchLookupOrInsert failed, ret[%d], done[%llu]", *done);
+}
+
+int KavoBatchOffer(unsigned int tableId, const long* keys, unsigned long long num, unsigned char** valuePtrs,
+                   unsigned int* isFind, const unsigned int* counts, unsigned long long* done) {
+  if (done != nullptr) {
+    *done = 0;
+  }
+  KAVO_REFUSE_IF(keys == nullptr || valuePtrs == nullptr || isFind == nullptr || counts == nullptr || done == nullptr,
+                 "KavoBatchOffer failed, keys, valuePtrs, isFind, counts or done is null");
+  KAVO_REFUSE_NEGATIVE("KavoBatchOffer", keys, num);
+  const auto offer = [&](const auto& table) {
+    return LookupOrInsert(
+        table, keys, num, valuePtrs, isFind, [counts](unsigned long long i) { return counts[i]; }, *done);
+  };
+  KAVO_SERVE(tableId, offer, "KavoBatchOffer failed, ret[%d], done[%llu]", *done);
 }
 
 int KavoBatchInsertOrUpdate(unsigned int tableId, const long* keys, unsigned long long num, const unsigned char* rows,

@@ -428,6 +428,17 @@ int KavoBatchLookupOrInsert(unsigned int tableId, const long* keys, unsigned lon
                             unsigned int* isFind, unsigned int filterCount, unsigned long long* done);
 
 /*
+ * As KavoBatchLookupOrInsert, with a number of occurrences for each key: for callers that have added up equal keys.
+ *
+ *   counts  in: `num` numbers, what `filterCount` is there: 0 counts none and admits a new key at once. Not used by
+ *           basic tables, but not null.
+ *
+ * Same arguments otherwise, same status codes.
+ */
+int KavoBatchOffer(unsigned int tableId, const long* keys, unsigned long long num, unsigned char** valuePtrs,
+                   unsigned int* isFind, const unsigned int* counts, unsigned long long* done);
+
+/*
  * Inserts many keys, or overwrites their values; sets their export states to 0: as KavoInsertOrUpdate for each, with a
  * value. Of a key that stands in the array several times the last row stays.
  *

@@ -77,19 +77,21 @@ void ForEachBlock(const Table& table, const long* keys, unsigned long long num, 
   static_cast<void>(ForEachGroup<PREFETCH>(table, keys, num, serve));
 }
 
-// serve(index) for each key, up to the first that fails; `done` counts those before it.
+// serve(index, record) for each key, up to the first that fails; `done` counts those before it. The record is null for
+// a key that was absent when its group was begun.
 template <Prefetch PREFETCH, class Table, class Serve>
 int ForEachKey(const Table& table, const long* keys, unsigned long long num, unsigned long long& done,
                const Serve& serve) {
-  return ForEachGroup<PREFETCH>(table, keys, num, [&](unsigned long long first, unsigned long long end, auto* const*) {
-    for (done = first; done < end; ++done) {
-      const int status = serve(done);
-      if (status != KAVO_SUCCESS) {
-        return status;
-      }
-    }
-    return static_cast<int>(KAVO_SUCCESS);
-  });
+  return ForEachGroup<PREFETCH>(table, keys, num,
+                                [&](unsigned long long first, unsigned long long end, auto* const* records) {
+                                  for (done = first; done < end; ++done) {
+                                    const int status = serve(done, records[done - first]);
+                                    if (status != KAVO_SUCCESS) {
+                                      return status;
+                                    }
+                                  }
+                                  return static_cast<int>(KAVO_SUCCESS);
+                                });
 }
 
 }  // namespace Qen
