@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include "platform/spin.h"
 #include "platform/test_hooks.h"
 
 #ifdef KAVO_EXPLORER
@@ -15,17 +16,6 @@ namespace {
 constexpr unsigned SPIN_PAUSES = 100;
 // The last of them give the processor away, for a host with more threads than processors.
 constexpr unsigned FIRST_YIELD = 90;
-
-void PauseProcessor() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__)
-  // Unlike `yield`, which most cores skip, this does take a moment.
-  asm volatile("isb" ::: "memory");
-#else
-  asm volatile("" ::: "memory");
-#endif
-}
 
 unsigned long long ShortenedLimit(unsigned long long maxSleeps) noexcept {
 #ifdef KAVO_TESTING
