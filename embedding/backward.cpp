@@ -1,0 +1,202 @@
+// One step of the optimiser for each distinct key of a batch, partition by partition (partitions.h):
+//
+//   1  keys are scattered into partitions, equal ones found, and the rows of the distinct ones looked up;
+//   2  what memory the rest needs is known, and had. Nothing has changed so far;
+//   3  gradients of equal keys are added, while the rows are asked for; then each row takes its step.
+#include "embedding/embedding.h"
+#include "embedding/partitions.h"
+#include "embedding/row.h"
+#include "platform/prefetch.h"
+
+namespace Qen {
+namespace {
+
+constexpr std::size_t GRADIENTS_AHEAD = 4;
+constexpr std::size_t MOST_PREFETCHED_BYTES = 512;  // of a row; the processor's own prefetching has the rest
+
+// Where the gradient of an element of the batch comes from: a row of its own.
+struct RowGradients {
+  const float* gradients;
+  std::size_t dim;
+
+  static constexpr bool HAS_FACTOR = false;
+  const float* Of(std::size_t index) const noexcept { return gradients + index * dim; }
+  static float Factor(std::size_t) noexcept { return 1; }
+};
+
+// Its bag's, times its weight or its share in the mean.
+struct BagGradients {
+  const float* gradients;
+  std::size_t dim;
+  const float* weights;
+  std::vector<std::uint32_t> bagOf;  // each element
+  std::vector<float> shareOf;        // each bag; empty but for means
+
+  static constexpr bool HAS_FACTOR = true;
+  const float* Of(std::size_t index) const noexcept { return gradients + std::size_t{bagOf[index]} * dim; }
+  float Factor(std::size_t index) const noexcept {
+    return weights != nullptr ? weights[index] : shareOf.empty() ? 1.0F : shareOf[bagOf[index]];
+  }
+};
+
+BagGradients MakeBagGradients(std::span<const long> keys, const KavoBags& bags, const float* gradients,
+                              std::size_t dim) {
+  BagGradients made{gradients, dim, bags.weights, std::vector<std::uint32_t>(keys.size()), {}};
+  made.shareOf.resize(bags.pool == KAVO_POOL_MEAN ? bags.num : 0);
+  for (std::size_t bag = 0; bag < bags.num; ++bag) {
+    std::size_t counted = 0;
+    for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
+      made.bagOf[i] = static_cast<std::uint32_t>(bag);
+      counted += bags.hasPadding != 0 && keys[i] == bags.padding ? 0 : 1;
+    }
+    if (!made.shareOf.empty() && counted != 0) {
+      made.shareOf[bag] = 1.0F / static_cast<float>(counted);
+    }
+  }
+  return made;
+}
+
+template <bool HAS_FACTOR>
+void AddGradient(float* __restrict sum, const float* __restrict gradient, float factor, std::size_t dim) noexcept {
+  for (std::size_t i = 0; i < dim; ++i) {
+    sum[i] += HAS_FACTOR ? factor * gradient[i] : gradient[i];
+  }
+}
+
+// A row's step; nothing if it has been forgotten meanwhile. `scratch` is room for the row.
+template <class Optimiser>
+void StepRow(unsigned char* row, const float* sums, const RowLayout& layout, const Optimiser& optimiser,
+             std::uint64_t number, [[maybe_unused]] float* scratch) noexcept {
+  RowHead head(row);
+  RowHead::Word seen = 0;
+  if (!BeginWrite(head, seen, RowHead::HasRow)) {
+    return;
+  }
+  float* const floats = RowLayout::Weights(row);
+#ifdef KAVO_ATOMIC_FLOATS
+  LoadFloats(floats, scratch, layout.Floats());
+  optimiser.Step(scratch, scratch + layout.Dim(), sums, layout.Dim());
+  StoreFloats(scratch, floats, layout.Floats());
+#else
+  optimiser.Step(floats, floats + layout.Dim(), sums, layout.Dim());
+#endif
+  // The larger: calls at work together may come to a row in either order.
+  head.EndWrite(seen, std::max(number, RowHead::Step(seen)));
+}
+
+// What a worker needs for itself.
+struct Room {
+  std::vector<std::uint32_t> places;
+  std::vector<float> sums;
+  std::vector<float> row;
+};
+
+}  // namespace
+
+template <class Source>
+unsigned long long Embedding::Train(std::span<const long> keys, const Source& source, const long* padding, float scale,
+                                    float* weightGradients) {
+  const StepClock::Call call(m_clock, StepClock::Call::Kind::STEP);
+  const std::size_t dim = m_layout.Dim();
+  Partitions all(m_pool, keys, padding);
+  std::vector<Room> rooms(std::min<std::size_t>(m_pool.Threads(), all.Num()));
+  // work(room, partition) for all partitions, on the threads of the pool.
+  const auto forEachPartition = [&](const auto& work) {
+    Atomic<std::size_t> next{0};
+    m_pool.Run(rooms.size(), [&](std::size_t worker) {
+      // Relaxed: hands out numbers.
+      for (std::size_t partition = next.fetch_add(1, std::memory_order_relaxed); partition < all.Num();
+           partition = next.fetch_add(1, std::memory_order_relaxed)) {
+        work(rooms[worker], partition);
+      }
+    });
+  };
+
+  for (Room& room : rooms) {
+    room.places.resize(Partitions::PlacesFor(all.Largest()));
+  }
+  Atomic<int> failed{KAVO_SUCCESS};
+  forEachPartition([&](Room& room, std::size_t partition) {
+    all.Distinguish(partition, room.places);
+    const std::span<const Tag> tags = all.TagsOf(partition);
+    for (std::size_t first = 0; first < tags.size(); first += KeyTables::BLOCK) {
+      const std::size_t count = std::min(KeyTables::BLOCK, tags.size() - first);
+      const int status = m_tables->Find(&tags[first], count, &all.RowsOf(partition)[first]);
+      if (status != KAVO_SUCCESS) {
+        failed.store(status, std::memory_order_relaxed);  // read once the workers were joined
+      }
+    }
+  });
+  CheckBase(failed.load(std::memory_order_relaxed), "KavoBatchLookup");
+  for (Room& room : rooms) {
+    room.sums.resize(all.MostDistinct() * dim);
+    room.row.resize(m_layout.Floats());
+  }
+
+  Atomic<unsigned long long> passedOver{0};
+  const OptimiserInput input{call.Rates(), m_options.initialAccumulator, call.Number(), scale};
+  ForOptimiser(m_options.optimiser, input, [&](const auto& optimiser) {
+    forEachPartition([&](Room& room, std::size_t partition) {
+      const std::span<const Element> elements = all.Of(partition);
+      const std::span<unsigned char*> rows = all.RowsOf(partition);
+      std::fill_n(room.sums.begin(), rows.size() * dim, 0.0F);
+      for (std::size_t e = 0; e < elements.size(); ++e) {
+        const std::size_t index = elements[e].index;
+        if (e < rows.size() && rows[e] != nullptr) {  // there are no more distinct keys than elements
+          for (std::size_t at = 0; at < std::min(m_layout.Bytes(), MOST_PREFETCHED_BYTES); at += 64) {
+            PrefetchForRead(rows[e] + at);
+          }
+        }
+        if (e + GRADIENTS_AHEAD < elements.size()) {
+          PrefetchForRead(source.Of(elements[e + GRADIENTS_AHEAD].index));
+        }
+        AddGradient<Source::HAS_FACTOR>(&room.sums[elements[e].slot * dim], source.Of(index), source.Factor(index),
+                                        dim);
+      }
+      for (unsigned char*& row : rows) {
+        if (row != nullptr && !HasRowNow(row)) {
+          row = nullptr;
+        }
+      }
+      unsigned long long rowless = 0;
+      for (const Element& element : elements) {
+        unsigned char* const row = rows[element.slot];
+        rowless += row == nullptr ? 1 : 0;
+        if (weightGradients != nullptr) {
+          RowHead::Word seen = 0;
+          if (row == nullptr || !ReadRow(row, dim, room.row.data(), seen)) {
+            m_start.Fill(keys[element.index], room.row.data(), dim);
+          }
+          const float* const gradient = source.Of(element.index);
+          float product = 0;
+          for (std::size_t i = 0; i < dim; ++i) {
+            product += room.row[i] * gradient[i];
+          }
+          weightGradients[element.index] = product * scale;
+        }
+      }
+      for (std::size_t k = 0; k < rows.size(); ++k) {
+        if (rows[k] != nullptr) {
+          StepRow(rows[k], &room.sums[k * dim], m_layout, optimiser, call.Number(), room.row.data());
+        }
+      }
+      passedOver.fetch_add(rowless, std::memory_order_relaxed);  // read once the workers were joined
+    });
+  });
+  return passedOver.load(std::memory_order_relaxed);
+}
+
+unsigned long long Embedding::Backward(std::span<const long> keys, const float* gradients, float scale) {
+  return Train(keys, RowGradients{gradients, m_layout.Dim()}, nullptr, scale, nullptr);
+}
+
+unsigned long long Embedding::BackwardBags(std::span<const long> keys, const KavoBags& bags, const float* gradients,
+                                           float scale, float* weightGradients) {
+  if (weightGradients != nullptr) {
+    std::fill_n(weightGradients, keys.size(), 0.0F);  // of padding
+  }
+  return Train(keys, MakeBagGradients(keys, bags, gradients, m_layout.Dim()),
+               bags.hasPadding != 0 ? &bags.padding : nullptr, scale, weightGradients);
+}
+
+}  // namespace Qen

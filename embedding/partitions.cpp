@@ -1,0 +1,97 @@
+#include "embedding/partitions.h"
+
+#include <algorithm>
+#include <bit>
+#include <utility>
+
+namespace Qen {
+namespace {
+
+constexpr std::size_t KEYS_A_PARTITION = 256;
+constexpr unsigned MAX_PARTITION_BITS = 12;
+constexpr std::size_t KEYS_A_RANGE = 4096;  // fewer are not worth a thread
+
+}  // namespace
+
+// A stable counting sort. Threads take ranges of the batch, count, and then write to places that no two of them share.
+Partitions::Partitions(ThreadPool& pool, std::span<const long> keys, const long* padding) {
+  const unsigned bits =
+      std::min(MAX_PARTITION_BITS, static_cast<unsigned>(std::bit_width(keys.size() / KEYS_A_PARTITION)));
+  const std::size_t num = std::size_t{1} << bits;
+  // From bit 62 downwards; the sign is no part of the mixed key.
+  const auto partitionOf = [bits](Tag tag) -> std::size_t { return bits == 0 ? 0 : (tag << 1) >> (64 - bits); };
+  const std::size_t ranges = std::min<std::size_t>(pool.Threads(), keys.size() / KEYS_A_RANGE + 1);
+  const std::size_t length = (keys.size() + ranges - 1) / ranges;
+  std::vector<Tag> tags(keys.size());
+  std::vector<std::size_t> places(ranges * num);  // first counts, then where each range's elements go
+  const auto forEach = [&](std::size_t range, const auto& use) {
+    const std::size_t end = std::min(keys.size(), (range + 1) * length);
+    for (std::size_t i = range * length; i < end; ++i) {
+      if (padding == nullptr || keys[i] != *padding) {
+        use(i);
+      }
+    }
+  };
+  pool.Run(ranges, [&](std::size_t range) {
+    forEach(range, [&](std::size_t i) {
+      tags[i] = TagOf(keys[i]);
+      ++places[range * num + partitionOf(tags[i])];
+    });
+  });
+  m_begins.resize(num + 1);
+  std::size_t total = 0;
+  for (std::size_t partition = 0; partition < num; ++partition) {
+    m_begins[partition] = total;
+    for (std::size_t range = 0; range < ranges; ++range) {
+      total += std::exchange(places[range * num + partition], total);
+    }
+  }
+  m_begins[num] = total;
+  m_elements.resize(total);
+  m_distinct.resize(num);
+  m_tags.resize(total);
+  m_rows.resize(total);
+  pool.Run(ranges, [&](std::size_t range) {
+    forEach(range, [&](std::size_t i) {
+      m_elements[places[range * num + partitionOf(tags[i])]++] = {tags[i], static_cast<std::uint32_t>(i), 0};
+    });
+  });
+}
+
+std::size_t Partitions::Largest() const noexcept {
+  std::size_t largest = 0;
+  for (std::size_t partition = 0; partition < Num(); ++partition) {
+    largest = std::max(largest, m_begins[partition + 1] - m_begins[partition]);
+  }
+  return largest;
+}
+
+std::size_t Partitions::MostDistinct() const noexcept {
+  return *std::max_element(m_distinct.begin(), m_distinct.end());
+}
+
+std::size_t Partitions::PlacesFor(std::size_t elements) noexcept {
+  return std::bit_ceil(2 * elements);
+}
+
+void Partitions::Distinguish(std::size_t partition, std::vector<std::uint32_t>& places) noexcept {
+  const std::span<Element> elements = Of(partition);
+  Tag* const tags = m_tags.data() + m_begins[partition];
+  const std::size_t mask = PlacesFor(elements.size()) - 1;
+  std::fill_n(places.begin(), mask + 1, 0);  // 0: free; else a slot and 1
+  std::uint32_t num = 0;
+  for (Element& element : elements) {
+    std::size_t place = element.tag & mask;  // the low bits are as good as any: partitions are made by the high ones
+    while (places[place] != 0 && tags[places[place] - 1] != element.tag) {
+      place = (place + 1) & mask;
+    }
+    if (places[place] == 0) {
+      tags[num] = element.tag;
+      places[place] = ++num;
+    }
+    element.slot = places[place] - 1;
+  }
+  m_distinct[partition] = num;
+}
+
+}  // namespace Qen
