@@ -1,0 +1,35 @@
+// A folder of snapshots: names of its files, which snapshots there are, and what may be cleared away.
+#pragma once
+
+#include "snapshot/manifest.h"
+
+namespace Qen {
+
+class Folder {
+ public:
+  explicit Folder(std::string path) : m_path(std::move(path)) {}
+
+  const std::string& Path() const noexcept { return m_path; }
+  std::string LockPath() const { return m_path + "/lock"; }
+  std::string ManifestPath(std::uint64_t number) const;
+  std::string PartPath(std::uint64_t number, std::uint32_t part) const;
+
+  // Snapshots that are there, in rising order.
+  std::vector<std::uint64_t> Numbers() const;
+  // The newest for 0. Throws KAVO_INVALID when it is not there.
+  Manifest Read(std::uint64_t number) const;
+
+  // Makes the manifest's snapshot visible. On failure it is not.
+  void Publish(const Manifest& manifest) const;
+
+  // Deletes what saves left that were never committed. Only while the folder's lock is held, here and below.
+  void Clear() const;
+  // Deletes chains but the newest `keep`: a chain from its end, and a manifest before its parts, so that what is left
+  // after a crash is whole.
+  void DeleteOldChains(std::uint32_t keep) const;
+
+ private:
+  std::string m_path;
+};
+
+}  // namespace Qen
