@@ -1,0 +1,204 @@
+#!/usr/bin/python3
+"""Training steps of Kavo embeddings beside PyTorch's, on one stream: what a user would pick instead on this machine.
+
+Both sum bags of heavy-tailed ids over tables that hold all rows, and train them with the same gradients; the steps of
+the two alternate, and medians are compared. Prints one JSON object. Needs Debian's python3-torch, and libkavo_embedding
+at the path that is given. The environment should have OMP_WAIT_POLICY=PASSIVE, or PyTorch's idle threads hold a core.
+"""
+
+import argparse
+import ctypes
+import json
+import statistics
+import sys
+import time
+
+import numpy
+import torch
+
+OPTIMISERS = {"sgd": 1, "adagrad": 2, "adam": 4}
+
+
+class Rates(ctypes.Structure):
+    _fields_ = [("size", ctypes.c_ulonglong)] + [
+        (name, ctypes.c_double)
+        for name in ("learningRate", "weightDecay", "eps", "beta1", "beta2", "ftrlBeta", "l1", "l2")
+    ]
+
+
+class Options(ctypes.Structure):
+    _fields_ = [
+        ("size", ctypes.c_ulonglong),
+        ("dim", ctypes.c_uint),
+        ("optimiser", ctypes.c_uint),
+        ("initialiser", ctypes.c_uint),
+        ("startA", ctypes.c_float),
+        ("startB", ctypes.c_float),
+        ("initialAccumulator", ctypes.c_float),
+        ("seed", ctypes.c_ulonglong),
+        ("expected", ctypes.c_ulonglong),
+        ("admission", ctypes.c_uint),
+        ("counts", ctypes.c_uint),
+        ("growth", ctypes.c_uint),
+        ("threads", ctypes.c_uint),
+        ("rates", Rates),
+    ]
+
+
+class Bags(ctypes.Structure):
+    _fields_ = [
+        ("size", ctypes.c_ulonglong),
+        ("num", ctypes.c_ulonglong),
+        ("offsets", ctypes.c_void_p),
+        ("weights", ctypes.c_void_p),
+        ("pool", ctypes.c_uint),
+        ("hasPadding", ctypes.c_uint),
+        ("padding", ctypes.c_long),
+    ]
+
+
+class Kavo:
+    """One embedding, by the C interface."""
+
+    def __init__(self, path: str, rows: int, dim: int, optimiser: str, threads: int):
+        self.library = ctypes.CDLL(path)
+        self.library.KavoEmbeddingLastError.restype = ctypes.c_char_p
+        options = Options()
+        self.check(
+            self.library.KavoEmbeddingDefaults(
+                ctypes.byref(options), ctypes.c_ulonglong(ctypes.sizeof(options)), dim, OPTIMISERS[optimiser]
+            )
+        )
+        options.expected = rows
+        options.threads = threads
+        self.handle = ctypes.c_void_p()
+        self.dim = dim
+        self.check(self.library.KavoEmbeddingCreate(ctypes.byref(options), ctypes.byref(self.handle)))
+        for first in range(0, rows, 1 << 20):
+            keys = numpy.arange(first, min(rows, first + (1 << 20)), dtype=numpy.int64)
+            self.forward_rows(keys)
+
+    def check(self, status: int) -> None:
+        if status != 0:
+            sys.exit(f"{status}: {self.library.KavoEmbeddingLastError().decode()}")
+
+    def forward_rows(self, keys: numpy.ndarray) -> numpy.ndarray:
+        out = numpy.empty((len(keys), self.dim), dtype=numpy.float32)
+        number = ctypes.c_ulonglong(len(keys))
+        self.check(
+            self.library.KavoEmbeddingForward(
+                self.handle, ctypes.c_void_p(keys.ctypes.data), number, None, ctypes.c_void_p(out.ctypes.data), None
+            )
+        )
+        return out
+
+    def bags(self, offsets: numpy.ndarray) -> Bags:
+        return Bags(ctypes.sizeof(Bags), len(offsets) - 1, offsets.ctypes.data, None, 0, 0, 0)
+
+    def forward(self, keys: numpy.ndarray, bags: Bags, out: numpy.ndarray) -> None:
+        number = ctypes.c_ulonglong(len(keys))
+        self.check(
+            self.library.KavoEmbeddingForwardBags(
+                self.handle,
+                ctypes.c_void_p(keys.ctypes.data),
+                number,
+                ctypes.byref(bags),
+                ctypes.c_void_p(out.ctypes.data),
+                None,
+            )
+        )
+
+    def backward(self, keys: numpy.ndarray, bags: Bags, gradients: numpy.ndarray) -> None:
+        number = ctypes.c_ulonglong(len(keys))
+        self.check(
+            self.library.KavoEmbeddingBackwardBags(
+                self.handle,
+                ctypes.c_void_p(keys.ctypes.data),
+                number,
+                ctypes.byref(bags),
+                ctypes.c_void_p(gradients.ctypes.data),
+                ctypes.c_float(1),
+                None,
+                None,
+            )
+        )
+
+
+def torch_optimiser(name: str, module: torch.nn.Module) -> torch.optim.Optimizer:
+    if name == "sgd":
+        return torch.optim.SGD(module.parameters(), lr=0.01)
+    if name == "adagrad":
+        return torch.optim.Adagrad(module.parameters(), lr=0.01)
+    return torch.optim.SparseAdam(list(module.parameters()), lr=0.001)
+
+
+def stream(rows: int, num: int, random: numpy.random.Generator) -> numpy.ndarray:
+    """Heavy-tailed ids: about half of 100,000 draws are distinct in 10,000,000 rows. Popular ids are scattered."""
+    popular = (rows * random.random(num) ** 6).astype(numpy.int64)
+    return popular * 7368787 % rows
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("library", help="libkavo_embedding.so")
+    parser.add_argument("--rows", type=int, default=10_000_000)
+    parser.add_argument("--dim", type=int, default=16)
+    parser.add_argument("--bags", type=int, default=4096)
+    parser.add_argument("--keys", type=int, default=26, help="of each bag")
+    parser.add_argument("--steps", type=int, default=30)
+    parser.add_argument("--threads", type=int, default=1)
+    parser.add_argument("--optimiser", choices=sorted(OPTIMISERS), default="sgd")
+    options = parser.parse_args()
+    torch.set_num_threads(options.threads)
+    random = numpy.random.default_rng(1)
+    num = options.bags * options.keys
+    offsets = numpy.arange(0, num + 1, options.keys, dtype=numpy.uint64)
+    kavo = Kavo(options.library, options.rows, options.dim, options.optimiser, options.threads)
+    module = torch.nn.EmbeddingBag(options.rows, options.dim, mode="sum", sparse=True)
+    optimiser = torch_optimiser(options.optimiser, module)
+    starts = torch.from_numpy(offsets[:-1].astype(numpy.int64))
+    out = numpy.empty((options.bags, options.dim), dtype=numpy.float32)
+    times: dict[str, list[float]] = {"kavo forward": [], "kavo step": [], "torch forward": [], "torch step": []}
+    distinct = 0
+    for step in range(options.steps + 3):  # the first are warm-up
+        keys = stream(options.rows, num, random)
+        distinct = len(numpy.unique(keys))
+        gradients = random.standard_normal((options.bags, options.dim), dtype=numpy.float32) * 0.01
+        bags = kavo.bags(offsets)
+        begin = time.perf_counter()
+        kavo.forward(keys, bags, out)
+        middle = time.perf_counter()
+        kavo.backward(keys, bags, gradients)
+        end = time.perf_counter()
+        tensor = torch.from_numpy(keys)
+        torch_begin = time.perf_counter()
+        with torch.no_grad():
+            module(tensor, starts)
+        torch_middle = time.perf_counter()
+        optimiser.zero_grad(set_to_none=True)
+        pooled = module(tensor, starts)
+        pooled.backward(torch.from_numpy(gradients))
+        optimiser.step()
+        torch_end = time.perf_counter()
+        if step >= 3:
+            times["kavo forward"].append(middle - begin)
+            times["kavo step"].append(end - begin)
+            times["torch forward"].append(torch_middle - torch_begin)
+            times["torch step"].append(torch_end - torch_middle)
+    medians = {name: statistics.median(each) for name, each in times.items()}
+    result = {
+        "optimiser": options.optimiser,
+        "threads": options.threads,
+        "rows": options.rows,
+        "dim": options.dim,
+        "keys": num,
+        "distinct": distinct,
+        "milliseconds": {name: round(1000 * each, 3) for name, each in medians.items()},
+        "step, times as fast": round(medians["torch step"] / medians["kavo step"], 2),
+        "forward, times as slow": round(medians["kavo forward"] / medians["torch forward"], 2),
+    }
+    print(json.dumps(result, indent=1))
+
+
+if __name__ == "__main__":
+    main()
