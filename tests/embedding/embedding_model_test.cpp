@@ -1,0 +1,366 @@
+// Random embeddings and sequences of calls against a model in double precision: every output, and every row at the end.
+// Rows are compared as floats computed in another order are: within a share of their size.
+#include <gtest/gtest.h>
+#include <kavo_embedding.h>
+#include <rapidcheck.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "embedding/reference_embedding.h"
+
+namespace {
+
+struct Destroy {
+  void operator()(KavoEmbedding* embedding) const { KavoEmbeddingDestroy(embedding); }
+};
+using Handle = std::unique_ptr<KavoEmbedding, Destroy>;
+
+void Check(int status) {
+  if (status != KAVO_SUCCESS) {
+    RC_FAIL(std::to_string(status) + " " + KavoEmbeddingLastError());
+  }
+}
+
+Handle Make(const KavoEmbeddingOptions& options) {
+  KavoEmbedding* embedding = nullptr;
+  Check(KavoEmbeddingCreate(&options, &embedding));
+  return Handle(embedding);
+}
+
+bool IsClose(double a, double b) {
+  return std::abs(a - b) <= 2e-3 * (1 + std::abs(a) + std::abs(b));
+}
+
+KavoEmbeddingOptions RandomOptions(std::mt19937_64& random) {
+  KavoEmbeddingOptions options{};
+  Check(KavoEmbeddingDefaults(&options, sizeof(options), 1 + static_cast<unsigned>(random() % 20),
+                              1 + static_cast<unsigned>(random() % 5)));
+  options.initialiser = static_cast<unsigned>(random() % 4);
+  options.startA = -0.25F;
+  options.startB = 0.5F;
+  options.seed = random();
+  options.initialAccumulator = random() % 2 == 0 ? 0.1F : 0.5F;
+  options.expected = random() % 2 == 0 ? 8 : 5000;  // grows, or does not
+  options.admission = static_cast<unsigned>(random() % 5);
+  options.counts = static_cast<unsigned>(random() % 2);
+  options.growth = random() % 2 == 0 ? KAVO_REHASH_GRADUAL : KAVO_REHASH_WHOLE_TABLE;
+  options.threads = 1 + static_cast<unsigned>(random() % 4);
+  options.rates.learningRate = 0.05;
+  options.rates.weightDecay = random() % 2 == 0 ? 0 : 0.01;
+  options.rates.l1 = random() % 2 == 0 ? 0 : 0.003;
+  options.rates.l2 = 0.01;
+  return options;
+}
+
+// One embedding beside its model.
+class Pair {
+ public:
+  explicit Pair(std::uint64_t seed)
+      : m_random(seed),
+        m_options(RandomOptions(m_random)),
+        m_dim(m_options.dim),
+        m_embedding(Make(m_options)),
+        m_model(m_options),
+        m_space(20 + m_random() % 3000) {}
+
+  void Call(std::uint64_t which) {
+    switch (which % 10) {
+      case 0:
+      case 1:
+        Forward();
+        break;
+      case 2:
+        ForwardBags();
+        break;
+      case 3:
+      case 4:
+        Backward();
+        break;
+      case 5:
+        BackwardBags();
+        break;
+      case 6:
+        Lookup();
+        break;
+      case 7:
+        LookupBags();
+        break;
+      case 8:
+        Set();
+        break;
+      default:
+        m_options.rates.learningRate = 0.01 + static_cast<double>(m_random() % 10) / 100;
+        // FTRL's state means weights by its own rate only; elsewhere a rate is just the next step's.
+        if (m_options.optimiser != KAVO_OPTIMISER_FTRL) {
+          Check(KavoEmbeddingSetRates(m_embedding.get(), &m_options.rates));
+          m_model.SetRates(m_options.rates);
+        }
+    }
+  }
+
+  void CompareAll() {
+    std::vector<long> keys;
+    void* cursor = nullptr;
+    do {
+      long some[7];
+      unsigned long long num = 0;
+      Check(KavoEmbeddingNextKeys(m_embedding.get(), &cursor, some, 7, &num));
+      keys.insert(keys.end(), some, some + num);
+    } while (cursor != nullptr);
+    RC_ASSERT(keys.size() == m_model.Rows().size());
+    RC_ASSERT(std::set<long>(keys.begin(), keys.end()).size() == keys.size());
+    const std::size_t floats = KavoEmbeddingRowFloats(m_embedding.get());
+    RC_ASSERT(floats == m_dim + m_model.StateFloats());
+    std::vector<float> rows(keys.size() * floats);
+    std::vector<unsigned long long> steps(keys.size());
+    std::vector<unsigned char> found(keys.size());
+    Check(KavoEmbeddingGetRows(m_embedding.get(), keys.data(), keys.size(), rows.data(), steps.data(), found.data()));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      const Reference::Row* const row = m_model.Find(keys[i]);
+      RC_ASSERT(row != nullptr && found[i] == 1);
+      RC_ASSERT(steps[i] == row->step);
+      for (std::size_t f = 0; f < floats; ++f) {
+        const double expected = f < m_dim ? row->weights[f] : row->state[f - m_dim];
+        RC_ASSERT(IsClose(rows[i * floats + f], expected));
+      }
+    }
+    KavoEmbeddingStats stats{};
+    stats.size = sizeof(stats);
+    Check(KavoEmbeddingGetStats(m_embedding.get(), &stats));
+    RC_ASSERT(stats.rows == m_model.Rows().size());
+    RC_ASSERT(stats.steps == m_model.Steps());
+  }
+
+ private:
+  std::vector<long> Keys() {
+    std::vector<long> keys(m_random() % 4 == 0 ? m_random() % 1500 : m_random() % 40);
+    for (long& key : keys) {
+      constexpr long EXTREMES[] = {std::numeric_limits<long>::min(), std::numeric_limits<long>::max(), -1, 0};
+      const auto drawn = static_cast<long>(m_random() % m_space);
+      key = m_random() % 30 == 0 ? EXTREMES[m_random() % 4] : m_random() % 3 == 0 ? -drawn : drawn;
+    }
+    return keys;
+  }
+
+  Reference::Bags Bags(std::size_t num, const std::vector<long>& keys) {
+    Reference::Bags bags;
+    while (bags.offsets.back() < num || m_random() % 4 == 0) {
+      bags.offsets.push_back(std::min<unsigned long long>(num, bags.offsets.back() + m_random() % 60));
+    }
+    bags.mean = m_random() % 2 == 0;
+    if (!bags.mean && m_random() % 2 == 0) {
+      bags.weights = Floats(num);
+    }
+    bags.hasPadding = !keys.empty() && m_random() % 2 == 0;
+    bags.padding = bags.hasPadding ? keys[m_random() % keys.size()] : 0;
+    return bags;
+  }
+
+  std::vector<float> Floats(std::size_t num) {
+    std::vector<float> floats(num);
+    for (float& x : floats) {
+      x = static_cast<float>(static_cast<int>(m_random() % 2001) - 1000) / 1000;
+    }
+    return floats;
+  }
+
+  // Where keys start, from an embedding of the same starts that has no row.
+  std::vector<float> Starts(const std::vector<long>& keys) {
+    KavoEmbeddingOptions options = m_options;
+    options.expected = 8;
+    const Handle empty = Make(options);
+    std::vector<float> starts(keys.size() * m_dim);
+    Check(
+        KavoEmbeddingLookup(empty.get(), keys.data(), keys.size(), KAVO_ABSENT_START, nullptr, starts.data(), nullptr));
+    return starts;
+  }
+
+  std::span<const float> RowOf(const std::vector<float>& rows, std::size_t i) const {
+    return std::span(rows).subspan(i * m_dim, m_dim);
+  }
+
+  void Compare(const float* row, const long key, std::span<const float> absent) const {
+    const Reference::Row* const expected = m_model.Find(key);
+    for (std::size_t d = 0; d < m_dim; ++d) {
+      RC_ASSERT(IsClose(row[d], expected != nullptr ? expected->weights[d] : static_cast<double>(absent[d])));
+    }
+  }
+
+  void Forward() {
+    const std::vector<long> keys = Keys();
+    std::vector<unsigned> occurrences(m_random() % 2 == 0 ? keys.size() : 0);
+    for (unsigned& each : occurrences) {
+      each = 1 + static_cast<unsigned>(m_random() % 3);
+    }
+    const std::vector<float> starts = Starts(keys);
+    unsigned long long expected = 0;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      expected += m_model.Offer(keys[i], occurrences.empty() ? 1 : occurrences[i], RowOf(starts, i)) ? 0 : 1;
+    }
+    std::vector<float> rows(keys.size() * m_dim);
+    unsigned long long without = 0;
+    Check(KavoEmbeddingForward(m_embedding.get(), keys.data(), keys.size(),
+                               occurrences.empty() ? nullptr : occurrences.data(), rows.data(), &without));
+    // Several threads may offer the occurrences of one key in another order, which tells when occurrences differ.
+    RC_ASSERT(without == expected || (!occurrences.empty() && m_options.threads > 1));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      Compare(&rows[i * m_dim], keys[i], RowOf(starts, i));
+    }
+  }
+
+  void ComparePooled(const std::vector<float>& pooled, const std::vector<long>& keys, const Reference::Bags& bags,
+                     const std::vector<float>& absent) const {
+    for (std::size_t bag = 0; bag + 1 < bags.offsets.size(); ++bag) {
+      std::vector<double> sum(m_dim);
+      double counted = 0;
+      for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
+        if (bags.hasPadding && keys[i] == bags.padding) {
+          continue;
+        }
+        ++counted;
+        const Reference::Row* const row = m_model.Find(keys[i]);
+        for (std::size_t d = 0; d < m_dim; ++d) {
+          const double x = row != nullptr ? row->weights[d] : static_cast<double>(absent[i * m_dim + d]);
+          sum[d] += bags.weights.empty() ? x : bags.weights[i] * x;
+        }
+      }
+      for (std::size_t d = 0; d < m_dim; ++d) {
+        RC_ASSERT(IsClose(pooled[bag * m_dim + d], bags.mean && counted > 0 ? sum[d] / counted : sum[d]));
+      }
+    }
+  }
+
+  void ForwardBags() {
+    const std::vector<long> keys = Keys();
+    const Reference::Bags bags = Bags(keys.size(), keys);
+    const std::vector<float> starts = Starts(keys);
+    unsigned long long expected = 0;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (!(bags.hasPadding && keys[i] == bags.padding)) {
+        expected += m_model.Offer(keys[i], 1, RowOf(starts, i)) ? 0 : 1;
+      }
+    }
+    const KavoBags view = bags.View();
+    std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
+    unsigned long long without = 0;
+    Check(KavoEmbeddingForwardBags(m_embedding.get(), keys.data(), keys.size(), &view, pooled.data(), &without));
+    RC_ASSERT(without == expected);
+    ComparePooled(pooled, keys, bags, starts);
+  }
+
+  void Lookup() {
+    const std::vector<long> keys = Keys();
+    const unsigned kind = static_cast<unsigned>(m_random() % 3);
+    const std::vector<float> row = Floats(m_dim);
+    std::vector<float> absent(keys.size() * m_dim);
+    if (kind == KAVO_ABSENT_START) {
+      absent = Starts(keys);
+    } else if (kind == KAVO_ABSENT_ROW) {
+      for (std::size_t i = 0; i < absent.size(); ++i) {
+        absent[i] = row[i % m_dim];
+      }
+    }
+    std::vector<float> rows(keys.size() * m_dim);
+    std::vector<unsigned char> found(keys.size());
+    Check(
+        KavoEmbeddingLookup(m_embedding.get(), keys.data(), keys.size(), kind, row.data(), rows.data(), found.data()));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      RC_ASSERT(found[i] == (m_model.Find(keys[i]) != nullptr ? 1 : 0));
+      Compare(&rows[i * m_dim], keys[i], RowOf(absent, i));
+    }
+  }
+
+  void LookupBags() {
+    const std::vector<long> keys = Keys();
+    const Reference::Bags bags = Bags(keys.size(), keys);
+    const bool zeros = m_random() % 2 == 0;
+    const std::vector<float> absent = zeros ? std::vector<float>(keys.size() * m_dim) : Starts(keys);
+    const KavoBags view = bags.View();
+    std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
+    Check(KavoEmbeddingLookupBags(m_embedding.get(), keys.data(), keys.size(), &view,
+                                  zeros ? KAVO_ABSENT_ZEROS : KAVO_ABSENT_START, nullptr, pooled.data()));
+    ComparePooled(pooled, keys, bags, absent);
+  }
+
+  void Backward() {
+    const std::vector<long> keys = Keys();
+    const std::vector<float> gradients = Floats(keys.size() * m_dim);
+    const float scale = m_random() % 2 == 0 ? 1 : 0.5F;
+    unsigned long long passedOver = 0;
+    Check(KavoEmbeddingBackward(m_embedding.get(), keys.data(), keys.size(), gradients.data(), scale, &passedOver));
+    RC_ASSERT(passedOver == m_model.Step(keys, std::vector<double>(gradients.begin(), gradients.end()), scale));
+  }
+
+  void BackwardBags() {
+    const std::vector<long> keys = Keys();
+    const Reference::Bags bags = Bags(keys.size(), keys);
+    const std::vector<float> gradients = Floats((bags.offsets.size() - 1) * m_dim);
+    const std::vector<float> starts = Starts(keys);
+    std::vector<double> ofWeights(keys.size());
+    for (std::size_t bag = 0; bag + 1 < bags.offsets.size(); ++bag) {
+      for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
+        const Reference::Row* const row = m_model.Find(keys[i]);
+        for (std::size_t d = 0; d < m_dim && !(bags.hasPadding && keys[i] == bags.padding); ++d) {
+          ofWeights[i] += gradients[bag * m_dim + d] * (row != nullptr ? row->weights[d] : starts[i * m_dim + d]);
+        }
+      }
+    }
+    const KavoBags view = bags.View();
+    std::vector<float> weightGradients(keys.size(), 7);
+    unsigned long long passedOver = 0;
+    Check(KavoEmbeddingBackwardBags(m_embedding.get(), keys.data(), keys.size(), &view, gradients.data(), 1,
+                                    bags.weights.empty() ? nullptr : weightGradients.data(), &passedOver));
+    std::vector<double> ofKeys = m_model.OfKeys(keys, bags, gradients);
+    std::vector<long> trained;
+    std::vector<double> theirs;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (!(bags.hasPadding && keys[i] == bags.padding)) {
+        trained.push_back(keys[i]);
+        theirs.insert(theirs.end(), &ofKeys[i * m_dim], &ofKeys[i * m_dim] + m_dim);
+      }
+      RC_ASSERT(bags.weights.empty() || IsClose(weightGradients[i], ofWeights[i]));
+    }
+    RC_ASSERT(passedOver == m_model.Step(trained, theirs, 1));
+  }
+
+  void Set() {
+    const std::vector<long> keys = Keys();
+    const std::size_t floats = m_dim + m_model.StateFloats();
+    std::vector<float> rows = Floats(keys.size() * floats);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      rows[i] = i % floats < m_dim ? rows[i] : std::abs(rows[i]) + 0.1F;  // sums of squares
+    }
+    Check(KavoEmbeddingSetRows(m_embedding.get(), keys.data(), keys.size(), rows.data()));
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      m_model.Set(keys[i], std::span(rows).subspan(i * floats, floats));
+    }
+  }
+
+  std::mt19937_64 m_random;
+  KavoEmbeddingOptions m_options;
+  std::size_t m_dim;
+  Handle m_embedding;
+  Reference::Embedding m_model;
+  std::uint64_t m_space;
+};
+
+TEST(EmbeddingModel, EveryCallAnswersAsTheModelDoes) {
+  EXPECT_TRUE(rc::check("embedding and model", [](std::uint64_t seed, const std::vector<std::uint8_t>& calls) {
+    Pair pair(seed);
+    for (const std::uint8_t call : calls) {
+      pair.Call(call);
+    }
+    pair.CompareAll();
+  }));
+}
+
+}  // namespace

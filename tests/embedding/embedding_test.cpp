@@ -1,0 +1,204 @@
+// Properties of single calls that the model does not show: starts, refusals, owners, the serving handle.
+#include <cmath>
+#include <limits>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "embedding/handle.h"
+#include "kavo.hpp"
+
+using namespace EmbeddingTest;
+
+namespace {
+
+std::vector<float> StartOf(KavoEmbeddingOptions options, std::vector<long> keys) {
+  options.expected = 8;
+  const Handle embedding = Make(options);
+  std::vector<float> rows(keys.size() * options.dim);
+  Must(
+      KavoEmbeddingLookup(embedding.get(), keys.data(), keys.size(), KAVO_ABSENT_START, nullptr, rows.data(), nullptr));
+  return rows;
+}
+
+std::vector<long> Range(long num) {
+  std::vector<long> keys(static_cast<std::size_t>(num));
+  for (long i = 0; i < num; ++i) {
+    keys[static_cast<std::size_t>(i)] = i - num / 2;
+  }
+  return keys;
+}
+
+struct Moments {
+  double mean = 0;
+  double deviation = 0;
+  double least = HUGE_VAL;
+  double most = -HUGE_VAL;
+};
+
+Moments MomentsOf(const std::vector<float>& values) {
+  Moments of;
+  for (const float x : values) {
+    of.mean += x / static_cast<double>(values.size());
+    of.least = std::min<double>(of.least, x);
+    of.most = std::max<double>(of.most, x);
+  }
+  for (const float x : values) {
+    of.deviation += (x - of.mean) * (x - of.mean) / static_cast<double>(values.size());
+  }
+  of.deviation = std::sqrt(of.deviation);
+  return of;
+}
+
+TEST(EmbeddingStart, IsUniformOrNormalWithinTwoDeviations) {
+  KavoEmbeddingOptions options = Defaults(64, KAVO_OPTIMISER_SGD);
+  options.startA = -2;
+  options.startB = 6;
+  const Moments uniform = MomentsOf(StartOf(options, Range(4000)));  // 256,000 numbers: errors below 0.02
+  EXPECT_NEAR(uniform.mean, 2, 0.02);
+  EXPECT_NEAR(uniform.deviation, 8 / std::sqrt(12.0), 0.02);
+  EXPECT_GE(uniform.least, -2);
+  EXPECT_LT(uniform.most, 6);
+  EXPECT_NEAR(uniform.least, -2, 0.001);
+  EXPECT_NEAR(uniform.most, 6, 0.001);
+
+  options.initialiser = KAVO_START_NORMAL;
+  options.startA = 1;
+  options.startB = 0.5F;
+  const Moments normal = MomentsOf(StartOf(options, Range(4000)));
+  EXPECT_NEAR(normal.mean, 1, 0.005);
+  EXPECT_NEAR(normal.deviation, 0.5 * 0.87962566, 0.005);  // of a standard normal restricted to two deviations
+  EXPECT_GE(normal.least, 0);
+  EXPECT_LE(normal.most, 2);
+  EXPECT_NEAR(normal.least, 0, 0.001);  // restricted, not clamped: the ends are as rare as any value
+  EXPECT_NEAR(normal.most, 2, 0.001);
+}
+
+// Frozen: what a key starts with may not change between versions, machines or calls. The numbers were computed from the
+// definition by another program, in Python, with its own quantile of the normal distribution.
+TEST(EmbeddingStart, HasKnownValues) {
+  KavoEmbeddingOptions options = Defaults(2, KAVO_OPTIMISER_SGD);
+  options.seed = 42;
+  options.startA = -1;
+  options.startB = 1;
+  const std::vector<long> keys = {0, -1, std::numeric_limits<long>::min(), 123456789};
+  const std::vector<float> uniform = StartOf(options, keys);
+  options.initialiser = KAVO_START_NORMAL;
+  options.startA = 0;
+  const std::vector<float> normal = StartOf(options, keys);
+  options.dim = 5;
+  EXPECT_EQ(StartOf(options, keys)[6], normal[3]) << "a coordinate's start does not depend on dim";
+  const std::vector<float> EXPECTED_UNIFORM = {0.54411298F,  -0.23669754F,  -0.727069497F,  -0.835059762F,
+                                               0.223159194F, -0.522400737F, 0.00770839816F, 0.256131649F};
+  const std::vector<float> EXPECTED_NORMAL = {0.705266654F, -0.287052333F, -1.02362514F,   -1.2732321F,
+                                              0.270215303F, -0.67233783F,  0.00922159478F, 0.311365992F};
+  EXPECT_EQ(uniform, EXPECTED_UNIFORM);
+  EXPECT_EQ(normal, EXPECTED_NORMAL);
+}
+
+TEST(EmbeddingOwners, AreThoseOfThePartitionMapOverTheUpperHalfOfTheMixedKey) {
+  const std::vector<long> keys = Range(2000);
+  for (const unsigned n : {1U, 2U, 64U, 1023U}) {
+    std::vector<unsigned> owners(keys.size());
+    Must(KavoOwners(keys.data(), keys.size(), n, owners.data()));
+    std::vector<unsigned> ids(n);
+    for (unsigned i = 0; i < n; ++i) {
+      ids[i] = i;
+    }
+    const kavo::PartitionMap map(1, ids);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      ASSERT_EQ(owners[i], map.Owner(static_cast<unsigned long long>(kavo::MixKey(keys[i])) >> 32));
+    }
+  }
+}
+
+TEST(EmbeddingServing, HasNoStateAndRefusesBackward) {
+  const Handle embedding = Make(Defaults(3, KAVO_OPTIMISER_NONE));
+  EXPECT_EQ(KavoEmbeddingRowFloats(embedding.get()), 3U);
+  const long key = 1;
+  const float gradient[3] = {};
+  EXPECT_EQ(KavoEmbeddingBackward(embedding.get(), &key, 1, gradient, 1, nullptr), KAVO_INVALID);
+  EXPECT_STREQ(KavoEmbeddingLastError(), "KavoEmbeddingBackward: the embedding has no optimiser");
+}
+
+// Each refused argument, and what its text says; and that the refused call has done nothing.
+TEST(EmbeddingRefusals, NameWhatIsWrong) {
+  const auto refusal = [](int status) {
+    EXPECT_EQ(status, KAVO_INVALID);
+    const std::string text = KavoEmbeddingLastError();
+    return text.substr(text.find(": ") + 2);
+  };
+  KavoEmbeddingOptions right = Defaults(4, KAVO_OPTIMISER_ADAM);
+  const auto create = [&](auto change) {
+    KavoEmbeddingOptions options = right;
+    change(options);
+    KavoEmbedding* made = nullptr;
+    const std::string text = refusal(KavoEmbeddingCreate(&options, &made));
+    EXPECT_EQ(made, nullptr);
+    return text;
+  };
+  const float notANumber = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(create([](auto& o) { o.size = 8; }), "options->size is 8, below " + std::to_string(sizeof(right)));
+  EXPECT_EQ(create([](auto& o) { o.dim = 0; }), "dim is 0, not 1 to 65536");
+  EXPECT_EQ(create([](auto& o) { o.dim = 65537; }), "dim is 65537, not 1 to 65536");
+  EXPECT_EQ(create([](auto& o) { o.optimiser = 6; }), "optimiser is 6");
+  EXPECT_EQ(create([](auto& o) { o.initialiser = 4; }), "initialiser is 4");
+  EXPECT_EQ(create([&](auto& o) { o.startA = notANumber; }), "startA is nan");
+  EXPECT_EQ(create([](auto& o) { o.startB = o.startA; }), "startB is -0.5");
+  EXPECT_EQ(create([](auto& o) { o.initialAccumulator = -1; }), "initialAccumulator is -1");
+  EXPECT_EQ(create([](auto& o) { o.expected = 4294967295; }), "expected is 4294967295, above 4294967294");
+  EXPECT_EQ(create([](auto& o) { o.counts = 2; }), "counts is 2, not 0 or 1");
+  EXPECT_EQ(create([](auto& o) { o.growth = 0; }), "growth is 0");
+  EXPECT_EQ(create([](auto& o) { o.threads = 1025; }), "threads is 1025, above 1024");
+  EXPECT_EQ(create([](auto& o) { o.rates.learningRate = 0; }), "learningRate is 0");
+  EXPECT_EQ(create([](auto& o) { o.rates.beta2 = 1; }), "beta2 is 1");
+  EXPECT_EQ(create([](auto& o) { o.rates.l1 = HUGE_VAL; }), "l1 is inf");
+  EXPECT_EQ(refusal(KavoEmbeddingCreate(&right, nullptr)), "embedding is null");
+
+  const Handle embedding = Make(right);
+  const long keys[] = {1, 2};
+  float rows[8];
+  EXPECT_EQ(refusal(KavoEmbeddingLookup(nullptr, keys, 2, 0, nullptr, rows, nullptr)), "embedding is null");
+  EXPECT_EQ(refusal(KavoEmbeddingLookup(embedding.get(), nullptr, 2, 0, nullptr, rows, nullptr)), "keys is null");
+  EXPECT_EQ(refusal(KavoEmbeddingLookup(embedding.get(), keys, 2, 3, nullptr, rows, nullptr)), "absent is 3");
+  EXPECT_EQ(refusal(KavoEmbeddingLookup(embedding.get(), keys, 2, 1, nullptr, rows, nullptr)), "absentRow is null");
+  EXPECT_EQ(refusal(KavoEmbeddingForward(embedding.get(), keys, 2, nullptr, nullptr, nullptr)), "rows is null");
+  const unsigned occurrences[] = {1, 0};
+  EXPECT_EQ(refusal(KavoEmbeddingForward(embedding.get(), keys, 2, occurrences, rows, nullptr)), "occurrences[1] is 0");
+  EXPECT_EQ(refusal(KavoEmbeddingBackward(embedding.get(), keys, 2, nullptr, 1, nullptr)), "gradients is null");
+  KavoRates rates = right.rates;
+  rates.eps = -1;
+  EXPECT_EQ(refusal(KavoEmbeddingSetRates(embedding.get(), &rates)), "eps is -1");
+  const auto bags = [&](unsigned long long middle, unsigned long long last, auto change) {
+    const unsigned long long offsets[] = {0, middle, last};
+    KavoBags given{sizeof(KavoBags), 2, offsets, nullptr, KAVO_POOL_SUM, 0, 0};
+    change(given);
+    return refusal(KavoEmbeddingForwardBags(embedding.get(), keys, 2, &given, rows, nullptr));
+  };
+  const float weights[] = {1, 1};
+  EXPECT_EQ(bags(1, 3, [](auto&) {}), "bags->offsets[2], the last, is 3, not num, 2");
+  EXPECT_EQ(bags(3, 2, [](auto&) {}), "bags->offsets[2] is 2, below the one before it");
+  EXPECT_EQ(bags(1, 2, [](auto& b) { b.pool = 2; }), "bags->pool is 2");
+  EXPECT_EQ(bags(1, 2, [](auto& b) { b.hasPadding = 2; }), "bags->hasPadding is 2, not 0 or 1");
+  EXPECT_EQ(bags(1, 2, [](auto& b) { b.offsets = nullptr; }), "bags->offsets is null");
+  EXPECT_EQ(bags(1, 2,
+                 [&](auto& b) {
+                   b.pool = KAVO_POOL_MEAN;
+                   b.weights = weights;
+                 }),
+            "bags->weights are given with KAVO_POOL_MEAN");
+  unsigned owners[2];
+  EXPECT_EQ(refusal(KavoOwners(keys, 2, 0, owners)), "n is 0");
+  void* strange = &rates;
+  long some[2];
+  unsigned long long num = 0;
+  EXPECT_EQ(refusal(KavoEmbeddingNextKeys(embedding.get(), &strange, some, 2, &num)),
+            "*cursor is no walk of this embedding");
+  KavoEmbeddingStats stats{};
+  stats.size = sizeof(stats);
+  Must(KavoEmbeddingGetStats(embedding.get(), &stats));
+  EXPECT_EQ(stats.rows, 0U);
+  EXPECT_EQ(stats.steps, 0U);
+}
+
+}  // namespace

@@ -1,0 +1,228 @@
+// A saver dies before every write, fsync, rename and removal of a save in turn, or is answered with an error there.
+// What it had not brought to the disk by then is cut off, dropped or undone. What loads is the state before or after,
+// whole.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <set>
+
+#include "snapshot/file.h"
+#include "snapshot/snapshot_support.h"
+
+namespace SnapshotTest {
+namespace {
+
+using FileStep = Qen::FileHooks::Kind;
+using Qen::FileHooks::Operation;
+
+// What a power failure may do to what is not on the disk.
+enum class Loss { ALL, CONTENTS, HALF_OF_CONTENTS };
+
+// The disk as the saver's operations have left it. Of one process.
+class Disk {
+ public:
+  // Does what a crash before operation `nth` does, and ends the process; or fails that operation with `error`.
+  static void Arm(unsigned nth, Loss loss, int error) {
+    s_disk = {};
+    s_disk.m_left = nth;
+    s_disk.m_loss = loss;
+    s_disk.m_error = error;
+    Qen::FileHooks::SetHandler(&Disk::Handle);
+  }
+  static bool WasReached() { return s_disk.m_left == 0; }
+
+ private:
+  static int Handle(const Operation& operation) {
+    if (s_disk.m_left == 0) {
+      return 0;  // after the error
+    }
+    if (--s_disk.m_left == 0) {
+      if (s_disk.m_error == 0) {
+        s_disk.Crash();
+      }
+      return s_disk.m_error;
+    }
+    s_disk.Follow(operation);
+    return 0;
+  }
+
+  void Follow(const Operation& operation) {
+    switch (operation.kind) {
+      case FileStep::CREATE:
+        m_newNames.insert(operation.path);
+        m_contents.insert(operation.path);
+        break;
+      case FileStep::WRITE:
+        m_contents.insert(operation.path);
+        break;
+      case FileStep::SYNC:
+        m_contents.erase(operation.path);
+        break;
+      case FileStep::RENAME:
+        m_renames[operation.to] = operation.path;
+        m_newNames.erase(operation.path);
+        if (m_contents.erase(operation.path) != 0) {
+          m_contents.insert(operation.to);
+        }
+        break;
+      case FileStep::REMOVE:
+        m_newNames.erase(operation.path);
+        m_contents.erase(operation.path);
+        break;
+      case FileStep::SYNC_FOLDER:
+        m_newNames.clear();
+        m_renames.clear();
+        break;
+    }
+  }
+
+  void Crash() {
+    std::error_code ignored;
+    for (const std::string& path : m_contents) {
+      const auto size = std::filesystem::file_size(path, ignored);
+      std::filesystem::resize_file(path, m_loss == Loss::HALF_OF_CONTENTS ? size / 2 : 0, ignored);
+    }
+    if (m_loss == Loss::ALL) {
+      for (const auto& [to, from] : m_renames) {
+        std::filesystem::rename(to, from, ignored);
+      }
+      for (const std::string& path : m_newNames) {
+        std::filesystem::remove(path, ignored);
+      }
+    }
+    ::_exit(77);
+  }
+
+  unsigned m_left = 0;
+  Loss m_loss = Loss::ALL;
+  int m_error = 0;
+  std::set<std::string> m_contents;  // that are not on the disk
+  std::set<std::string> m_newNames;
+  std::map<std::string, std::string> m_renames;
+  static Disk s_disk;
+};
+Disk Disk::s_disk;
+
+class Crash : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_live = MakeOne();
+    const KavoSnapshotItem item = Item("rows", m_live.get());
+    for (const unsigned kind : {KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
+      m_trainer.Step(m_live.get(), 40);
+      const KavoSaveOptions options = Options(kind);
+      Must(KavoSnapshotSave(m_folder.Path().c_str(), &options, &item, 1, "old", 3, nullptr, nullptr, nullptr));
+    }
+    m_before = Contents(m_live.get());
+    m_trainer.Step(m_live.get(), 40);
+    m_after = Contents(m_live.get());
+    ASSERT_NE(m_before, m_after);
+  }
+  void TearDown() override { Qen::FileHooks::SetHandler(nullptr); }
+
+  static Handle MakeOne() {
+    KavoEmbeddingOptions options = EmbeddingTest::Defaults(2, KAVO_OPTIMISER_ADAGRAD);
+    options.expected = 8;
+    options.threads = 1;
+    return EmbeddingTest::Make(options);
+  }
+
+  int SaveNew(const std::string& folder, unsigned kind) const {
+    const KavoSnapshotItem item = Item("rows", m_live.get());
+    const KavoSaveOptions options = Options(kind, 1, 1);  // deletes the chain before a full one
+    return KavoSnapshotSave(folder.c_str(), &options, &item, 1, "new", 3, nullptr, nullptr, nullptr);
+  }
+
+  // Whether the folder's newest snapshot is the one that was to be saved; it must be that or the one before, whole.
+  bool IsAfter(const std::string& folder) {
+    const Handle loaded = MakeOne();
+    Must(Load(folder, loaded.get()));
+    char blob[3];
+    Must(KavoSnapshotReadBlob(folder.c_str(), 0, blob, sizeof(blob)));
+    const bool isAfter = std::string(blob, 3) == "new";
+    EXPECT_TRUE(Contents(loaded.get()) == (isAfter ? m_after : m_before));
+    return isAfter;
+  }
+
+  const TempFolder m_folder;
+  Trainer m_trainer{1};
+  Handle m_live;
+  Records m_before;
+  Records m_after;
+};
+
+TEST_F(Crash, LeavesTheStateBeforeOrAfter) {
+  for (const unsigned kind : {KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
+    for (const Loss loss : {Loss::ALL, Loss::CONTENTS, Loss::HALF_OF_CONTENTS}) {
+      bool crashed = true;
+      bool wasAfter = false;
+      for (unsigned nth = 1; crashed; ++nth) {
+        SCOPED_TRACE(::testing::Message() << "kind " << kind << ", loss " << static_cast<int>(loss) << ", crash before "
+                                          << "operation " << nth);
+        const TempFolder folder;
+        std::filesystem::copy(m_folder.Path(), folder.Path());
+        const pid_t child = ::fork();
+        if (child == 0) {
+          Disk::Arm(nth, loss, 0);
+          ::_exit(SaveNew(folder.Path(), kind) == KAVO_SUCCESS ? 0 : 1);
+        }
+        int ended = 0;
+        ASSERT_EQ(::waitpid(child, &ended, 0), child);
+        ASSERT_TRUE(WIFEXITED(ended));
+        ASSERT_NE(WEXITSTATUS(ended), 1);
+        crashed = WEXITSTATUS(ended) == 77;
+        const bool isAfter = IsAfter(folder.Path());
+        EXPECT_TRUE(isAfter || !wasAfter) << "what was on the disk is lost";
+        EXPECT_TRUE(crashed || isAfter);
+        wasAfter = isAfter;
+        // Whoever comes next is not held up, and loses nothing.
+        const auto [last, cut] = std::pair(m_live->Snapshots().last, m_live->Snapshots().cut);
+        Must(SaveNew(folder.Path(), isAfter ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT));
+        m_live->Snapshots().last = last;
+        m_live->Snapshots().cut = cut;
+        EXPECT_TRUE(IsAfter(folder.Path()));
+        if (HasFailure()) {
+          return;
+        }
+      }
+    }
+  }
+}
+
+// The same with errors of the system: they are reported, and the save that follows holds what this one would have.
+TEST_F(Crash, ErrorsAreReportedAndLoseNothing) {
+  for (const int error : {ENOSPC, EIO}) {
+    bool reached = true;
+    for (unsigned nth = 1; reached; ++nth) {
+      SCOPED_TRACE(::testing::Message() << "error at operation " << nth);
+      const TempFolder folder;
+      std::filesystem::copy(m_folder.Path(), folder.Path());
+      const auto [last, cut] = std::pair(m_live->Snapshots().last, m_live->Snapshots().cut);
+      Disk::Arm(nth, Loss::ALL, error);
+      const int status = SaveNew(folder.Path(), KAVO_SNAPSHOT_INCREMENT);
+      reached = Disk::WasReached();
+      Qen::FileHooks::SetHandler(nullptr);
+      if (status == KAVO_SUCCESS) {
+        // After the snapshot was there, or nothing failed.
+        EXPECT_TRUE(IsAfter(folder.Path()));
+      } else {
+        EXPECT_EQ(status, KAVO_IO_ERROR);
+        EXPECT_NE(std::string(KavoEmbeddingLastError()).find(std::generic_category().message(error)),
+                  std::string::npos);
+        EXPECT_FALSE(IsAfter(folder.Path()));
+        Must(SaveNew(folder.Path(), KAVO_SNAPSHOT_INCREMENT));
+        EXPECT_TRUE(IsAfter(folder.Path()));
+      }
+      m_live->Snapshots().last = last;
+      m_live->Snapshots().cut = cut;
+      if (HasFailure()) {
+        return;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace SnapshotTest

@@ -1,0 +1,383 @@
+// Full snapshots, increments and loading, in one thread.
+#include <numeric>
+
+#include "snapshot/save.h"
+#include "snapshot/snapshot_support.h"
+#include "support/seed.h"
+
+namespace SnapshotTest {
+namespace {
+
+struct Kind {
+  unsigned optimiser;
+  unsigned admission;
+  unsigned counts;
+  unsigned compress;
+};
+
+class RoundTrip : public ::testing::TestWithParam<Kind> {
+ protected:
+  Handle MakeOne(unsigned long long seed = 7) const {
+    KavoEmbeddingOptions options = EmbeddingTest::Defaults(5, GetParam().optimiser);
+    options.admission = GetParam().admission;
+    options.counts = GetParam().counts;
+    options.initialAccumulator = 0.25F;
+    options.expected = 100;
+    options.threads = 2;
+    options.seed = seed;
+    return EmbeddingTest::Make(options);
+  }
+};
+
+// A row that was offered and not trained has a count that no increment has.
+void TrainAll(Trainer& trainer, KavoEmbedding* embedding) {
+  for (int step = 0; step < 3; ++step) {
+    trainer.Step(embedding, 300);
+  }
+}
+
+Records Union(const std::vector<Handle>& shards) {
+  Records all;
+  for (const Handle& shard : shards) {
+    for (auto& [key, record] : Contents(shard.get())) {
+      EXPECT_TRUE(all.emplace(key, record).second) << "in two shards";
+    }
+  }
+  return all;
+}
+
+// But for the counts of rows, which increments do not have for rows that were only offered.
+Records WithoutCounts(Records records, const Kind& kind) {
+  for (auto& [key, record] : records) {
+    if (std::get<1>(key) == static_cast<unsigned>(Qen::BlockType::ROWS) && (kind.counts != 0 || kind.admission > 1)) {
+      record.erase(8, 4);
+    }
+  }
+  return records;
+}
+
+TEST_P(RoundTrip, FullAndIncrementsOnAnyNumberOfShardsEqualTheLiveOne) {
+  const TempFolder folder;
+  Trainer trainer(KavoTest::TestSeed());
+  const Handle live = MakeOne();
+  trainer.Step(live.get(), 1000);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get(), GetParam().compress));
+  const Records atFull = Contents(live.get());
+  for (int increment = 0; increment < 3; ++increment) {
+    TrainAll(trainer, live.get());
+    const long gone = trainer.AnyKey(live.get());
+    Forget(live.get(), gone);
+    Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get(), GetParam().compress));
+    trainer.Step(live.get(), 50);
+    // Now and then a forgotten key comes back, and is removed in one increment and a row in the next.
+    std::vector<float> row(5);
+    Must(KavoEmbeddingForward(live.get(), &gone, increment % 2, nullptr, row.data(), nullptr));
+  }
+  std::vector<float> rows(live->Layout().Floats(), 2.5F);
+  const long set = 1'000'000;
+  Must(KavoEmbeddingSetRows(live.get(), &set, 1, rows.data()));
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get(), GetParam().compress));
+  const Records contents = WithoutCounts(Contents(live.get()), GetParam());
+
+  for (unsigned shards = 1; shards <= 3; ++shards) {
+    std::vector<Handle> loaded;
+    for (unsigned shard = 0; shard < shards; ++shard) {
+      loaded.push_back(MakeOne(999));
+      Must(Load(folder.Path(), loaded.back().get(), shard, shards));
+    }
+    ASSERT_EQ(WithoutCounts(Union(loaded), GetParam()), contents) << shards << " shards";
+  }
+  // One in the middle of the chain: counts and all.
+  const Handle middle = MakeOne();
+  Must(Load(folder.Path(), middle.get(), 0, 1, 1));
+  EXPECT_EQ(Contents(middle.get()), atFull);
+
+  // The seed comes from the snapshot, so what was never trained starts as it would have.
+  const Handle restored = MakeOne(999);
+  Must(Load(folder.Path(), restored.get()));
+  const long unknown = 5'555'555;
+  float expected[5];
+  float start[5];
+  Must(KavoEmbeddingLookup(live.get(), &unknown, 1, KAVO_ABSENT_START, nullptr, expected, nullptr));
+  Must(KavoEmbeddingLookup(restored.get(), &unknown, 1, KAVO_ABSENT_START, nullptr, start, nullptr));
+  EXPECT_EQ(std::vector(start, start + 5), std::vector(expected, expected + 5));
+
+  // The restored one goes on where the live one stood, steps included, and so does its chain.
+  Trainer again(3);
+  TrainAll(again, restored.get());
+  Trainer same(3);
+  TrainAll(same, live.get());
+  ASSERT_EQ(WithoutCounts(Contents(restored.get()), GetParam()), WithoutCounts(Contents(live.get()), GetParam()));
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, restored.get(), GetParam().compress));
+  EXPECT_EQ(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()), KAVO_INVALID) << "it is not the newest's";
+  const Handle third = MakeOne();
+  Must(Load(folder.Path(), third.get()));
+  EXPECT_EQ(WithoutCounts(Contents(third.get()), GetParam()), WithoutCounts(Contents(live.get()), GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(, RoundTrip,
+                         ::testing::Values(Kind{KAVO_OPTIMISER_SGD, 0, 0, 0}, Kind{KAVO_OPTIMISER_ADAGRAD, 0, 1, 3},
+                                           Kind{KAVO_OPTIMISER_ADAM, 3, 0, 0}, Kind{KAVO_OPTIMISER_FTRL, 2, 1, 1},
+                                           Kind{KAVO_OPTIMISER_ROWWISE_ADAGRAD, 0, 0, 0}));
+
+// Shards save their parts into one snapshot; another number of them takes up the chain.
+TEST(Shards, IncrementOfTwoFollowsAFullOfThree) {
+  const TempFolder folder;
+  Trainer trainer(KavoTest::TestSeed());
+  const auto make = [] { return EmbeddingTest::Make(EmbeddingTest::Defaults(4, KAVO_OPTIMISER_SGD)); };
+  const auto save = [&](const std::vector<Handle>& shards, unsigned kind) {
+    const KavoSaveOptions options = Options(kind, static_cast<unsigned>(shards.size()));
+    KavoSave* saves[3] = {};
+    Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[0]));
+    unsigned long long number = 0;
+    unsigned long long id = 0;
+    Must(KavoSnapshotIdentity(saves[0], &number, &id));
+    for (unsigned i = 0; i < shards.size(); ++i) {
+      if (i != 0) {
+        Must(KavoSnapshotJoin(folder.Path().c_str(), &options, number, id, &saves[i]));
+      }
+      const KavoSnapshotItem item = Item("rows", shards[i].get());
+      Must(KavoSnapshotPart(saves[i], i, &item, 1, nullptr, nullptr));
+    }
+    for (unsigned i = 0; i < shards.size(); ++i) {
+      Must(KavoSnapshotCommit(saves[i], nullptr, 0));
+    }
+  };
+  std::vector<Handle> three;
+  for (unsigned i = 0; i < 3; ++i) {
+    three.push_back(make());
+    trainer.Step(three[i].get(), 300, i, 3);
+  }
+  save(three, KAVO_SNAPSHOT_FULL);
+  std::vector<Handle> two;
+  for (unsigned i = 0; i < 2; ++i) {
+    two.push_back(make());
+    Must(Load(folder.Path(), two[i].get(), i, 2));
+    trainer.Step(two[i].get(), 300, i, 2);
+  }
+  save(two, KAVO_SNAPSHOT_INCREMENT);
+  std::vector<Handle> one;
+  one.push_back(make());
+  Must(Load(folder.Path(), one[0].get()));
+  EXPECT_EQ(Union(one), Union(two));
+}
+
+// A key that was counted, admitted and moved while it was being saved stands in the file as both.
+TEST(Shards, ARowCountsMoreThanThatItsKeyWasCounted) {
+  class Source : public Qen::ItemSource {
+   public:
+    Qen::ItemDescription Description() const override {
+      Qen::ItemDescription item;
+      item.name = "rows";
+      item.dim = 1;
+      item.optimiser = KAVO_OPTIMISER_SGD;
+      return item;
+    }
+    void Begin(const Qen::FileHeader&) override {}
+    std::uint64_t ExpectedBytes() const override { return 0; }
+    void Write(Qen::PartWriter& writer, std::uint32_t item, Qen::Progress&) override {
+      const unsigned char counted[12] = {42, 0, 0, 0, 0, 0, 0, 0, 5};
+      const unsigned char row[20] = {42, 0, 0, 0, 0, 0, 0, 0, 1};
+      writer.AddBlock(Qen::BlockType::COUNTED, item, 1, counted);
+      writer.AddBlock(Qen::BlockType::ROWS, item, 1, row);
+    }
+    void Committed(const Qen::SaveIdentity&) noexcept override {}
+  };
+  const TempFolder folder;
+  Qen::Save save(folder.Path(), {Qen::SnapshotKind::FULL, 1, 0, 0});
+  std::vector<std::unique_ptr<Qen::ItemSource>> items;
+  items.push_back(std::make_unique<Source>());
+  Qen::Progress nobody(nullptr, nullptr);
+  save.WritePart(0, std::move(items), nobody);
+  save.Commit({});
+  KavoEmbeddingOptions options = EmbeddingTest::Defaults(1, KAVO_OPTIMISER_SGD);
+  options.admission = 9;
+  const Handle loaded = EmbeddingTest::Make(options);
+  Must(Load(folder.Path(), loaded.get()));
+  EXPECT_EQ(loaded->Rows(), 1U);
+}
+
+// A serving handle takes the weights of any optimiser, and follows increments while it is there.
+TEST(Serving, UpdatesEqualLoads) {
+  const TempFolder folder;
+  Trainer trainer(KavoTest::TestSeed());
+  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(4, KAVO_OPTIMISER_ADAM));
+  const auto make = [] { return EmbeddingTest::Make(EmbeddingTest::Defaults(4, KAVO_OPTIMISER_NONE)); };
+  trainer.Step(live.get(), 500);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
+  const Handle serving = make();
+  Must(Load(folder.Path(), serving.get(), 1, 2));
+  const KavoSnapshotItem item = Item("rows", serving.get());
+  for (int increment = 0; increment < 3; ++increment) {
+    for (int each = 0; each < 2; ++each) {
+      trainer.Step(live.get(), 100);
+      Forget(live.get(), trainer.AnyKey(live.get()));
+      Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+    }
+    unsigned long long number = 0;
+    Must(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr));
+    EXPECT_EQ(number, 3U + 2U * static_cast<unsigned>(increment));
+    const Handle fresh = make();
+    Must(Load(folder.Path(), fresh.get(), 1, 2));
+    ASSERT_EQ(Contents(serving.get()), Contents(fresh.get()));
+    EXPECT_EQ(serving->Rows(), fresh->Rows());
+  }
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
+  unsigned long long number = 0;
+  Must(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr));
+  EXPECT_EQ(number, 7U) << "a new chain is not theirs";
+  number = 8;
+  EXPECT_EQ(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr), KAVO_REFUSED_FILE);
+}
+
+// Marks of saves come again after 255 of them. A row that was last taken so long ago is not mistaken for taken.
+TEST(Marks, RowsAreTakenAlsoWhenMarksComeAgain) {
+  const TempFolder folder;
+  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  std::vector<long> keys(10);
+  std::vector<float> rows(20);
+  std::iota(keys.begin(), keys.end(), -5);
+  Must(KavoEmbeddingSetRows(live.get(), keys.data(), keys.size(), rows.data()));
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
+  Must(KavoEmbeddingBackward(live.get(), keys.data(), 0, rows.data(), 1, nullptr));  // a step later
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+  live->Snapshots().mark = 252;  // as after so many increments without these rows, whose mark is 1
+  for (const long key : keys) {
+    Must(KavoEmbeddingSetRows(live.get(), &key, 1, rows.data()));
+    Must(KavoEmbeddingBackward(live.get(), keys.data(), 0, rows.data(), 1, nullptr));
+    Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+    ASSERT_EQ(RecordsOf(folder.Path()).size(), 1U) << "mark " << live->Snapshots().mark;
+  }
+}
+
+class Tables : public ::testing::TestWithParam<unsigned> {};
+
+TEST_P(Tables, FullAndIncrementsEqualTheLiveOne) {
+  const TempFolder folder;
+  const auto all = [](unsigned id) {
+    std::map<long, std::pair<std::string, unsigned>> entries;
+    std::vector<KavoHtBatchElement> elements(5000);
+    KavoHtBatchInfo batch{elements.data(), 5000, KAVO_EXPORT_ALL, 0};
+    unsigned num = 0;
+    void* cursor = nullptr;
+    Must(KavoBatchGetNext(id, &batch, &num, &cursor));
+    for (unsigned i = 0; i < num; ++i) {
+      const KavoHtBatchElement& element = elements[i];
+      entries[element.key] = {element.value == nullptr ? "" : std::string(element.value, element.value + 12),
+                              element.value == nullptr ? element.count : 0};  // of rows: may be older
+    }
+    return entries;
+  };
+  std::mt19937_64 random(KavoTest::TestSeed());
+  Must(KavoInitHashTable(1, 100, 12, GetParam()));
+  for (unsigned round = 0; round < 3; ++round) {
+    for (int i = 0; i < 500; ++i) {
+      const long key = static_cast<long>(random() % 2000 << 32 | random() % 7);
+      unsigned char value[12];
+      std::memcpy(value, &i, sizeof(i));
+      if (GetParam() == KAVO_TABLE_TYPE_FILTER && i % 2 == 0) {
+        unsigned char* at = nullptr;
+        unsigned length = 0;
+        unsigned isFind = 0;
+        Must(KavoLookupOrInsert(1, key, &at, &length, &isFind, 60));
+      } else {
+        Must(KavoInsertOrUpdate(1, key, value, sizeof(value), 5));
+      }
+    }
+    const KavoSnapshotItem item = Item("table", nullptr, 1);
+    const KavoSaveOptions options = Options(round == 0 ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT);
+    const char blob[] = "position";
+    Must(KavoSnapshotSave(folder.Path().c_str(), &options, &item, 1, blob, round, nullptr, nullptr, nullptr));
+    EXPECT_EQ(round != 0, RecordsOf(folder.Path()).size() < all(1).size());
+  }
+  const auto live = all(1);
+  std::map<long, std::pair<std::string, unsigned>> together;
+  for (unsigned shard = 0; shard < 2; ++shard) {
+    Must(KavoInitHashTable(2, 100, 12, GetParam()));
+    const KavoSnapshotItem item = Item("table", nullptr, 2);
+    Must(KavoSnapshotLoad(folder.Path().c_str(), 0, &item, 1, shard, 2, nullptr, nullptr));
+    for (const auto& [key, entry] : all(2)) {
+      EXPECT_EQ((key >> 32) % 2, shard);
+      together[key] = entry;
+    }
+    Must(KavoUninitHashTable(2));
+  }
+  Must(KavoUninitHashTable(1));
+  EXPECT_EQ(together.size(), live.size());
+  EXPECT_TRUE(together == live);
+  char blob[2];
+  Must(KavoSnapshotReadBlob(folder.Path().c_str(), 0, blob, 2));
+  EXPECT_EQ(std::string(blob, 2), "po");
+}
+
+INSTANTIATE_TEST_SUITE_P(, Tables, ::testing::Values(KAVO_TABLE_TYPE_BASIC, KAVO_TABLE_TYPE_FILTER));
+
+TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
+  const TempFolder folder;
+  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  Trainer trainer(1);
+  const KavoSnapshotItem item = Item("rows", live.get());
+  for (const unsigned kind : {0U, 1U, 0U, 1U, 0U, 1U}) {
+    trainer.Step(live.get(), 20);
+    const KavoSaveOptions options = Options(kind, 1, 2);
+    Must(KavoSnapshotSave(folder.Path().c_str(), &options, &item, 1, nullptr, 0, nullptr, nullptr, nullptr));
+  }
+  EXPECT_EQ(Qen::Folder(folder.Path()).Numbers(), (std::vector<std::uint64_t>{3, 4, 5, 6}));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 9) << "4 manifests, 4 parts, lock";
+
+  KavoSave* first = nullptr;
+  KavoSave* second = nullptr;
+  const KavoSaveOptions options = Options(KAVO_SNAPSHOT_INCREMENT);
+  Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &first));
+  EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &second), KAVO_BUSY);
+  Must(KavoSnapshotPart(first, 0, &item, 1, nullptr, nullptr));
+  const TempFolder other;
+  EXPECT_EQ(Save(other.Path(), KAVO_SNAPSHOT_FULL, live.get()), KAVO_BUSY) << "the embedding is in the first";
+  Must(KavoSnapshotAbort(first));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 9);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+}
+
+// What ends a load after all was verified leaves an embedding as empty as it was; what ends a save, nothing.
+TEST(Progress, EndsACallAndTheStateBeforeStays) {
+  const TempFolder folder;
+  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  Trainer(1).Step(live.get(), 200);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
+  struct Counter {
+    int left;
+    unsigned long long done;
+    unsigned long long total;
+  };
+  const auto count = [](void* context, unsigned long long done, unsigned long long total) {
+    auto& counter = *static_cast<Counter*>(context);
+    EXPECT_GT(done, counter.done);
+    counter.done = done;
+    counter.total = total;
+    return counter.left-- == 0 ? 1 : 0;
+  };
+  const KavoSnapshotItem item = Item("rows", live.get());
+  const KavoSaveOptions options = Options(KAVO_SNAPSHOT_FULL);
+  Counter now{0, 0, 0};
+  EXPECT_EQ(KavoSnapshotSave(folder.Path().c_str(), &options, &item, 1, nullptr, 0, count, &now, nullptr), KAVO_FAILED);
+  EXPECT_EQ(Qen::Folder(folder.Path()).Numbers().size(), 1U);
+  const Handle loaded = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  const KavoSnapshotItem into = Item("rows", loaded.get());
+  int passed = 0;
+  for (;; ++passed) {
+    Counter ends{passed, 0, 0};
+    const int status = KavoSnapshotLoad(folder.Path().c_str(), 0, &into, 1, 0, 1, count, &ends);
+    if (status == KAVO_SUCCESS) {
+      EXPECT_EQ(ends.done, ends.total);
+      break;
+    }
+    ASSERT_EQ(status, KAVO_FAILED);
+    ASSERT_TRUE(Contents(loaded.get()).empty());
+    ASSERT_EQ(loaded->Rows(), 0U);
+  }
+  EXPECT_GT(passed, 1) << "verified, then installed";
+  EXPECT_EQ(Contents(loaded.get()), Contents(live.get()));
+}
+
+}  // namespace
+}  // namespace SnapshotTest
