@@ -59,7 +59,7 @@ int LookupOrInsert(const Table& table, const long* keys, unsigned long long num,
                    unsigned* isFind, const CountOf& countOf, unsigned long long& done) {
   constexpr bool BASIC = std::is_same_v<Table, BasicTable>;
   constexpr Prefetch AHEAD = BASIC ? Prefetch::CELLS : Prefetch::RECORDS;
-  return ForEachKey<AHEAD>(table, keys, num, done, [&](unsigned long long i, auto* record) {
+  return ForEachKey<AHEAD>(table, keys, num, done, [&](unsigned long long i, [[maybe_unused]] auto* record) {
     unsigned char* block = nullptr;
     if constexpr (BASIC) {
       if (record != nullptr) {  // the group's search has found it: a key stays, and no occurrence is counted

@@ -35,7 +35,7 @@ class TableWalk {
       const std::size_t repeated = m_hasLast && elements[0].key == m_last ? 1 : 0;
       m_hasLast = true;
       m_last = elements[num - 1].key;
-      std::copy(elements.begin() + repeated, elements.begin() + num, elements.begin());
+      std::copy(elements.data() + repeated, elements.data() + num, elements.data());
       if (num > repeated) {
         sign = m_table == 0 ? 0 : SIGN;
         return num - repeated;

@@ -221,7 +221,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind
         try {
           return MakeRecord(value, info, true);
         }
-        KAVO_CATCH_NO_RECORD("operator()")
+        KAVO_CATCH_NO_RECORD("operator()")  // NOLINT(bugprone-lambda-function-name): meant
       },
       [&info](FilterRecord& record) {
         info.rawPtr = VTraits::Block(record);
@@ -236,7 +236,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind
     try {
       return MakeRecord(value, info, info.filterCount > Threshold());
     }
-    KAVO_CATCH_NO_RECORD("operator()")
+    KAVO_CATCH_NO_RECORD("operator()")  // NOLINT(bugprone-lambda-function-name): meant
   };
   // Runs once in a call: the hash table waits by itself for a record that is not there yet. So the call counts once.
   const auto onFound = [this, &info](FilterRecord& record) {

@@ -141,7 +141,8 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
   for (float& gradient : gradients) {
     gradient = static_cast<float>(random() % 1000) / 999 - 0.3F;
   }
-  for (const unsigned optimiser : {KAVO_OPTIMISER_ROWWISE_ADAGRAD, KAVO_OPTIMISER_ADAM, KAVO_OPTIMISER_FTRL}) {
+  const std::vector<unsigned> OPTIMISERS{KAVO_OPTIMISER_ROWWISE_ADAGRAD, KAVO_OPTIMISER_ADAM, KAVO_OPTIMISER_FTRL};
+  for (const unsigned optimiser : OPTIMISERS) {
     std::vector<float> first;
     for (const unsigned threads : {1U, 2U, 3U, 8U}) {
       KavoEmbeddingOptions options = Defaults(7, optimiser);

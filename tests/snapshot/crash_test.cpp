@@ -110,7 +110,7 @@ class Crash : public ::testing::Test {
   void SetUp() override {
     m_live = MakeOne();
     const KavoSnapshotItem item = Item("rows", m_live.get());
-    for (const unsigned kind : {KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
+    for (const unsigned kind : std::vector<unsigned>{KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
       m_trainer.Step(m_live.get(), 40);
       const KavoSaveOptions options = Options(kind);
       Must(KavoSnapshotSave(m_folder.Path().c_str(), &options, &item, 1, "old", 3, nullptr, nullptr, nullptr));
@@ -154,7 +154,7 @@ class Crash : public ::testing::Test {
 };
 
 TEST_F(Crash, LeavesTheStateBeforeOrAfter) {
-  for (const unsigned kind : {KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
+  for (const unsigned kind : std::vector<unsigned>{KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
     for (const Loss loss : {Loss::ALL, Loss::CONTENTS, Loss::HALF_OF_CONTENTS}) {
       bool crashed = true;
       bool wasAfter = false;
