@@ -80,8 +80,7 @@ class LogCapture {
   }
 
   std::size_t Count(const std::string& message) const {
-    const std::vector<std::string> messages = Messages();
-    return static_cast<std::size_t>(std::count(messages.begin(), messages.end(), message));
+    return static_cast<std::size_t>(std::ranges::count(Messages(), message));
   }
 
   void Clear() {
