@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <limits>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "platform/log.h"
 #include "platform/log_sink.h"
@@ -29,18 +29,15 @@ TEST(LogLine, TheFrameNamesUnitLineThreadAndBareFunction) {
   const int here = __LINE__ + 1;
   KAVO_LOG_DEBUG(LINE_UNIT, "%s : (odd) ]tid:", "text");
 
-  const auto rendered = [&capture] {
-    std::vector<std::string> texts;
-    for (const KavoTest::LogLine& line : capture.Lines()) {
-      texts.push_back(std::to_string(line.channel) + ' ' + std::to_string(line.level) + ' ' + line.function + ": " +
-                      line.message);
-    }
-    return texts;
-  };
-  EXPECT_EQ(rendered(),
-            (std::vector<std::string>{
-                "16777277 4 LogFromTemplate: from a template, ret[-3]", "16777277 2 operator(): from a lambda",
-                "16777277 1 TestBody: size 18446744073709551615, 100%", "65597 0 TestBody: text : (odd) ]tid:"}));
+  std::ostringstream texts;
+  for (const KavoTest::LogLine& line : capture.Lines()) {
+    texts << line.channel << ' ' << line.level << ' ' << line.function << ": " << line.message << '\n';
+  }
+  EXPECT_EQ(texts.str(),
+            "16777277 4 LogFromTemplate: from a template, ret[-3]\n"
+            "16777277 2 operator(): from a lambda\n"
+            "16777277 1 TestBody: size 18446744073709551615, 100%\n"
+            "65597 0 TestBody: text : (odd) ]tid:\n");
   const std::string number = std::to_string(here);
   EXPECT_EQ(capture.Lines().back().raw, "[unit.cpp:" + number + "]tid:" + std::to_string(::gettid()) + ",TestBody(" +
                                             number + ") : text : (odd) ]tid:\r\n");

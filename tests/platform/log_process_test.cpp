@@ -43,14 +43,11 @@ void Fire(int number, const std::string& text = {}) {
 
 template <class Work>
 void InFourThreads(Work work) {
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int t = 1; t < 4; ++t) {
     threads.emplace_back(work, t);
   }
   work(0);  // signals of the process come to this one
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
 }
 
 // Prints: lines held back so far, nanoseconds from before the first line to after the last.

@@ -106,7 +106,7 @@ TEST(LogSinkChange, EveryLineReachesOneLiveSink) {
   sinks[0].Install();
   std::atomic<bool> stop{false};
   std::atomic<unsigned long long> logged{0};
-  std::vector<std::thread> loggers;
+  std::vector<std::jthread> loggers;
   for (unsigned i = 0; i < 3; ++i) {
     loggers.emplace_back([&] {
       for (; !stop; ++logged) {
@@ -119,9 +119,7 @@ TEST(LogSinkChange, EveryLineReachesOneLiveSink) {
     sinks[i - 1].retired = true;
   }
   stop = true;
-  for (std::thread& logger : loggers) {
-    logger.join();
-  }
+  loggers.clear();
   Qen::SetLogSink(nullptr);
   unsigned long long written = 0;
   for (const Sink& sink : sinks) {

@@ -38,15 +38,18 @@ class FilterTableTest : public testing::Test {
     const int status = m_table.InsertOrFindWithCounter(info);
     return {status, info.rawPtr, info.memKind};
   }
-  Answer OfferDefault(long key) {
-    FilterTable::FilterOperationInfo info{key, nullptr, MemKind::ORDINARY, 0};
-    const int status = m_table.InsertOrFindForDefaultKey(info);
-    return {status, info.rawPtr, info.memKind};
+  unsigned char* PrepareOne() {
+    unsigned long long count = 0;
+    unsigned char* prepared = nullptr;
+    EXPECT_EQ(KAVO_SUCCESS, m_table.PrepareMemForValues(count));
+    EXPECT_EQ(KAVO_SUCCESS, m_table.GetMemForValue(0, prepared));
+    return prepared;
   }
   // Without a block in stock the next one must be allocated.
   void UseUpStock() {
     for (long key = 1000; key < 1008; ++key) {
-      OfferDefault(key);
+      FilterTable::FilterOperationInfo info{key, nullptr, MemKind::ORDINARY, 0};
+      m_table.InsertOrFindForDefaultKey(info);
     }
   }
 
@@ -55,10 +58,7 @@ class FilterTableTest : public testing::Test {
 };
 
 TEST_F(FilterTableTest, TheCommonInsertOrFindCountsOneOccurrence) {
-  unsigned long long count = 0;
-  ASSERT_EQ(KAVO_SUCCESS, m_table.PrepareMemForValues(count));
-  unsigned char* prepared = nullptr;
-  ASSERT_EQ(KAVO_SUCCESS, m_table.GetMemForValue(0, prepared));
+  const unsigned char* const prepared = PrepareOne();
   m_table.SetFilterFreq(3);
   for (int occurrence = 1; occurrence <= 4; ++occurrence) {
     FilterTable::OperationInfo info{7, nullptr, MemKind::PREPARED};
@@ -74,10 +74,7 @@ TEST_F(FilterTableTest, TheCommonInsertOrFindCountsOneOccurrence) {
 
 // A prepared block is taken only when nothing but it is missing.
 TEST_F(FilterTableTest, AnOfferWithoutMemoryForTheRecordTakesNoBlock) {
-  unsigned long long count = 0;
-  ASSERT_EQ(KAVO_SUCCESS, m_table.PrepareMemForValues(count));
-  unsigned char* prepared = nullptr;
-  ASSERT_EQ(KAVO_SUCCESS, m_table.GetMemForValue(0, prepared));
+  unsigned char* const prepared = PrepareOne();
   Qen::TestHooks::FailAllocation(1, true);
   EXPECT_EQ((Answer{KAVO_NO_MEMORY, nullptr, MemKind::PREPARED}), Offer(1, 100, MemKind::PREPARED));
   Qen::TestHooks::FailAllocation(0);
