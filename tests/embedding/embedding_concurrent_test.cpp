@@ -1,9 +1,7 @@
 // What holds when many threads call at once.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
+#include <numeric>
 #include <random>
 #include <thread>
 #include <vector>
@@ -38,11 +36,8 @@ class TornRows : public testing::TestWithParam<unsigned> {};
 TEST_P(TornRows, ReadersSeeTheFloatsOfOneMoment) {
   const Handle embedding = Make(Agreeing(KAVO_OPTIMISER_ADAGRAD, GetParam()));
   std::vector<long> hot(16);
-  for (std::size_t i = 0; i < hot.size(); ++i) {
-    hot[i] = static_cast<long>(i) - 8;
-  }
-  std::vector<float> rows(hot.size() * DIM);
-  Must(KavoEmbeddingForward(embedding.get(), hot.data(), hot.size(), nullptr, rows.data(), nullptr));
+  std::iota(hot.begin(), hot.end(), -8);
+  Forward(embedding, hot, DIM);
   std::atomic<bool> over{false};
   const auto write = [&](unsigned which) {
     std::mt19937_64 random(which);
@@ -54,14 +49,9 @@ TEST_P(TornRows, ReadersSeeTheFloatsOfOneMoment) {
       Must(KavoEmbeddingBackward(embedding.get(), hot.data(), hot.size(), gradients.data(), 1, nullptr));
       std::fill(whole.begin(), whole.end(), 1 + gradient);
       Must(KavoEmbeddingSetRows(embedding.get(), hot.data(), 2, whole.data()));
-      long fresh[8];
-      float starts[8 * DIM];
-      for (long& key : fresh) {
-        key = static_cast<long>(random());
-      }
-      Must(KavoEmbeddingForward(embedding.get(), fresh, 8, nullptr, starts, nullptr));
-      ASSERT_TRUE(Agrees(starts, 8 * DIM));
-      ASSERT_EQ(starts[0], 1);
+      std::vector<long> fresh(8);
+      std::generate(fresh.begin(), fresh.end(), [&] { return static_cast<long>(random()); });
+      ASSERT_EQ(Forward(embedding, fresh, DIM), std::vector<float>(8 * DIM, 1));
     }
   };
   const auto read = [&] {
@@ -82,19 +72,9 @@ TEST_P(TornRows, ReadersSeeTheFloatsOfOneMoment) {
       ASSERT_TRUE(Agrees(pooled + DIM, DIM));
     }
   };
-  std::vector<std::thread> readers;
-  readers.emplace_back(read);
-  readers.emplace_back(read);
-  std::vector<std::thread> writers;
-  writers.emplace_back(write, 1);
-  writers.emplace_back(write, 2);
-  for (std::thread& writer : writers) {
-    writer.join();
-  }
+  const std::jthread readers[] = {std::jthread(read), std::jthread(read)};
+  { const std::jthread writers[] = {std::jthread(write, 1), std::jthread(write, 2)}; }
   over.store(true);
-  for (std::thread& reader : readers) {
-    reader.join();
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(BothWaysToGrow, TornRows, testing::Values(KAVO_REHASH_GRADUAL, KAVO_REHASH_WHOLE_TABLE));
@@ -105,28 +85,20 @@ TEST(EmbeddingConcurrent, NoUpdateIsLost) {
   KavoEmbeddingOptions options = Agreeing(KAVO_OPTIMISER_SGD, KAVO_REHASH_WHOLE_TABLE);
   options.rates.learningRate = 1;
   const Handle embedding = Make(options);
-  const long keys[] = {3, -3, 4};
-  float rows[3 * DIM];
-  Must(KavoEmbeddingForward(embedding.get(), keys, 3, nullptr, rows, nullptr));
+  const std::vector<long> keys = {3, -3, 4};
+  Forward(embedding, keys, DIM);
   const std::vector<float> ones(3 * DIM, 1);
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int thread = 0; thread < THREADS; ++thread) {
     threads.emplace_back([&] {
       for (int call = 0; call < CALLS; ++call) {
-        Must(KavoEmbeddingBackward(embedding.get(), keys, 3, ones.data(), 1, nullptr));
+        Must(KavoEmbeddingBackward(embedding.get(), keys.data(), 3, ones.data(), 1, nullptr));
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  Must(KavoEmbeddingLookup(embedding.get(), keys, 3, KAVO_ABSENT_ZEROS, nullptr, rows, nullptr));
-  EXPECT_TRUE(Agrees(rows, 3 * DIM));
-  EXPECT_EQ(rows[0], 1 - THREADS * CALLS);
-  KavoEmbeddingStats stats{};
-  stats.size = sizeof(stats);
-  Must(KavoEmbeddingGetStats(embedding.get(), &stats));
-  EXPECT_EQ(stats.steps, static_cast<unsigned long long>(THREADS) * CALLS);
+  threads.clear();
+  EXPECT_EQ(Lookup(embedding, keys, DIM), std::vector<float>(3 * DIM, 1 - THREADS * CALLS));
+  EXPECT_EQ(StatsOf(embedding).steps, static_cast<unsigned long long>(THREADS) * CALLS);
 }
 
 // One caller: the bytes of all rows depend on the calls only.
@@ -134,13 +106,9 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
   constexpr std::size_t NUM = 30000;
   std::mt19937_64 random(7);
   std::vector<long> keys(NUM);
-  for (long& key : keys) {
-    key = static_cast<long>(random() % 9000) - 4000;
-  }
+  std::generate(keys.begin(), keys.end(), [&] { return static_cast<long>(random() % 9000) - 4000; });
   std::vector<float> gradients(NUM * 7);
-  for (float& gradient : gradients) {
-    gradient = static_cast<float>(random() % 1000) / 999 - 0.3F;
-  }
+  std::generate(gradients.begin(), gradients.end(), [&] { return static_cast<float>(random() % 1000) / 999 - 0.3F; });
   const std::vector<unsigned> OPTIMISERS{KAVO_OPTIMISER_ROWWISE_ADAGRAD, KAVO_OPTIMISER_ADAM, KAVO_OPTIMISER_FTRL};
   for (const unsigned optimiser : OPTIMISERS) {
     std::vector<float> first;
@@ -148,9 +116,8 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
       KavoEmbeddingOptions options = Defaults(7, optimiser);
       options.threads = threads;
       const Handle embedding = Make(options);
-      std::vector<float> rows(NUM * 7);
       for (int step = 0; step < 3; ++step) {
-        Must(KavoEmbeddingForward(embedding.get(), keys.data(), NUM, nullptr, rows.data(), nullptr));
+        Forward(embedding, keys, 7);
         Must(KavoEmbeddingBackward(embedding.get(), keys.data(), NUM, gradients.data(), 0.5F, nullptr));
       }
       std::vector<float> whole(NUM * KavoEmbeddingRowFloats(embedding.get()));
@@ -168,23 +135,14 @@ TEST(EmbeddingConcurrent, AForkedChildWorksOnItsOwnThread) {
   options.threads = 3;
   const Handle embedding = Make(options);
   std::vector<long> keys(20000);
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    keys[i] = static_cast<long>(i);
-  }
-  std::vector<float> rows(keys.size() * DIM);
-  Must(KavoEmbeddingForward(embedding.get(), keys.data(), keys.size(), nullptr, rows.data(), nullptr));
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    std::vector<float> seen(rows.size());
-    const int status = KavoEmbeddingLookup(embedding.get(), keys.data(), keys.size(), KAVO_ABSENT_ZEROS, nullptr,
-                                           seen.data(), nullptr);
-    const int trained = KavoEmbeddingBackward(embedding.get(), keys.data(), keys.size(), rows.data(), 1, nullptr);
-    _exit(status == KAVO_SUCCESS && trained == KAVO_SUCCESS && seen == rows ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  std::iota(keys.begin(), keys.end(), 0);
+  const std::vector<float> rows = Forward(embedding, keys, DIM);
+  const int ended = InAChild([&] {
+    const bool same = Lookup(embedding, keys, DIM, KAVO_ABSENT_ZEROS) == rows;
+    return same && KavoEmbeddingBackward(embedding.get(), keys.data(), keys.size(), rows.data(), 1, nullptr) == 0 ? 0
+                                                                                                                  : 1;
+  });
+  EXPECT_EQ(ended, 0);
 }
 
 }  // namespace

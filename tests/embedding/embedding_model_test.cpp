@@ -1,49 +1,29 @@
 // Random embeddings and sequences of calls against a model in double precision: every output, and every row at the end.
 // Rows are compared as floats computed in another order are: within a share of their size.
-#include <gtest/gtest.h>
-#include <kavo_embedding.h>
 #include <rapidcheck.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
-#include <memory>
 #include <random>
 #include <set>
-#include <sstream>
-#include <string>
 #include <vector>
 
+#include "embedding/handle.h"
 #include "embedding/reference_embedding.h"
 
+using namespace EmbeddingTest;
+
 namespace {
-
-struct Destroy {
-  void operator()(KavoEmbedding* embedding) const { KavoEmbeddingDestroy(embedding); }
-};
-using Handle = std::unique_ptr<KavoEmbedding, Destroy>;
-
-void Check(int status) {
-  if (status != KAVO_SUCCESS) {
-    RC_FAIL(std::to_string(status) + " " + KavoEmbeddingLastError());
-  }
-}
-
-Handle Make(const KavoEmbeddingOptions& options) {
-  KavoEmbedding* embedding = nullptr;
-  Check(KavoEmbeddingCreate(&options, &embedding));
-  return Handle(embedding);
-}
 
 bool IsClose(double a, double b) {
   return std::abs(a - b) <= 2e-3 * (1 + std::abs(a) + std::abs(b));
 }
 
 KavoEmbeddingOptions RandomOptions(std::mt19937_64& random) {
-  KavoEmbeddingOptions options{};
-  Check(KavoEmbeddingDefaults(&options, sizeof(options), 1 + static_cast<unsigned>(random() % 20),
-                              1 + static_cast<unsigned>(random() % 5)));
+  const unsigned dim = 1 + static_cast<unsigned>(random() % 20);
+  KavoEmbeddingOptions options = Defaults(dim, 1 + static_cast<unsigned>(random() % 5));
   options.initialiser = static_cast<unsigned>(random() % 4);
   options.startA = -0.25F;
   options.startB = 0.5F;
@@ -73,38 +53,10 @@ class Pair {
         m_space(20 + m_random() % 3000) {}
 
   void Call(std::uint64_t which) {
-    switch (which % 10) {
-      case 0:
-      case 1:
-        Forward();
-        break;
-      case 2:
-        ForwardBags();
-        break;
-      case 3:
-      case 4:
-        Backward();
-        break;
-      case 5:
-        BackwardBags();
-        break;
-      case 6:
-        Lookup();
-        break;
-      case 7:
-        LookupBags();
-        break;
-      case 8:
-        Set();
-        break;
-      default:
-        m_options.rates.learningRate = 0.01 + static_cast<double>(m_random() % 10) / 100;
-        // FTRL's state means weights by its own rate only; elsewhere a rate is just the next step's.
-        if (m_options.optimiser != KAVO_OPTIMISER_FTRL) {
-          Check(KavoEmbeddingSetRates(m_embedding.get(), &m_options.rates));
-          m_model.SetRates(m_options.rates);
-        }
-    }
+    constexpr void (Pair::*CALLS[])() = {&Pair::Forward,  &Pair::Forward,      &Pair::ForwardBags, &Pair::Backward,
+                                         &Pair::Backward, &Pair::BackwardBags, &Pair::Lookup,      &Pair::LookupBags,
+                                         &Pair::Set,      &Pair::SetRates};
+    (this->*CALLS[which % std::size(CALLS)])();
   }
 
   void CompareAll() {
@@ -113,7 +65,7 @@ class Pair {
     do {
       long some[7];
       unsigned long long num = 0;
-      Check(KavoEmbeddingNextKeys(m_embedding.get(), &cursor, some, 7, &num));
+      Must(KavoEmbeddingNextKeys(m_embedding.get(), &cursor, some, 7, &num));
       keys.insert(keys.end(), some, some + num);
     } while (cursor != nullptr);
     RC_ASSERT(keys.size() == m_model.Rows().size());
@@ -123,7 +75,7 @@ class Pair {
     std::vector<float> rows(keys.size() * floats);
     std::vector<unsigned long long> steps(keys.size());
     std::vector<unsigned char> found(keys.size());
-    Check(KavoEmbeddingGetRows(m_embedding.get(), keys.data(), keys.size(), rows.data(), steps.data(), found.data()));
+    Must(KavoEmbeddingGetRows(m_embedding.get(), keys.data(), keys.size(), rows.data(), steps.data(), found.data()));
     for (std::size_t i = 0; i < keys.size(); ++i) {
       const Reference::Row* const row = m_model.Find(keys[i]);
       RC_ASSERT(row != nullptr && found[i] == 1);
@@ -133,9 +85,7 @@ class Pair {
         RC_ASSERT(IsClose(rows[i * floats + f], expected));
       }
     }
-    KavoEmbeddingStats stats{};
-    stats.size = sizeof(stats);
-    Check(KavoEmbeddingGetStats(m_embedding.get(), &stats));
+    const KavoEmbeddingStats stats = StatsOf(m_embedding);
     RC_ASSERT(stats.rows == m_model.Rows().size());
     RC_ASSERT(stats.steps == m_model.Steps());
   }
@@ -177,22 +127,32 @@ class Pair {
   std::vector<float> Starts(const std::vector<long>& keys) {
     KavoEmbeddingOptions options = m_options;
     options.expected = 8;
-    const Handle empty = Make(options);
-    std::vector<float> starts(keys.size() * m_dim);
-    Check(
-        KavoEmbeddingLookup(empty.get(), keys.data(), keys.size(), KAVO_ABSENT_START, nullptr, starts.data(), nullptr));
-    return starts;
+    return EmbeddingTest::Lookup(Make(options), keys, options.dim);
   }
 
-  std::span<const float> RowOf(const std::vector<float>& rows, std::size_t i) const {
-    return std::span(rows).subspan(i * m_dim, m_dim);
+  // The weights of keys[i], which are absent's when it has no row.
+  double Weight(const std::vector<long>& keys, const std::vector<float>& absent, std::size_t i, std::size_t d) const {
+    const Reference::Row* const row = m_model.Find(keys[i]);
+    return row != nullptr ? row->weights[d] : absent[i * m_dim + d];
   }
 
-  void Compare(const float* row, const long key, std::span<const float> absent) const {
-    const Reference::Row* const expected = m_model.Find(key);
-    for (std::size_t d = 0; d < m_dim; ++d) {
-      RC_ASSERT(IsClose(row[d], expected != nullptr ? expected->weights[d] : static_cast<double>(absent[d])));
+  void Compare(const std::vector<float>& rows, const std::vector<long>& keys, const std::vector<float>& absent) const {
+    for (std::size_t at = 0; at < rows.size(); ++at) {
+      RC_ASSERT(IsClose(rows[at], Weight(keys, absent, at / m_dim, at % m_dim)));
     }
+  }
+
+  // Answers how many keys have no row at their turn.
+  unsigned long long Offer(const std::vector<long>& keys, const std::vector<float>& starts,
+                           const std::vector<unsigned>& occurrences, const Reference::Bags& bags) {
+    unsigned long long without = 0;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (!bags.IsPadding(keys[i])) {
+        const auto start = std::span(starts).subspan(i * m_dim, m_dim);
+        without += m_model.Offer(keys[i], occurrences.empty() ? 1 : occurrences[i], start) ? 0 : 1;
+      }
+    }
+    return without;
   }
 
   void Forward() {
@@ -202,57 +162,37 @@ class Pair {
       each = 1 + static_cast<unsigned>(m_random() % 3);
     }
     const std::vector<float> starts = Starts(keys);
-    unsigned long long expected = 0;
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      expected += m_model.Offer(keys[i], occurrences.empty() ? 1 : occurrences[i], RowOf(starts, i)) ? 0 : 1;
-    }
+    const unsigned long long expected = Offer(keys, starts, occurrences, {});
     std::vector<float> rows(keys.size() * m_dim);
     unsigned long long without = 0;
-    Check(KavoEmbeddingForward(m_embedding.get(), keys.data(), keys.size(),
-                               occurrences.empty() ? nullptr : occurrences.data(), rows.data(), &without));
+    Must(KavoEmbeddingForward(m_embedding.get(), keys.data(), keys.size(),
+                              occurrences.empty() ? nullptr : occurrences.data(), rows.data(), &without));
     // Several threads may offer the occurrences of one key in another order, which tells when occurrences differ.
     RC_ASSERT(without == expected || (!occurrences.empty() && m_options.threads > 1));
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      Compare(&rows[i * m_dim], keys[i], RowOf(starts, i));
-    }
+    Compare(rows, keys, starts);
   }
 
   void ComparePooled(const std::vector<float>& pooled, const std::vector<long>& keys, const Reference::Bags& bags,
                      const std::vector<float>& absent) const {
-    for (std::size_t bag = 0; bag + 1 < bags.offsets.size(); ++bag) {
-      std::vector<double> sum(m_dim);
-      double counted = 0;
-      for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
-        if (bags.hasPadding && keys[i] == bags.padding) {
-          continue;
-        }
-        ++counted;
-        const Reference::Row* const row = m_model.Find(keys[i]);
-        for (std::size_t d = 0; d < m_dim; ++d) {
-          const double x = row != nullptr ? row->weights[d] : static_cast<double>(absent[i * m_dim + d]);
-          sum[d] += bags.weights.empty() ? x : bags.weights[i] * x;
-        }
-      }
-      for (std::size_t d = 0; d < m_dim; ++d) {
-        RC_ASSERT(IsClose(pooled[bag * m_dim + d], bags.mean && counted > 0 ? sum[d] / counted : sum[d]));
+    std::vector<double> sums(pooled.size());
+    const auto places = bags.Places(keys);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      for (std::size_t d = 0; d < m_dim && !bags.IsPadding(keys[i]); ++d) {
+        sums[places[i].bag * m_dim + d] += places[i].factor * Weight(keys, absent, i, d);
       }
     }
+    RC_ASSERT(std::equal(pooled.begin(), pooled.end(), sums.begin(), IsClose));
   }
 
   void ForwardBags() {
     const std::vector<long> keys = Keys();
     const Reference::Bags bags = Bags(keys.size(), keys);
     const std::vector<float> starts = Starts(keys);
-    unsigned long long expected = 0;
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      if (!(bags.hasPadding && keys[i] == bags.padding)) {
-        expected += m_model.Offer(keys[i], 1, RowOf(starts, i)) ? 0 : 1;
-      }
-    }
+    const unsigned long long expected = Offer(keys, starts, {}, bags);
     const KavoBags view = bags.View();
     std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
     unsigned long long without = 0;
-    Check(KavoEmbeddingForwardBags(m_embedding.get(), keys.data(), keys.size(), &view, pooled.data(), &without));
+    Must(KavoEmbeddingForwardBags(m_embedding.get(), keys.data(), keys.size(), &view, pooled.data(), &without));
     RC_ASSERT(without == expected);
     ComparePooled(pooled, keys, bags, starts);
   }
@@ -261,22 +201,17 @@ class Pair {
     const std::vector<long> keys = Keys();
     const unsigned kind = static_cast<unsigned>(m_random() % 3);
     const std::vector<float> row = Floats(m_dim);
-    std::vector<float> absent(keys.size() * m_dim);
-    if (kind == KAVO_ABSENT_START) {
-      absent = Starts(keys);
-    } else if (kind == KAVO_ABSENT_ROW) {
-      for (std::size_t i = 0; i < absent.size(); ++i) {
-        absent[i] = row[i % m_dim];
-      }
+    std::vector<float> absent = kind == KAVO_ABSENT_START ? Starts(keys) : std::vector<float>(keys.size() * m_dim);
+    for (std::size_t i = 0; kind == KAVO_ABSENT_ROW && i < absent.size(); ++i) {
+      absent[i] = row[i % m_dim];
     }
     std::vector<float> rows(keys.size() * m_dim);
     std::vector<unsigned char> found(keys.size());
-    Check(
-        KavoEmbeddingLookup(m_embedding.get(), keys.data(), keys.size(), kind, row.data(), rows.data(), found.data()));
+    Must(KavoEmbeddingLookup(m_embedding.get(), keys.data(), keys.size(), kind, row.data(), rows.data(), found.data()));
     for (std::size_t i = 0; i < keys.size(); ++i) {
       RC_ASSERT(found[i] == (m_model.Find(keys[i]) != nullptr ? 1 : 0));
-      Compare(&rows[i * m_dim], keys[i], RowOf(absent, i));
     }
+    Compare(rows, keys, absent);
   }
 
   void LookupBags() {
@@ -286,8 +221,8 @@ class Pair {
     const std::vector<float> absent = zeros ? std::vector<float>(keys.size() * m_dim) : Starts(keys);
     const KavoBags view = bags.View();
     std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
-    Check(KavoEmbeddingLookupBags(m_embedding.get(), keys.data(), keys.size(), &view,
-                                  zeros ? KAVO_ABSENT_ZEROS : KAVO_ABSENT_START, nullptr, pooled.data()));
+    Must(KavoEmbeddingLookupBags(m_embedding.get(), keys.data(), keys.size(), &view,
+                                 zeros ? KAVO_ABSENT_ZEROS : KAVO_ABSENT_START, nullptr, pooled.data()));
     ComparePooled(pooled, keys, bags, absent);
   }
 
@@ -296,7 +231,7 @@ class Pair {
     const std::vector<float> gradients = Floats(keys.size() * m_dim);
     const float scale = m_random() % 2 == 0 ? 1 : 0.5F;
     unsigned long long passedOver = 0;
-    Check(KavoEmbeddingBackward(m_embedding.get(), keys.data(), keys.size(), gradients.data(), scale, &passedOver));
+    Must(KavoEmbeddingBackward(m_embedding.get(), keys.data(), keys.size(), gradients.data(), scale, &passedOver));
     RC_ASSERT(passedOver == m_model.Step(keys, std::vector<double>(gradients.begin(), gradients.end()), scale));
   }
 
@@ -305,29 +240,25 @@ class Pair {
     const Reference::Bags bags = Bags(keys.size(), keys);
     const std::vector<float> gradients = Floats((bags.offsets.size() - 1) * m_dim);
     const std::vector<float> starts = Starts(keys);
-    std::vector<double> ofWeights(keys.size());
-    for (std::size_t bag = 0; bag + 1 < bags.offsets.size(); ++bag) {
-      for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
-        const Reference::Row* const row = m_model.Find(keys[i]);
-        for (std::size_t d = 0; d < m_dim && !(bags.hasPadding && keys[i] == bags.padding); ++d) {
-          ofWeights[i] += gradients[bag * m_dim + d] * (row != nullptr ? row->weights[d] : starts[i * m_dim + d]);
-        }
-      }
-    }
     const KavoBags view = bags.View();
     std::vector<float> weightGradients(keys.size(), 7);
     unsigned long long passedOver = 0;
-    Check(KavoEmbeddingBackwardBags(m_embedding.get(), keys.data(), keys.size(), &view, gradients.data(), 1,
-                                    bags.weights.empty() ? nullptr : weightGradients.data(), &passedOver));
-    std::vector<double> ofKeys = m_model.OfKeys(keys, bags, gradients);
+    Must(KavoEmbeddingBackwardBags(m_embedding.get(), keys.data(), keys.size(), &view, gradients.data(), 1,
+                                   bags.weights.empty() ? nullptr : weightGradients.data(), &passedOver));
+    const auto places = bags.Places(keys);
     std::vector<long> trained;
     std::vector<double> theirs;
     for (std::size_t i = 0; i < keys.size(); ++i) {
-      if (!(bags.hasPadding && keys[i] == bags.padding)) {
-        trained.push_back(keys[i]);
-        theirs.insert(theirs.end(), &ofKeys[i * m_dim], &ofKeys[i * m_dim] + m_dim);
+      double ofWeight = 0;
+      for (std::size_t d = 0; d < m_dim && !bags.IsPadding(keys[i]); ++d) {
+        const double gradient = gradients[places[i].bag * m_dim + d];
+        theirs.push_back(places[i].factor * gradient);
+        ofWeight += gradient * Weight(keys, starts, i, d);
       }
-      RC_ASSERT(bags.weights.empty() || IsClose(weightGradients[i], ofWeights[i]));
+      if (!bags.IsPadding(keys[i])) {
+        trained.push_back(keys[i]);
+      }
+      RC_ASSERT(bags.weights.empty() || IsClose(weightGradients[i], ofWeight));
     }
     RC_ASSERT(passedOver == m_model.Step(trained, theirs, 1));
   }
@@ -339,9 +270,18 @@ class Pair {
     for (std::size_t i = 0; i < rows.size(); ++i) {
       rows[i] = i % floats < m_dim ? rows[i] : std::abs(rows[i]) + 0.1F;  // sums of squares
     }
-    Check(KavoEmbeddingSetRows(m_embedding.get(), keys.data(), keys.size(), rows.data()));
+    Must(KavoEmbeddingSetRows(m_embedding.get(), keys.data(), keys.size(), rows.data()));
     for (std::size_t i = 0; i < keys.size(); ++i) {
       m_model.Set(keys[i], std::span(rows).subspan(i * floats, floats));
+    }
+  }
+
+  void SetRates() {
+    m_options.rates.learningRate = 0.01 + static_cast<double>(m_random() % 10) / 100;
+    // FTRL's state means weights by its own rate only; elsewhere a rate is just the next step's.
+    if (m_options.optimiser != KAVO_OPTIMISER_FTRL) {
+      Must(KavoEmbeddingSetRates(m_embedding.get(), &m_options.rates));
+      m_model.SetRates(m_options.rates);
     }
   }
 

@@ -1,7 +1,7 @@
 // Properties of single calls that the model does not show: starts, refusals, owners, the serving handle.
 #include <cmath>
 #include <limits>
-#include <map>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -12,20 +12,14 @@ using namespace EmbeddingTest;
 
 namespace {
 
-std::vector<float> StartOf(KavoEmbeddingOptions options, std::vector<long> keys) {
+std::vector<float> StartOf(KavoEmbeddingOptions options, const std::vector<long>& keys) {
   options.expected = 8;
-  const Handle embedding = Make(options);
-  std::vector<float> rows(keys.size() * options.dim);
-  Must(
-      KavoEmbeddingLookup(embedding.get(), keys.data(), keys.size(), KAVO_ABSENT_START, nullptr, rows.data(), nullptr));
-  return rows;
+  return Lookup(Make(options), keys, options.dim);
 }
 
 std::vector<long> Range(long num) {
   std::vector<long> keys(static_cast<std::size_t>(num));
-  for (long i = 0; i < num; ++i) {
-    keys[static_cast<std::size_t>(i)] = i - num / 2;
-  }
+  std::iota(keys.begin(), keys.end(), -num / 2);
   return keys;
 }
 
@@ -102,9 +96,7 @@ TEST(EmbeddingOwners, AreThoseOfThePartitionMapOverTheUpperHalfOfTheMixedKey) {
     std::vector<unsigned> owners(keys.size());
     Must(KavoOwners(keys.data(), keys.size(), n, owners.data()));
     std::vector<unsigned> ids(n);
-    for (unsigned i = 0; i < n; ++i) {
-      ids[i] = i;
-    }
+    std::iota(ids.begin(), ids.end(), 0U);
     const kavo::PartitionMap map(1, ids);
     for (std::size_t i = 0; i < keys.size(); ++i) {
       ASSERT_EQ(owners[i], map.Owner(static_cast<unsigned long long>(kavo::MixKey(keys[i])) >> 32));
@@ -113,7 +105,7 @@ TEST(EmbeddingOwners, AreThoseOfThePartitionMapOverTheUpperHalfOfTheMixedKey) {
 }
 
 TEST(EmbeddingServing, HasNoStateAndRefusesBackward) {
-  const Handle embedding = Make(Defaults(3, KAVO_OPTIMISER_NONE));
+  const Handle embedding = Make(3, KAVO_OPTIMISER_NONE);
   EXPECT_EQ(KavoEmbeddingRowFloats(embedding.get()), 3U);
   const long key = 1;
   const float gradient[3] = {};
@@ -194,11 +186,7 @@ TEST(EmbeddingRefusals, NameWhatIsWrong) {
   unsigned long long num = 0;
   EXPECT_EQ(refusal(KavoEmbeddingNextKeys(embedding.get(), &strange, some, 2, &num)),
             "*cursor is no walk of this embedding");
-  KavoEmbeddingStats stats{};
-  stats.size = sizeof(stats);
-  Must(KavoEmbeddingGetStats(embedding.get(), &stats));
-  EXPECT_EQ(stats.rows, 0U);
-  EXPECT_EQ(stats.steps, 0U);
+  EXPECT_EQ(StatsOf(embedding).rows + StatsOf(embedding).steps, 0U);
 }
 
 }  // namespace

@@ -10,9 +10,23 @@ KavoBags Bags::View() const {
           offsets.size() - 1,
           offsets.data(),
           weights.empty() ? nullptr : weights.data(),
-          mean ? KAVO_POOL_MEAN : KAVO_POOL_SUM,
+          static_cast<unsigned>(mean ? KAVO_POOL_MEAN : KAVO_POOL_SUM),
           hasPadding ? 1U : 0U,
           padding};
+}
+
+std::vector<Bags::Place> Bags::Places(const std::vector<long>& keys) const {
+  std::vector<Place> places;
+  for (std::size_t bag = 0; bag + 1 < offsets.size(); ++bag) {
+    double counted = 0;
+    for (std::size_t i = offsets[bag]; i < offsets[bag + 1]; ++i) {
+      counted += IsPadding(keys[i]) ? 0 : 1;
+    }
+    for (std::size_t i = offsets[bag]; i < offsets[bag + 1]; ++i) {
+      places.push_back({bag, !weights.empty() ? weights[i] : mean && counted > 0 ? 1 / counted : 1});
+    }
+  }
+  return places;
 }
 
 const Row* Embedding::Find(long key) const {
@@ -70,25 +84,6 @@ void Embedding::Set(long key, std::span<const float> floats) {
   row.weights.assign(floats.begin(), floats.begin() + m_options.dim);
   row.state.assign(floats.begin() + m_options.dim, floats.end());
   row.step = m_steps + 1;
-}
-
-std::vector<double> Embedding::OfKeys(const std::vector<long>& keys, const Bags& bags,
-                                      const std::vector<float>& gradients) const {
-  const std::size_t dim = m_options.dim;
-  std::vector<double> out(keys.size() * dim);
-  for (std::size_t bag = 0; bag + 1 < bags.offsets.size(); ++bag) {
-    double counted = 0;
-    for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
-      counted += bags.hasPadding && keys[i] == bags.padding ? 0 : 1;
-    }
-    for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
-      const double factor = !bags.weights.empty() ? bags.weights[i] : bags.mean && counted > 0 ? 1 / counted : 1;
-      for (std::size_t d = 0; d < dim; ++d) {
-        out[i * dim + d] = factor * gradients[bag * dim + d];
-      }
-    }
-  }
-  return out;
 }
 
 unsigned long long Embedding::Step(const std::vector<long>& keys, const std::vector<double>& gradients, double scale) {

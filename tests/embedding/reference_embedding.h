@@ -24,6 +24,13 @@ struct Bags {
   long padding = 0;
 
   KavoBags View() const;
+  bool IsPadding(long key) const { return hasPadding && key == padding; }
+  // Of each key: its bag, and by what its row is multiplied there.
+  struct Place {
+    std::size_t bag;
+    double factor;
+  };
+  std::vector<Place> Places(const std::vector<long>& keys) const;
 };
 
 class Embedding {
@@ -41,10 +48,6 @@ class Embedding {
   // Answers how many keys were passed over.
   unsigned long long Step(const std::vector<long>& keys, const std::vector<double>& gradients, double scale);
   void Set(long key, std::span<const float> row);
-
-  // The gradients of keys from those of their bags.
-  std::vector<double> OfKeys(const std::vector<long>& keys, const Bags& bags,
-                             const std::vector<float>& gradients) const;
 
  private:
   std::vector<double> BeginState(const std::vector<double>& weights) const;

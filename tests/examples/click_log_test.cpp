@@ -4,7 +4,7 @@
 
 #include "ctr_training/click_generator.h"
 #include "ctr_training/trainer.h"
-#include "examples/own_folder.h"
+#include "support/own_folder.h"
 
 namespace CtrTraining {
 namespace {

@@ -6,12 +6,12 @@
 #include <functional>
 #include <kavo.hpp>
 
-#include "examples/own_folder.h"
 #include "incremental_export/compare.h"
 #include "incremental_export/snapshot_chain.h"
 #include "incremental_export/snapshot_writer.h"
 #include "incremental_export/table_export.h"
 #include "incremental_export/table_restore.h"
+#include "support/own_folder.h"
 
 namespace IncrementalExport {
 namespace {

@@ -1,7 +1,6 @@
 // A saver dies before every write, fsync, rename and removal of a save in turn, or is answered with an error there.
 // What it had not brought to the disk by then is cut off, dropped or undone. What loads is the state before or after,
 // whole.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +15,8 @@ namespace {
 
 using FileStep = Qen::FileHooks::Kind;
 using Qen::FileHooks::Operation;
+
+constexpr int CRASHED = 77;  // a process's exit status
 
 // What a power failure may do to what is not on the disk.
 enum class Loss { ALL, CONTENTS, HALF_OF_CONTENTS };
@@ -52,13 +53,9 @@ class Disk {
     switch (operation.kind) {
       case FileStep::CREATE:
         m_newNames.insert(operation.path);
-        m_contents.insert(operation.path);
-        break;
+        [[fallthrough]];
       case FileStep::WRITE:
         m_contents.insert(operation.path);
-        break;
-      case FileStep::SYNC:
-        m_contents.erase(operation.path);
         break;
       case FileStep::RENAME:
         m_renames[operation.to] = operation.path;
@@ -69,6 +66,8 @@ class Disk {
         break;
       case FileStep::REMOVE:
         m_newNames.erase(operation.path);
+        [[fallthrough]];
+      case FileStep::SYNC:
         m_contents.erase(operation.path);
         break;
       case FileStep::SYNC_FOLDER:
@@ -92,7 +91,7 @@ class Disk {
         std::filesystem::remove(path, ignored);
       }
     }
-    ::_exit(77);
+    ::_exit(CRASHED);
   }
 
   unsigned m_left = 0;
@@ -108,12 +107,9 @@ Disk Disk::s_disk;
 class Crash : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_live = MakeOne();
-    const KavoSnapshotItem item = Item("rows", m_live.get());
     for (const unsigned kind : std::vector<unsigned>{KAVO_SNAPSHOT_FULL, KAVO_SNAPSHOT_INCREMENT}) {
       m_trainer.Step(m_live.get(), 40);
-      const KavoSaveOptions options = Options(kind);
-      Must(KavoSnapshotSave(m_folder.Path().c_str(), &options, &item, 1, "old", 3, nullptr, nullptr, nullptr));
+      Must(Save(m_folder.Path(), Options(kind), Item("rows", m_live.get()), "old"));
     }
     m_before = Contents(m_live.get());
     m_trainer.Step(m_live.get(), 40);
@@ -122,33 +118,22 @@ class Crash : public ::testing::Test {
   }
   void TearDown() override { Qen::FileHooks::SetHandler(nullptr); }
 
-  static Handle MakeOne() {
-    KavoEmbeddingOptions options = EmbeddingTest::Defaults(2, KAVO_OPTIMISER_ADAGRAD);
-    options.expected = 8;
-    options.threads = 1;
-    return EmbeddingTest::Make(options);
-  }
-
   int SaveNew(const std::string& folder, unsigned kind) const {
-    const KavoSnapshotItem item = Item("rows", m_live.get());
-    const KavoSaveOptions options = Options(kind, 1, 1);  // deletes the chain before a full one
-    return KavoSnapshotSave(folder.c_str(), &options, &item, 1, "new", 3, nullptr, nullptr, nullptr);
+    // Deletes the chain before a full one.
+    return Save(folder, Options(kind, 1, 1), Item("rows", m_live.get()), "new");
   }
 
   // Whether the folder's newest snapshot is the one that was to be saved; it must be that or the one before, whole.
   bool IsAfter(const std::string& folder) {
-    const Handle loaded = MakeOne();
-    Must(Load(folder, loaded.get()));
-    char blob[3];
-    Must(KavoSnapshotReadBlob(folder.c_str(), 0, blob, sizeof(blob)));
-    const bool isAfter = std::string(blob, 3) == "new";
+    const Handle loaded = Loaded(folder, Small(KAVO_OPTIMISER_ADAGRAD));
+    const bool isAfter = BlobOf(folder, 3) == "new";
     EXPECT_TRUE(Contents(loaded.get()) == (isAfter ? m_after : m_before));
     return isAfter;
   }
 
-  const TempFolder m_folder;
+  const OwnFolder m_folder;
   Trainer m_trainer{1};
-  Handle m_live;
+  const Handle m_live = Make(Small(KAVO_OPTIMISER_ADAGRAD));
   Records m_before;
   Records m_after;
 };
@@ -161,18 +146,14 @@ TEST_F(Crash, LeavesTheStateBeforeOrAfter) {
       for (unsigned nth = 1; crashed; ++nth) {
         SCOPED_TRACE(::testing::Message() << "kind " << kind << ", loss " << static_cast<int>(loss) << ", crash before "
                                           << "operation " << nth);
-        const TempFolder folder;
+        const OwnFolder folder;
         std::filesystem::copy(m_folder.Path(), folder.Path());
-        const pid_t child = ::fork();
-        if (child == 0) {
+        const int ended = InAChild([&] {
           Disk::Arm(nth, loss, 0);
-          ::_exit(SaveNew(folder.Path(), kind) == KAVO_SUCCESS ? 0 : 1);
-        }
-        int ended = 0;
-        ASSERT_EQ(::waitpid(child, &ended, 0), child);
-        ASSERT_TRUE(WIFEXITED(ended));
-        ASSERT_NE(WEXITSTATUS(ended), 1);
-        crashed = WEXITSTATUS(ended) == 77;
+          return SaveNew(folder.Path(), kind) == KAVO_SUCCESS ? 0 : 1;
+        });
+        crashed = ended == CRASHED;
+        ASSERT_TRUE(crashed || ended == 0) << ended;
         const bool isAfter = IsAfter(folder.Path());
         EXPECT_TRUE(isAfter || !wasAfter) << "what was on the disk is lost";
         EXPECT_TRUE(crashed || isAfter);
@@ -197,7 +178,7 @@ TEST_F(Crash, ErrorsAreReportedAndLoseNothing) {
     bool reached = true;
     for (unsigned nth = 1; reached; ++nth) {
       SCOPED_TRACE(::testing::Message() << "error at operation " << nth);
-      const TempFolder folder;
+      const OwnFolder folder;
       std::filesystem::copy(m_folder.Path(), folder.Path());
       const auto [last, cut] = std::pair(m_live->Snapshots().last, m_live->Snapshots().cut);
       Disk::Arm(nth, Loss::ALL, error);

@@ -12,13 +12,10 @@ namespace {
 class Tool : public ::testing::Test {
  protected:
   Tool() {
-    KavoEmbeddingOptions options = EmbeddingTest::Defaults(2, KAVO_OPTIMISER_ADAGRAD);
-    options.admission = 2;
-    m_live = EmbeddingTest::Make(options);
     for (int i = 0; i < 3; ++i) {
       m_trainer.Step(m_live.get(), 100);
       if (i == 1) {
-        Forget(m_live.get(), m_trainer.AnyKey(m_live.get()));
+        m_trainer.Forget(m_live.get());
       }
       Must(Save(m_folder.Path(), i == 0 ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT, m_live.get()));
     }
@@ -37,37 +34,35 @@ class Tool : public ::testing::Test {
   }
   std::string Snapshot(const char* number) const { return m_folder.Path() + "@" + number; }
 
-  const TempFolder m_folder;
-  const TempFolder m_other;
+  const OwnFolder m_folder;
+  const OwnFolder m_other;
   Trainer m_trainer{1};
-  Handle m_live;
+  const Handle m_live = Make(Small(KAVO_OPTIMISER_ADAGRAD, 2));
   std::string m_printed;
 };
 
 TEST_F(Tool, AMergedChainIsTheSnapshot) {
   using namespace KavoSnapshot;
-  EXPECT_EQ(Run([&](std::FILE* out) { return Merge(m_folder.Path(), m_other / "merged", 0, out); }), EXIT_GOOD);
-  const Handle loaded = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_ADAGRAD));
-  Must(Load(m_folder.Path(), loaded.get()));
-  const Handle merged = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_ADAGRAD));
-  Must(Load(m_other / "merged", merged.get()));
+  const std::string target = m_other.Path("merged");
+  EXPECT_EQ(Run([&](std::FILE* out) { return Merge(m_folder.Path(), target, 0, out); }), EXIT_GOOD);
+  const Handle loaded = Loaded(m_folder.Path(), Small(KAVO_OPTIMISER_ADAGRAD));
+  const Handle merged = Loaded(target, Small(KAVO_OPTIMISER_ADAGRAD));
   EXPECT_EQ(Contents(merged.get()), Contents(loaded.get()));
   EXPECT_EQ(merged->Clock().Steps(), 3U);
-  EXPECT_EQ(Run([&](std::FILE* out) { return Diff(m_folder.Path(), m_other / "merged", out); }), EXIT_GOOD);
+  EXPECT_EQ(Run([&](std::FILE* out) { return Diff(m_folder.Path(), target, out); }), EXIT_GOOD);
   EXPECT_EQ(Run([&](std::FILE* out) { return Diff(Snapshot("1"), Snapshot("2"), out); }), EXIT_DIFFERENT);
   EXPECT_NE(m_printed.find(", 1 only in " + Snapshot("1")), std::string::npos) << m_printed;
 
   // A line for each key, and one above them.
   EXPECT_EQ(Run([&](std::FILE* out) { return PrintCsv(m_folder.Path(), "rows", out); }), EXIT_GOOD);
-  EXPECT_EQ(std::count(m_printed.begin(), m_printed.end(), '\n'),
-            static_cast<long>(RecordsOf(m_other / "merged").size()) + 1);
+  EXPECT_EQ(std::count(m_printed.begin(), m_printed.end(), '\n'), static_cast<long>(RecordsOf(target).size()) + 1);
   EXPECT_EQ(Run([&](std::FILE* out) { return PrintInfo(m_folder.Path(), out); }), EXIT_GOOD);
   EXPECT_NE(m_printed.find("snapshot 3: increment after 2"), std::string::npos) << m_printed;
   EXPECT_EQ(Run([&](std::FILE* out) { return Verify(m_folder.Path(), out); }), EXIT_GOOD);
 
-  std::string part = Slurp(m_folder / "part-0000000001-00000");
+  std::string part = m_folder.Read("part-0000000001-00000");
   part[part.size() / 2] ^= 1;
-  Spill(m_folder / "part-0000000001-00000", part);
+  m_folder.Write("part-0000000001-00000", part);
   EXPECT_THROW(Run([&](std::FILE* out) { return Verify(m_folder.Path(), out); }), Qen::Failure);
 }
 

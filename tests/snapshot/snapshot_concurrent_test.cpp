@@ -22,26 +22,24 @@ bool IsWhole(const std::string& record) {
 class BesideTraining : public ::testing::TestWithParam<unsigned> {};
 
 TEST_P(BesideTraining, RowsAreWholeAndNothingIsMissed) {
-  KavoEmbeddingOptions options = EmbeddingTest::Defaults(DIM, KAVO_OPTIMISER_SGD);
+  KavoEmbeddingOptions options = Defaults(DIM, KAVO_OPTIMISER_SGD);
   options.initialiser = KAVO_START_ZEROS;
   options.expected = 100;  // grows while it is saved
   options.growth = GetParam();
   options.threads = 2;
-  const Handle live = EmbeddingTest::Make(options);
+  const Handle live = Make(options);
   std::vector<long> keys(KEYS);
   std::iota(keys.begin(), keys.end(), -static_cast<long>(KEYS) / 2);
-  std::vector<float> rows(KEYS * DIM);
-  Must(KavoEmbeddingForward(live.get(), keys.data(), KEYS, nullptr, rows.data(), nullptr));
+  Forward(live, keys, DIM);
 
-  std::atomic<bool> stop{false};
   std::atomic<long> created{static_cast<long>(KEYS)};
-  std::vector<std::thread> trainers;
+  std::vector<std::jthread> trainers;
   for (long thread = 0; thread < 2; ++thread) {
-    trainers.emplace_back([&, thread] {
+    trainers.emplace_back([&, thread](const std::stop_token& stop) {
       const std::vector<float> gradients(64 * DIM, 1.0F);
       std::vector<float> out(64 * DIM);
       std::mt19937_64 random(static_cast<unsigned long>(thread));
-      for (unsigned round = 0; !stop || round < 20; ++round) {
+      for (unsigned round = 0; !stop.stop_requested() || round < 20; ++round) {
         std::vector<long> batch(64);
         for (std::size_t i = 0; i < batch.size(); ++i) {
           // Half of them new, up to a size that the test has time for.
@@ -52,7 +50,7 @@ TEST_P(BesideTraining, RowsAreWholeAndNothingIsMissed) {
       }
     });
   }
-  const TempFolder folder;
+  const OwnFolder folder;
   for (unsigned snapshot = 0; snapshot < 6; ++snapshot) {
     const bool isFull = snapshot % 3 == 0;
     EXPECT_EQ(Save(folder.Path(), isFull ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT, live.get()), KAVO_SUCCESS)
@@ -65,14 +63,10 @@ TEST_P(BesideTraining, RowsAreWholeAndNothingIsMissed) {
       ASSERT_TRUE(records.contains({"rows", 1, keys[i]})) << "key " << keys[i];
     }
   }
-  stop = true;
-  for (std::thread& trainer : trainers) {
-    trainer.join();
-  }
+  trainers.clear();
   // The last increment has what came after the one before was begun: together they are the embedding.
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
-  const Handle loaded = EmbeddingTest::Make(options);
-  Must(Load(folder.Path(), loaded.get()));
+  const Handle loaded = Loaded(folder.Path(), options);
   EXPECT_TRUE(Contents(loaded.get()) == Contents(live.get()));
   EXPECT_EQ(loaded->Rows(), live->Rows());
 }

@@ -37,18 +37,9 @@ namespace {
 class Memory : public ::testing::Test {
  protected:
   Memory() {
-    m_live = MakeOne();
     m_trainer.Step(m_live.get(), 100);
     Must(Save(m_path, KAVO_SNAPSHOT_FULL, m_live.get()));
     m_trainer.Step(m_live.get(), 100);
-  }
-
-  static Handle MakeOne() {
-    KavoEmbeddingOptions options = EmbeddingTest::Defaults(2, KAVO_OPTIMISER_ADAGRAD);
-    options.expected = 8;
-    options.admission = 2;
-    options.threads = 1;
-    return EmbeddingTest::Make(options);
   }
 
   static void Disarm() {
@@ -83,10 +74,11 @@ class Memory : public ::testing::Test {
     return failures;
   }
 
-  const TempFolder m_folder;
+  const KavoEmbeddingOptions m_options = Small(KAVO_OPTIMISER_ADAGRAD, 2);
+  const OwnFolder m_folder;
   const std::string m_path = m_folder.Path();
   Trainer m_trainer{1};
-  Handle m_live;
+  const Handle m_live = Make(m_options);
 };
 
 TEST_F(Memory, ASaveThatFailsLosesNothing) {
@@ -105,25 +97,23 @@ TEST_F(Memory, ASaveThatFailsLosesNothing) {
       [&] {
         EXPECT_EQ(m_live->Snapshots().last, last);
         EXPECT_EQ(m_live->Snapshots().cut, cut);
-        const auto files = std::distance(std::filesystem::directory_iterator(m_path), {});
-        EXPECT_EQ(files, 1 + 2 * static_cast<long>(Qen::Folder(m_path).Numbers().size())) << "lock, manifests, parts";
+        EXPECT_EQ(FilesIn(m_path), 1 + 2 * static_cast<long>(Qen::Folder(m_path).Numbers().size()))
+            << "lock, manifests, parts";
       });
   EXPECT_GT(failures, 20U);
-  const Handle loaded = MakeOne();
-  Must(Load(m_path, loaded.get()));
-  EXPECT_EQ(Contents(loaded.get()), contents);
+  EXPECT_EQ(Contents(Loaded(m_path, m_options).get()), contents);
 }
 
 TEST_F(Memory, ALoadThatFailsLeavesAnEmptyEmbedding) {
   Must(Save(m_path, KAVO_SNAPSHOT_INCREMENT, m_live.get()));
-  Handle loaded = MakeOne();
+  Handle loaded = Make(m_options);
   const unsigned failures = FailEach(
       [&] {
-        const int status = Load(m_path, loaded.get());
+        const int status = Load(m_path, Item("rows", loaded.get()));
         Disarm();
         if (status == KAVO_SUCCESS) {
           EXPECT_EQ(Contents(loaded.get()), Contents(m_live.get()));
-          loaded = MakeOne();
+          loaded = Make(m_options);
         }
         return status;
       },

@@ -3,12 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <array>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <random>
@@ -21,41 +19,11 @@
 #include "embedding/row.h"
 #include "snapshot/folder.h"
 #include "snapshot/part_reader.h"
+#include "support/own_folder.h"
 
 namespace SnapshotTest {
 
-using EmbeddingTest::Handle;
-using EmbeddingTest::Must;
-
-class TempFolder {
- public:
-  TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kavo-snapshot-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      ADD_FAILURE() << pattern;
-    }
-    m_path = pattern;
-  }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-  ~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-  }
-  std::string operator/(const std::string& name) const { return (m_path / name).string(); }
-  const std::string Path() const { return m_path.string(); }
-
- private:
-  std::filesystem::path m_path;
-};
-
-inline std::string Slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-inline void Spill(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
+using namespace EmbeddingTest;
 
 inline KavoSnapshotItem Item(const char* name, KavoEmbedding* embedding, unsigned table = 0) {
   return {sizeof(KavoSnapshotItem), name, embedding, table};
@@ -63,15 +31,39 @@ inline KavoSnapshotItem Item(const char* name, KavoEmbedding* embedding, unsigne
 inline KavoSaveOptions Options(unsigned kind, unsigned parts = 1, unsigned keep = 0, unsigned compress = 0) {
   return {sizeof(KavoSaveOptions), kind, parts, keep, compress};
 }
-inline int Save(const std::string& folder, unsigned kind, KavoEmbedding* embedding, unsigned compress = 0) {
-  const KavoSnapshotItem item = Item("rows", embedding);
-  const KavoSaveOptions options = Options(kind, 1, 0, compress);
-  return KavoSnapshotSave(folder.c_str(), &options, &item, 1, nullptr, 0, nullptr, nullptr, nullptr);
+inline int Save(const std::string& folder, const KavoSaveOptions& options, const KavoSnapshotItem& item,
+                const std::string& blob = "", KavoProgress progress = nullptr, void* context = nullptr) {
+  return KavoSnapshotSave(folder.c_str(), &options, &item, 1, blob.data(), blob.size(), progress, context, nullptr);
 }
-inline int Load(const std::string& folder, KavoEmbedding* embedding, unsigned shard = 0, unsigned shards = 1,
-                unsigned long long number = 0) {
-  const KavoSnapshotItem item = Item("rows", embedding);
-  return KavoSnapshotLoad(folder.c_str(), number, &item, 1, shard, shards, nullptr, nullptr);
+inline int Save(const std::string& folder, unsigned kind, KavoEmbedding* embedding, unsigned compress = 0) {
+  return Save(folder, Options(kind, 1, 0, compress), Item("rows", embedding));
+}
+inline int Load(const std::string& folder, const KavoSnapshotItem& item, unsigned shard = 0, unsigned shards = 1,
+                unsigned long long number = 0, KavoProgress progress = nullptr, void* context = nullptr) {
+  return KavoSnapshotLoad(folder.c_str(), number, &item, 1, shard, shards, progress, context);
+}
+inline Handle Loaded(const std::string& folder, const KavoEmbeddingOptions& options, unsigned shard = 0,
+                     unsigned shards = 1, unsigned long long number = 0) {
+  Handle embedding = Make(options);
+  Must(Load(folder, Item("rows", embedding.get()), shard, shards, number));
+  return embedding;
+}
+inline std::string BlobOf(const std::string& folder, std::size_t bytes) {
+  std::string blob(bytes, 0);
+  Must(KavoSnapshotReadBlob(folder.c_str(), 0, blob.data(), bytes));
+  return blob;
+}
+inline long FilesIn(const std::string& folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+// Of an embedding that soon grows, in one thread.
+inline KavoEmbeddingOptions Small(unsigned optimiser, unsigned admission = 0) {
+  KavoEmbeddingOptions options = Defaults(2, optimiser);
+  options.expected = 8;
+  options.admission = admission;
+  options.threads = 1;
+  return options;
 }
 
 // Item, type of block, key: the rest of the record. A record that stands there twice is a failure.
@@ -92,10 +84,8 @@ inline Records RecordsOf(const std::string& path, unsigned long long number = 0)
       for (std::size_t at = 0; at < all.size(); at += bytes) {
         long key = 0;
         std::memcpy(&key, &all[at], sizeof(key));
-        const bool isNew = records
-                               .emplace(std::make_tuple(item.name, static_cast<unsigned>(block.header.type), key),
-                                        std::string(&all[at] + sizeof(key), &all[at] + bytes))
-                               .second;
+        const Records::key_type name(item.name, static_cast<unsigned>(block.header.type), key);
+        const bool isNew = records.try_emplace(name, &all[at] + sizeof(key), &all[at] + bytes).second;
         EXPECT_TRUE(isNew) << "key " << key << " twice";
       }
     }
@@ -105,7 +95,7 @@ inline Records RecordsOf(const std::string& path, unsigned long long number = 0)
 
 // What an embedding is: a full snapshot of it.
 inline Records Contents(KavoEmbedding* embedding) {
-  const TempFolder folder;
+  const OwnFolder folder;
   // A save by itself would change what the next increment follows.
   const Qen::SaveIdentity last = embedding->Snapshots().last;
   const std::uint64_t cut = embedding->Snapshots().cut;
@@ -113,25 +103,6 @@ inline Records Contents(KavoEmbedding* embedding) {
   embedding->Snapshots().last = last;
   embedding->Snapshots().cut = cut;
   return RecordsOf(folder.Path());
-}
-
-inline unsigned char* RowOf(KavoEmbedding* embedding, long key) {
-  const Qen::Tag tag = Qen::TagOf(key);
-  unsigned char* row = nullptr;
-  Must(embedding->Tables().Find(&tag, 1, &row));
-  return row;
-}
-
-// Marks the row of a key as forgotten, as of the step to come.
-inline void Forget(KavoEmbedding* embedding, long key) {
-  unsigned char* const row = RowOf(embedding, key);
-  ASSERT_NE(row, nullptr);
-  Qen::RowHead head(row);
-  Qen::RowHead::Word seen = head.Load();
-  head.EndWrite(seen, embedding->Clock().Steps() + 1);
-  seen = head.Load();
-  ASSERT_TRUE(head.TryMark(seen, seen | Qen::RowHead::FORGOTTEN));
-  embedding->CountRows(0, 1);
 }
 
 // Batches of keys of which half are negative and some come often.
@@ -160,12 +131,20 @@ class Trainer {
       Must(KavoEmbeddingBackward(embedding, keys.data(), num / 2, rows.data(), 1, nullptr));
     }
   }
-  // A key that has a row.
-  long AnyKey(KavoEmbedding* embedding) {
+  // Marks the row of a key that it answers as forgotten, as of the step to come.
+  long Forget(KavoEmbedding* embedding) {
     for (;;) {
       const long key = static_cast<long>(m_random() % 4096);
-      unsigned char* const row = RowOf(embedding, key);
+      const Qen::Tag tag = Qen::TagOf(key);
+      unsigned char* row = nullptr;
+      Must(embedding->Tables().Find(&tag, 1, &row));
       if (row != nullptr && Qen::HasRowNow(row)) {
+        Qen::RowHead head(row);
+        Qen::RowHead::Word seen = head.Load();
+        head.EndWrite(seen, embedding->Clock().Steps() + 1);
+        seen = head.Load();
+        EXPECT_TRUE(head.TryMark(seen, seen | Qen::RowHead::FORGOTTEN));
+        embedding->CountRows(0, 1);
         return key;
       }
     }

@@ -17,16 +17,21 @@ struct Kind {
 
 class RoundTrip : public ::testing::TestWithParam<Kind> {
  protected:
-  Handle MakeOne(unsigned long long seed = 7) const {
-    KavoEmbeddingOptions options = EmbeddingTest::Defaults(5, GetParam().optimiser);
+  KavoEmbeddingOptions Seeded(unsigned long long seed) const {
+    KavoEmbeddingOptions options = Defaults(5, GetParam().optimiser);
     options.admission = GetParam().admission;
     options.counts = GetParam().counts;
     options.initialAccumulator = 0.25F;
     options.expected = 100;
     options.threads = 2;
     options.seed = seed;
-    return EmbeddingTest::Make(options);
+    return options;
   }
+  void SaveRows(const Handle& embedding, unsigned kind) const {
+    Must(Save(m_folder.Path(), kind, embedding.get(), GetParam().compress));
+  }
+
+  const OwnFolder m_folder;
 };
 
 // A row that was offered and not trained has a count that no increment has.
@@ -57,61 +62,48 @@ Records WithoutCounts(Records records, const Kind& kind) {
 }
 
 TEST_P(RoundTrip, FullAndIncrementsOnAnyNumberOfShardsEqualTheLiveOne) {
-  const TempFolder folder;
   Trainer trainer(KavoTest::TestSeed());
-  const Handle live = MakeOne();
+  const Handle live = Make(Seeded(7));
   trainer.Step(live.get(), 1000);
-  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get(), GetParam().compress));
+  SaveRows(live, KAVO_SNAPSHOT_FULL);
   const Records atFull = Contents(live.get());
   for (int increment = 0; increment < 3; ++increment) {
     TrainAll(trainer, live.get());
-    const long gone = trainer.AnyKey(live.get());
-    Forget(live.get(), gone);
-    Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get(), GetParam().compress));
+    const long gone = trainer.Forget(live.get());
+    SaveRows(live, KAVO_SNAPSHOT_INCREMENT);
     trainer.Step(live.get(), 50);
     // Now and then a forgotten key comes back, and is removed in one increment and a row in the next.
-    std::vector<float> row(5);
-    Must(KavoEmbeddingForward(live.get(), &gone, increment == 1 ? 1 : 0, nullptr, row.data(), nullptr));
+    Forward(live, std::vector<long>(increment % 2, gone), 5);
   }
   std::vector<float> rows(live->Layout().Floats(), 2.5F);
   const long set = 1'000'000;
   Must(KavoEmbeddingSetRows(live.get(), &set, 1, rows.data()));
-  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get(), GetParam().compress));
+  SaveRows(live, KAVO_SNAPSHOT_INCREMENT);
   const Records contents = WithoutCounts(Contents(live.get()), GetParam());
 
   for (unsigned shards = 1; shards <= 3; ++shards) {
     std::vector<Handle> loaded;
     for (unsigned shard = 0; shard < shards; ++shard) {
-      loaded.push_back(MakeOne(999));
-      Must(Load(folder.Path(), loaded.back().get(), shard, shards));
+      loaded.push_back(Loaded(m_folder.Path(), Seeded(999), shard, shards));
     }
     ASSERT_EQ(WithoutCounts(Union(loaded), GetParam()), contents) << shards << " shards";
   }
   // One in the middle of the chain: counts and all.
-  const Handle middle = MakeOne();
-  Must(Load(folder.Path(), middle.get(), 0, 1, 1));
-  EXPECT_EQ(Contents(middle.get()), atFull);
+  EXPECT_EQ(Contents(Loaded(m_folder.Path(), Seeded(7), 0, 1, 1).get()), atFull);
 
   // The seed comes from the snapshot, so what was never trained starts as it would have.
-  const Handle restored = MakeOne(999);
-  Must(Load(folder.Path(), restored.get()));
-  const long unknown = 5'555'555;
-  float expected[5];
-  float start[5];
-  Must(KavoEmbeddingLookup(live.get(), &unknown, 1, KAVO_ABSENT_START, nullptr, expected, nullptr));
-  Must(KavoEmbeddingLookup(restored.get(), &unknown, 1, KAVO_ABSENT_START, nullptr, start, nullptr));
-  EXPECT_EQ(std::vector(start, start + 5), std::vector(expected, expected + 5));
+  const Handle restored = Loaded(m_folder.Path(), Seeded(999));
+  EXPECT_EQ(Lookup(restored, {5'555'555}, 5), Lookup(live, {5'555'555}, 5));
 
   // The restored one goes on where the live one stood, steps included, and so does its chain.
-  Trainer again(3);
-  TrainAll(again, restored.get());
-  Trainer same(3);
-  TrainAll(same, live.get());
+  for (const Handle* each : {&restored, &live}) {
+    Trainer again(3);
+    TrainAll(again, each->get());
+  }
   ASSERT_EQ(WithoutCounts(Contents(restored.get()), GetParam()), WithoutCounts(Contents(live.get()), GetParam()));
-  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, restored.get(), GetParam().compress));
-  EXPECT_EQ(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()), KAVO_INVALID) << "it is not the newest's";
-  const Handle third = MakeOne();
-  Must(Load(folder.Path(), third.get()));
+  SaveRows(restored, KAVO_SNAPSHOT_INCREMENT);
+  EXPECT_EQ(Save(m_folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()), KAVO_INVALID) << "it is not the newest's";
+  const Handle third = Loaded(m_folder.Path(), Seeded(7));
   EXPECT_EQ(WithoutCounts(Contents(third.get()), GetParam()), WithoutCounts(Contents(live.get()), GetParam()));
 }
 
@@ -122,9 +114,9 @@ INSTANTIATE_TEST_SUITE_P(, RoundTrip,
 
 // Shards save their parts into one snapshot; another number of them takes up the chain.
 TEST(Shards, IncrementOfTwoFollowsAFullOfThree) {
-  const TempFolder folder;
+  const OwnFolder folder;
   Trainer trainer(KavoTest::TestSeed());
-  const auto make = [] { return EmbeddingTest::Make(EmbeddingTest::Defaults(4, KAVO_OPTIMISER_SGD)); };
+  const KavoEmbeddingOptions made = Defaults(4, KAVO_OPTIMISER_SGD);
   const auto save = [&](const std::vector<Handle>& shards, unsigned kind) {
     const KavoSaveOptions options = Options(kind, static_cast<unsigned>(shards.size()));
     KavoSave* saves[3] = {};
@@ -145,21 +137,17 @@ TEST(Shards, IncrementOfTwoFollowsAFullOfThree) {
   };
   std::vector<Handle> three;
   for (unsigned i = 0; i < 3; ++i) {
-    three.push_back(make());
+    three.push_back(Make(made));
     trainer.Step(three[i].get(), 300, i, 3);
   }
   save(three, KAVO_SNAPSHOT_FULL);
   std::vector<Handle> two;
   for (unsigned i = 0; i < 2; ++i) {
-    two.push_back(make());
-    Must(Load(folder.Path(), two[i].get(), i, 2));
+    two.push_back(Loaded(folder.Path(), made, i, 2));
     trainer.Step(two[i].get(), 300, i, 2);
   }
   save(two, KAVO_SNAPSHOT_INCREMENT);
-  std::vector<Handle> one;
-  one.push_back(make());
-  Must(Load(folder.Path(), one[0].get()));
-  EXPECT_EQ(Union(one), Union(two));
+  EXPECT_EQ(Contents(Loaded(folder.Path(), made).get()), Union(two));
 }
 
 // A key that was counted, admitted and moved while it was being saved stands in the file as both.
@@ -183,57 +171,54 @@ TEST(Shards, ARowCountsMoreThanThatItsKeyWasCounted) {
     }
     void Committed(const Qen::SaveIdentity&) noexcept override {}
   };
-  const TempFolder folder;
+  const OwnFolder folder;
   Qen::Save save(folder.Path(), {Qen::SnapshotKind::FULL, 1, 0, 0});
   std::vector<std::unique_ptr<Qen::ItemSource>> items;
   items.push_back(std::make_unique<Source>());
   Qen::Progress nobody(nullptr, nullptr);
   save.WritePart(0, std::move(items), nobody);
   save.Commit({});
-  KavoEmbeddingOptions options = EmbeddingTest::Defaults(1, KAVO_OPTIMISER_SGD);
+  KavoEmbeddingOptions options = Defaults(1, KAVO_OPTIMISER_SGD);
   options.admission = 9;
-  const Handle loaded = EmbeddingTest::Make(options);
-  Must(Load(folder.Path(), loaded.get()));
-  EXPECT_EQ(loaded->Rows(), 1U);
+  EXPECT_EQ(Loaded(folder.Path(), options)->Rows(), 1U);
 }
 
 // A serving handle takes the weights of any optimiser, and follows increments while it is there.
 TEST(Serving, UpdatesEqualLoads) {
-  const TempFolder folder;
+  const OwnFolder folder;
   Trainer trainer(KavoTest::TestSeed());
-  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(4, KAVO_OPTIMISER_ADAM));
-  const auto make = [] { return EmbeddingTest::Make(EmbeddingTest::Defaults(4, KAVO_OPTIMISER_NONE)); };
+  const Handle live = Make(4, KAVO_OPTIMISER_ADAM);
+  const KavoEmbeddingOptions made = Defaults(4, KAVO_OPTIMISER_NONE);
   trainer.Step(live.get(), 500);
   Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
-  const Handle serving = make();
-  Must(Load(folder.Path(), serving.get(), 1, 2));
-  const KavoSnapshotItem item = Item("rows", serving.get());
+  const Handle serving = Loaded(folder.Path(), made, 1, 2);
+  unsigned long long number = 0;
+  const auto update = [&folder, item = Item("rows", serving.get()), &number](unsigned long long to) {
+    number = to;
+    return KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr);
+  };
   for (int increment = 0; increment < 3; ++increment) {
     for (int each = 0; each < 2; ++each) {
       trainer.Step(live.get(), 100);
-      Forget(live.get(), trainer.AnyKey(live.get()));
+      trainer.Forget(live.get());
       Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
     }
-    unsigned long long number = 0;
-    Must(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr));
+    Must(update(0));
     EXPECT_EQ(number, 3U + 2U * static_cast<unsigned>(increment));
-    const Handle fresh = make();
-    Must(Load(folder.Path(), fresh.get(), 1, 2));
+    const Handle fresh = Loaded(folder.Path(), made, 1, 2);
     ASSERT_EQ(Contents(serving.get()), Contents(fresh.get()));
     EXPECT_EQ(serving->Rows(), fresh->Rows());
   }
   Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
-  unsigned long long number = 0;
-  Must(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr));
+  Must(update(0));
   EXPECT_EQ(number, 7U) << "a new chain is not theirs";
-  number = 8;
-  EXPECT_EQ(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr), KAVO_REFUSED_FILE);
+  EXPECT_EQ(update(8), KAVO_REFUSED_FILE);
 }
 
 // Marks of saves come again after 255 of them. A row that was last taken so long ago is not mistaken for taken.
 TEST(Marks, RowsAreTakenAlsoWhenMarksComeAgain) {
-  const TempFolder folder;
-  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  const OwnFolder folder;
+  const Handle live = Make(2, KAVO_OPTIMISER_SGD);
   std::vector<long> keys(10);
   std::vector<float> rows(20);
   std::iota(keys.begin(), keys.end(), -5);
@@ -253,7 +238,7 @@ TEST(Marks, RowsAreTakenAlsoWhenMarksComeAgain) {
 class Tables : public ::testing::TestWithParam<unsigned> {};
 
 TEST_P(Tables, FullAndIncrementsEqualTheLiveOne) {
-  const TempFolder folder;
+  const OwnFolder folder;
   const auto all = [](unsigned id) {
     std::map<long, std::pair<std::string, unsigned>> entries;
     std::vector<KavoHtBatchElement> elements(5000);
@@ -284,18 +269,15 @@ TEST_P(Tables, FullAndIncrementsEqualTheLiveOne) {
         Must(KavoInsertOrUpdate(1, key, value, sizeof(value), 5));
       }
     }
-    const KavoSnapshotItem item = Item("table", nullptr, 1);
     const KavoSaveOptions options = Options(round == 0 ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT);
-    const char blob[] = "position";
-    Must(KavoSnapshotSave(folder.Path().c_str(), &options, &item, 1, blob, round, nullptr, nullptr, nullptr));
+    Must(Save(folder.Path(), options, Item("table", nullptr, 1), std::string("position", round)));
     EXPECT_EQ(round != 0, RecordsOf(folder.Path()).size() < all(1).size());
   }
   const auto live = all(1);
   std::map<long, std::pair<std::string, unsigned>> together;
   for (unsigned shard = 0; shard < 2; ++shard) {
     Must(KavoInitHashTable(2, 100, 12, GetParam()));
-    const KavoSnapshotItem item = Item("table", nullptr, 2);
-    Must(KavoSnapshotLoad(folder.Path().c_str(), 0, &item, 1, shard, 2, nullptr, nullptr));
+    Must(Load(folder.Path(), Item("table", nullptr, 2), shard, 2));
     for (const auto& [key, entry] : all(2)) {
       EXPECT_EQ((key >> 32) % 2, shard);
       together[key] = entry;
@@ -303,27 +285,23 @@ TEST_P(Tables, FullAndIncrementsEqualTheLiveOne) {
     Must(KavoUninitHashTable(2));
   }
   Must(KavoUninitHashTable(1));
-  EXPECT_EQ(together.size(), live.size());
-  EXPECT_TRUE(together == live);
-  char blob[2];
-  Must(KavoSnapshotReadBlob(folder.Path().c_str(), 0, blob, 2));
-  EXPECT_EQ(std::string(blob, 2), "po");
+  EXPECT_TRUE(together == live) << together.size() << ", not " << live.size();
+  EXPECT_EQ(BlobOf(folder.Path(), 2), "po");
 }
 
 INSTANTIATE_TEST_SUITE_P(, Tables, ::testing::Values(KAVO_TABLE_TYPE_BASIC, KAVO_TABLE_TYPE_FILTER));
 
 TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
-  const TempFolder folder;
-  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  const OwnFolder folder;
+  const Handle live = Make(2, KAVO_OPTIMISER_SGD);
   Trainer trainer(1);
   const KavoSnapshotItem item = Item("rows", live.get());
   for (const unsigned kind : {0U, 1U, 0U, 1U, 0U, 1U}) {
     trainer.Step(live.get(), 20);
-    const KavoSaveOptions options = Options(kind, 1, 2);
-    Must(KavoSnapshotSave(folder.Path().c_str(), &options, &item, 1, nullptr, 0, nullptr, nullptr, nullptr));
+    Must(Save(folder.Path(), Options(kind, 1, 2), item));
   }
   EXPECT_EQ(Qen::Folder(folder.Path()).Numbers(), (std::vector<std::uint64_t>{3, 4, 5, 6}));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 9) << "4 manifests, 4 parts, lock";
+  EXPECT_EQ(FilesIn(folder.Path()), 9) << "4 manifests, 4 parts, lock";
 
   KavoSave* first = nullptr;
   KavoSave* second = nullptr;
@@ -331,17 +309,17 @@ TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
   Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &first));
   EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &second), KAVO_BUSY);
   Must(KavoSnapshotPart(first, 0, &item, 1, nullptr, nullptr));
-  const TempFolder other;
+  const OwnFolder other;
   EXPECT_EQ(Save(other.Path(), KAVO_SNAPSHOT_FULL, live.get()), KAVO_BUSY) << "the embedding is in the first";
   Must(KavoSnapshotAbort(first));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 9);
+  EXPECT_EQ(FilesIn(folder.Path()), 9);
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
 }
 
 // What ends a load after all was verified leaves an embedding as empty as it was; what ends a save, nothing.
 TEST(Progress, EndsACallAndTheStateBeforeStays) {
-  const TempFolder folder;
-  const Handle live = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
+  const OwnFolder folder;
+  const Handle live = Make(2, KAVO_OPTIMISER_SGD);
   Trainer(1).Step(live.get(), 200);
   Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
   struct Counter {
@@ -356,17 +334,14 @@ TEST(Progress, EndsACallAndTheStateBeforeStays) {
     counter.total = total;
     return counter.left-- == 0 ? 1 : 0;
   };
-  const KavoSnapshotItem item = Item("rows", live.get());
-  const KavoSaveOptions options = Options(KAVO_SNAPSHOT_FULL);
   Counter now{0, 0, 0};
-  EXPECT_EQ(KavoSnapshotSave(folder.Path().c_str(), &options, &item, 1, nullptr, 0, count, &now, nullptr), KAVO_FAILED);
+  EXPECT_EQ(Save(folder.Path(), Options(KAVO_SNAPSHOT_FULL), Item("rows", live.get()), "", count, &now), KAVO_FAILED);
   EXPECT_EQ(Qen::Folder(folder.Path()).Numbers().size(), 1U);
-  const Handle loaded = EmbeddingTest::Make(EmbeddingTest::Defaults(2, KAVO_OPTIMISER_SGD));
-  const KavoSnapshotItem into = Item("rows", loaded.get());
+  const Handle loaded = Make(2, KAVO_OPTIMISER_SGD);
   int passed = 0;
   for (;; ++passed) {
     Counter ends{passed, 0, 0};
-    const int status = KavoSnapshotLoad(folder.Path().c_str(), 0, &into, 1, 0, 1, count, &ends);
+    const int status = Load(folder.Path(), Item("rows", loaded.get()), 0, 1, 0, count, &ends);
     if (status == KAVO_SUCCESS) {
       EXPECT_EQ(ends.done, ends.total);
       break;

@@ -20,6 +20,7 @@ class OwnFolder {
   OwnFolder& operator=(const OwnFolder&) = delete;
   ~OwnFolder() { std::filesystem::remove_all(m_path); }
 
+  const std::string& Path() const { return m_path; }
   std::string Path(const std::string& name) const { return m_path + "/" + name; }
 
   // Returns its path.
