@@ -35,6 +35,7 @@ KavoEmbeddingOptions RandomOptions(std::mt19937_64& random) {
   options.growth = random() % 2 == 0 ? KAVO_REHASH_GRADUAL : KAVO_REHASH_WHOLE_TABLE;
   options.threads = 1 + static_cast<unsigned>(random() % 4);
   options.rates.learningRate = 0.05;
+  options.rates.eps = 1e-3;  // gradients that cancel but for their rounding must not decide a step
   options.rates.weightDecay = random() % 2 == 0 ? 0 : 0.01;
   options.rates.l1 = random() % 2 == 0 ? 0 : 0.003;
   options.rates.l2 = 0.01;
