@@ -11,10 +11,17 @@
 
 namespace {
 
+std::string WithoutComments(std::string text) {
+  for (std::size_t begin = text.find("/*"); begin != std::string::npos; begin = text.find("/*", begin)) {
+    text.erase(begin, text.find("*/", begin) + 2 - begin);
+  }
+  return text;
+}
+
 std::set<std::string> FunctionsOf(const char* header) {
   std::stringstream text;
   text << std::ifstream(header).rdbuf();
-  const std::string code = std::regex_replace(text.str(), std::regex(R"(/\*[^*]*\*+([^/*][^*]*\*+)*/)"), "");
+  const std::string code = WithoutComments(text.str());
   const std::regex declaration(R"((?:^|\n)[a-z][a-z ]*[ *]+(\w+)\([^;{]*\);)");
   std::set<std::string> names;
   for (std::sregex_iterator match(code.begin(), code.end(), declaration), end; match != end; ++match) {

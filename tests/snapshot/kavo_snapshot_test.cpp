@@ -2,7 +2,9 @@
 #include "kavo_snapshot/commands.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <functional>
+#include <memory>
 
 #include "snapshot/snapshot_support.h"
 
@@ -23,13 +25,11 @@ class Tool : public ::testing::Test {
 
   // The command's exit code; what it prints is appended to m_printed.
   int Run(const std::function<int(std::FILE*)>& command) {
-    char* text = nullptr;
-    std::size_t bytes = 0;
-    std::FILE* const out = ::open_memstream(&text, &bytes);
-    const int code = command(out);
-    std::fclose(out);
-    m_printed.assign(text, bytes);
-    std::free(text);
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(std::tmpfile(), &std::fclose);  // closed also when it throws
+    const int code = command(out.get());
+    m_printed.resize(static_cast<std::size_t>(std::ftell(out.get())));
+    std::rewind(out.get());
+    EXPECT_EQ(std::fread(m_printed.data(), 1, m_printed.size(), out.get()), m_printed.size());
     return code;
   }
   std::string Snapshot(const char* number) const { return m_folder.Path() + "@" + number; }

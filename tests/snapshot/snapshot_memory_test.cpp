@@ -10,18 +10,14 @@ namespace {
 // Of this thread, from now on; 0: none.
 thread_local unsigned long long t_allocationsToFailure = 0;
 
-void* Allocate(std::size_t bytes) noexcept {
-  if (t_allocationsToFailure != 0 && --t_allocationsToFailure == 0) {
-    return nullptr;
-  }
-  return std::malloc(bytes);
-}
-
 }  // namespace
 
 // Not inlined: a compiler that sees into one of a pair takes malloc and delete, or new and free, for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return t_allocationsToFailure != 0 && --t_allocationsToFailure == 0 ? nullptr : std::malloc(bytes);
+}
 [[gnu::noinline]] void* operator new(std::size_t bytes) {
-  void* const memory = Allocate(bytes);
+  void* const memory = operator new(bytes, std::nothrow);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
