@@ -62,4 +62,19 @@ bool BeginWrite(RowHead& head, RowHead::Word& seen, const Wanted& wanted) noexce
   }
 }
 
+// Creates a row of `count` floats that has no start yet, or was forgotten: fill(floats) makes them, in `scratch`. False
+// when another thread has created it.
+template <class Fill>
+bool CreateRow(unsigned char* row, std::size_t count, std::uint64_t number, float* scratch, const Fill& fill) noexcept {
+  RowHead head(row);
+  RowHead::Word seen = 0;
+  if (!BeginWrite(head, seen, [](RowHead::Word word) { return !RowHead::HasRow(word); })) {
+    return false;
+  }
+  fill(scratch);
+  StoreFloats(scratch, RowLayout::Weights(row), count);
+  head.EndWrite(seen, number);
+  return true;
+}
+
 }  // namespace Qen

@@ -121,18 +121,13 @@ int Embedding::OfferBlock(std::span<const long> keys, const unsigned* occurrence
 }
 
 void Embedding::Create(unsigned char* row, long key, std::uint64_t number, float* scratch) {
-  RowHead head(row);
-  RowHead::Word seen = 0;
-  if (!BeginWrite(head, seen, [](RowHead::Word word) { return !RowHead::HasRow(word); })) {
-    return;  // another thread has created it
-  }
-  m_rows.fetch_add(1, std::memory_order_relaxed);  // a statistic
-  m_start.Fill(key, scratch, m_layout.Dim());
-  const OptimiserInput input{m_clock.Rates(), m_options.initialAccumulator, number, 1};
-  ForOptimiser(m_options.optimiser, input,
-               [&](const auto& optimiser) { optimiser.Begin(scratch, scratch + m_layout.Dim(), m_layout.Dim()); });
-  StoreFloats(scratch, RowLayout::Weights(row), m_layout.Floats());
-  head.EndWrite(seen, number);
+  const bool created = CreateRow(row, m_layout.Floats(), number, scratch, [&](float* floats) {
+    m_start.Fill(key, floats, m_layout.Dim());
+    const OptimiserInput input{m_clock.Rates(), m_options.initialAccumulator, number, 1};
+    ForOptimiser(m_options.optimiser, input,
+                 [&](const auto& optimiser) { optimiser.Begin(floats, floats + m_layout.Dim(), m_layout.Dim()); });
+  });
+  m_rows.fetch_add(created ? 1 : 0, std::memory_order_relaxed);  // a statistic
 }
 
 void Embedding::ReadOrCreate(unsigned char* row, long key, std::uint64_t number, float* scratch, float* out) {
