@@ -100,33 +100,4 @@ TEST(LogSinkChange, ALineThatMeetsAChangeGoesToTheNewestSinkOnly) {
   }
 }
 
-// No line is lost or gets into a sink that is gone; ThreadSanitizer looks at the memory orders.
-TEST(LogSinkChange, EveryLineReachesOneLiveSink) {
-  std::deque<Sink> sinks(500);
-  sinks[0].Install();
-  std::atomic<bool> stop{false};
-  std::atomic<unsigned long long> logged{0};
-  std::vector<std::jthread> loggers;
-  for (unsigned i = 0; i < 3; ++i) {
-    loggers.emplace_back([&] {
-      for (; !stop; ++logged) {
-        LogOneLine();
-      }
-    });
-  }
-  for (std::size_t i = 1; i < sinks.size(); ++i) {
-    sinks[i].Install();
-    sinks[i - 1].retired = true;
-  }
-  stop = true;
-  loggers.clear();
-  Qen::SetLogSink(nullptr);
-  unsigned long long written = 0;
-  for (const Sink& sink : sinks) {
-    written += sink.lines;
-    EXPECT_EQ(sink.strays, 0);
-  }
-  EXPECT_EQ(written, logged);
-}
-
 }  // namespace
