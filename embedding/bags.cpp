@@ -172,11 +172,11 @@ unsigned long long Embedding::ForwardBags(std::span<const long> keys, const Kavo
       [&](std::size_t first, std::size_t count, unsigned char** at) {
         const int status =
             OfferBlock(keys.subspan(first, count), nullptr, at, bags.hasPadding != 0 ? &bags.padding : nullptr);
+        unsigned long long ofBlock = 0;
         for (std::size_t i = 0; status == KAVO_SUCCESS && i < count; ++i) {
-          if (at[i] == nullptr && !IsPadding(bags, keys[first + i])) {
-            rowless.fetch_add(1, std::memory_order_relaxed);  // read once the workers were joined
-          }
+          ofBlock += at[i] == nullptr && !IsPadding(bags, keys[first + i]) ? 1 : 0;
         }
+        rowless.fetch_add(ofBlock, std::memory_order_relaxed);  // read once the workers were joined
         return status;
       },
       [&](std::size_t key, unsigned char* row, float* scratch, float* copy) -> const float* {

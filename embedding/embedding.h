@@ -52,7 +52,7 @@ class Embedding {
   };
 
   void Lookup(std::span<const long> keys, const Absent& absent, float* rows, unsigned char* found) const;
-  // `occurrences` may be null. Answers how many keys have no row.
+  // `occurrences` may be null. Answers how many of the keys had no row at their turn.
   unsigned long long Forward(std::span<const long> keys, const unsigned* occurrences, float* rows);
   // Answers how many keys were passed over.
   unsigned long long Backward(std::span<const long> keys, const float* gradients, float scale);
