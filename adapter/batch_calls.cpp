@@ -59,16 +59,15 @@ int LookupOrInsert(const Table& table, const long* keys, unsigned long long num,
                    unsigned* isFind, const CountOf& countOf, unsigned long long& done) {
   constexpr bool BASIC = std::is_same_v<Table, BasicTable>;
   constexpr Prefetch AHEAD = BASIC ? Prefetch::CELLS : Prefetch::RECORDS;
-  return ForEachKey<AHEAD>(table, keys, num, done, [&](unsigned long long i, [[maybe_unused]] auto* record) {
+  return ForEachKey<AHEAD>(table, keys, num, done, [&](unsigned long long i, auto* record) {
     unsigned char* block = nullptr;
-    if constexpr (BASIC) {
-      if (record != nullptr) {  // the group's search has found it: a key stays, and no occurrence is counted
-        valuePtrs[i] = ValueBytes(record);
-        isFind[i] = 1;
-        return static_cast<int>(KAVO_SUCCESS);
-      }
+    int status = KAVO_SUCCESS;
+    if (record != nullptr) {  // the group's search has found the key, and keys stay
+      status = FindAgain(table, *record, countOf(i), block);
+      isFind[i] = status == KAVO_SUCCESS ? 1 : isFind[i];
+    } else {
+      status = LookupOrInsert(table, keys[i], countOf(i), block, isFind[i]);
     }
-    const int status = LookupOrInsert(table, keys[i], countOf(i), block, isFind[i]);
     if (status == KAVO_SUCCESS) {
       valuePtrs[i] = block == nullptr ? nullptr : ValueBytes(block);
     }

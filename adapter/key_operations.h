@@ -153,6 +153,19 @@ inline OfferedEntry InsertOrFind(const FilterTable& table, long key, unsigned fi
   return {status, info.rawPtr, info.memKind};
 }
 
+// LookupOrInsert of a key that is there, with its record.
+inline int FindAgain(const BasicTable&, unsigned char& record, unsigned /* filterCount */, unsigned char*& block) {
+  block = &record;
+  return KAVO_SUCCESS;
+}
+
+inline int FindAgain(const FilterTable& table, FilterRecord& record, unsigned filterCount, unsigned char*& block) {
+  FilterTable::FilterOperationInfo info{0, nullptr, MemKind::PREPARED, filterCount};
+  const int status = table.CountFound(record, info);
+  block = info.rawPtr;
+  return status;
+}
+
 // Finds the key, or inserts it without writing value bytes or header. `block` is null for a key that is only counted.
 template <class Table>
 int LookupOrInsert(const Table& table, long key, unsigned filterCount, unsigned char*& block, unsigned& isFind) {

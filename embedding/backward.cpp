@@ -29,8 +29,8 @@ struct BagGradients {
   const float* gradients;
   std::size_t dim;
   const float* weights;
-  std::vector<std::uint32_t> bagOf;  // each element
-  std::vector<float> shareOf;        // each bag; empty but for means
+  std::span<std::uint32_t> bagOf;  // each element
+  std::span<float> shareOf;        // each bag; empty but for means
 
   static constexpr bool HAS_FACTOR = true;
   const float* Of(std::size_t index) const noexcept { return gradients + std::size_t{bagOf[index]} * dim; }
@@ -39,18 +39,18 @@ struct BagGradients {
   }
 };
 
-BagGradients MakeBagGradients(std::span<const long> keys, const KavoBags& bags, const float* gradients,
-                              std::size_t dim) {
-  BagGradients made{gradients, dim, bags.weights, std::vector<std::uint32_t>(keys.size()), {}};
-  made.shareOf.resize(bags.pool == KAVO_POOL_MEAN ? bags.num : 0);
+BagGradients MakeBagGradients(std::span<const long> keys, const KavoBags& bags, const float* gradients, std::size_t dim,
+                              StepMemory& memory) {
+  const BagGradients made{gradients, dim, bags.weights, memory.bagOf.Take(keys.size()),
+                          memory.shareOf.Take(bags.pool == KAVO_POOL_MEAN ? bags.num : 0)};
   for (std::size_t bag = 0; bag < bags.num; ++bag) {
     std::size_t counted = 0;
     for (std::size_t i = bags.offsets[bag]; i < bags.offsets[bag + 1]; ++i) {
       made.bagOf[i] = static_cast<std::uint32_t>(bag);
       counted += bags.hasPadding != 0 && keys[i] == bags.padding ? 0 : 1;
     }
-    if (!made.shareOf.empty() && counted != 0) {
-      made.shareOf[bag] = 1.0F / static_cast<float>(counted);
+    if (!made.shareOf.empty()) {
+      made.shareOf[bag] = 1.0F / static_cast<float>(std::max<std::size_t>(counted, 1));
     }
   }
   return made;
@@ -84,40 +84,37 @@ void StepRow(unsigned char* row, const float* sums, const RowLayout& layout, con
   head.EndWrite(seen, std::max(number, RowHead::Step(seen)));
 }
 
-// What a worker needs for itself.
-struct Room {
-  std::vector<std::uint32_t> places;
-  std::vector<float> sums;
-  std::vector<float> row;
-};
-
 }  // namespace
 
 template <class Source>
 unsigned long long Embedding::Train(std::span<const long> keys, const Source& source, const long* padding, float scale,
-                                    float* weightGradients) {
+                                    float* weightGradients, StepMemory& memory) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::STEP);
   const std::size_t dim = m_layout.Dim();
-  Partitions all(m_pool, keys, padding);
-  std::vector<Room> rooms(std::min<std::size_t>(m_pool.Threads(), all.Num()));
-  // work(room, partition) for all partitions, on the threads of the pool.
+  Partitions& all = memory.partitions;
+  all.Scatter(m_pool, keys, padding);
+  const std::size_t workers = std::min<std::size_t>(m_pool.Threads(), all.Num());
+  memory.workers.resize(std::max(memory.workers.size(), workers));
+  // work(worker, partition) for all partitions, on the threads of the pool.
   const auto forEachPartition = [&](const auto& work) {
     Atomic<std::size_t> next{0};
-    m_pool.Run(rooms.size(), [&](std::size_t worker) {
+    m_pool.Run(workers, [&](std::size_t worker) {
       // Relaxed: hands out numbers.
       for (std::size_t partition = next.fetch_add(1, std::memory_order_relaxed); partition < all.Num();
            partition = next.fetch_add(1, std::memory_order_relaxed)) {
-        work(rooms[worker], partition);
+        work(worker, partition);
       }
     });
   };
+  std::vector<StepMemory::Worker>& ofWorkers = memory.workers;
 
-  for (Room& room : rooms) {
-    room.places.resize(Partitions::PlacesFor(all.Largest()));
+  const std::size_t places = Partitions::PlacesFor(all.Largest());
+  for (std::size_t worker = 0; worker < workers; ++worker) {
+    ofWorkers[worker].places.Take(places);
   }
   Atomic<int> failed{KAVO_SUCCESS};
-  forEachPartition([&](Room& room, std::size_t partition) {
-    all.Distinguish(partition, room.places);
+  forEachPartition([&](std::size_t worker, std::size_t partition) {
+    all.Distinguish(partition, ofWorkers[worker].places.Take(places));
     const std::span<const Tag> tags = all.TagsOf(partition);
     for (std::size_t first = 0; first < tags.size(); first += KeyTables::BLOCK) {
       const std::size_t count = std::min(KeyTables::BLOCK, tags.size() - first);
@@ -128,18 +125,21 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
     }
   });
   CheckBase(failed.load(std::memory_order_relaxed), "KavoBatchLookup");
-  for (Room& room : rooms) {
-    room.sums.resize(all.MostDistinct() * dim);
-    room.row.resize(m_layout.Floats());
+  const std::size_t sumFloats = all.MostDistinct() * dim;
+  for (std::size_t worker = 0; worker < workers; ++worker) {
+    ofWorkers[worker].sums.Take(sumFloats);
+    ofWorkers[worker].row.Take(m_layout.Floats());
   }
 
   Atomic<unsigned long long> passedOver{0};
   const OptimiserInput input{call.Rates(), m_options.initialAccumulator, call.Number(), scale};
   ForOptimiser(m_options.optimiser, input, [&](const auto& optimiser) {
-    forEachPartition([&](Room& room, std::size_t partition) {
+    forEachPartition([&](std::size_t worker, std::size_t partition) {
       const std::span<const Element> elements = all.Of(partition);
       const std::span<unsigned char*> rows = all.RowsOf(partition);
-      std::fill_n(room.sums.begin(), rows.size() * dim, 0.0F);
+      float* const sums = ofWorkers[worker].sums.Take(sumFloats).data();
+      float* const copy = ofWorkers[worker].row.Take(m_layout.Floats()).data();
+      std::fill_n(sums, rows.size() * dim, 0.0F);
       for (std::size_t e = 0; e < elements.size(); ++e) {
         const std::size_t index = elements[e].index;
         if (e < rows.size() && rows[e] != nullptr) {  // there are no more distinct keys than elements
@@ -150,8 +150,7 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
         if (e + GRADIENTS_AHEAD < elements.size()) {
           PrefetchForRead(source.Of(elements[e + GRADIENTS_AHEAD].index));
         }
-        AddGradient<Source::HAS_FACTOR>(&room.sums[elements[e].slot * dim], source.Of(index), source.Factor(index),
-                                        dim);
+        AddGradient<Source::HAS_FACTOR>(&sums[elements[e].slot * dim], source.Of(index), source.Factor(index), dim);
       }
       for (unsigned char*& row : rows) {
         if (row != nullptr && !HasRowNow(row)) {
@@ -164,20 +163,20 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
         rowless += row == nullptr ? 1 : 0;
         if (weightGradients != nullptr) {
           RowHead::Word seen = 0;
-          if (row == nullptr || !ReadRow(row, dim, room.row.data(), seen)) {
-            m_start.Fill(keys[element.index], room.row.data(), dim);
+          if (row == nullptr || !ReadRow(row, dim, copy, seen)) {
+            m_start.Fill(keys[element.index], copy, dim);
           }
           const float* const gradient = source.Of(element.index);
           float product = 0;
           for (std::size_t i = 0; i < dim; ++i) {
-            product += room.row[i] * gradient[i];
+            product += copy[i] * gradient[i];
           }
           weightGradients[element.index] = product * scale;
         }
       }
       for (std::size_t k = 0; k < rows.size(); ++k) {
         if (rows[k] != nullptr) {
-          StepRow(rows[k], &room.sums[k * dim], m_layout, optimiser, call.Number(), room.row.data());
+          StepRow(rows[k], &sums[k * dim], m_layout, optimiser, call.Number(), copy);
         }
       }
       passedOver.fetch_add(rowless, std::memory_order_relaxed);  // read once the workers were joined
@@ -187,7 +186,8 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
 }
 
 unsigned long long Embedding::Backward(std::span<const long> keys, const float* gradients, float scale) {
-  return Train(keys, RowGradients{gradients, m_layout.Dim()}, nullptr, scale, nullptr);
+  Spares<StepMemory>::Lent memory(m_stepMemories);
+  return Train(keys, RowGradients{gradients, m_layout.Dim()}, nullptr, scale, nullptr, *memory);
 }
 
 unsigned long long Embedding::BackwardBags(std::span<const long> keys, const KavoBags& bags, const float* gradients,
@@ -195,8 +195,9 @@ unsigned long long Embedding::BackwardBags(std::span<const long> keys, const Kav
   if (weightGradients != nullptr) {
     std::fill_n(weightGradients, keys.size(), 0.0F);  // of padding
   }
-  return Train(keys, MakeBagGradients(keys, bags, gradients, m_layout.Dim()),
-               bags.hasPadding != 0 ? &bags.padding : nullptr, scale, weightGradients);
+  Spares<StepMemory>::Lent memory(m_stepMemories);
+  const BagGradients source = MakeBagGradients(keys, bags, gradients, m_layout.Dim(), *memory);
+  return Train(keys, source, bags.hasPadding != 0 ? &bags.padding : nullptr, scale, weightGradients, *memory);
 }
 
 }  // namespace Qen

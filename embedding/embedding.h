@@ -5,6 +5,7 @@
 //
 //   tables    safe by themselves (key_tables.h); rows by their heads (row_head.h)
 //   clock     numbers of steps, rates, calls at work (step_clock.h)
+//   memories  of backward calls, each used by one of them at a time (reused.h)
 //   pool      deals the blocks of a call out to threads (thread_pool.h)
 //   the rest  fixed after construction; seed and initialiser after loading
 //
@@ -22,6 +23,8 @@
 #include <vector>
 
 #include "embedding/key_tables.h"
+#include "embedding/partitions.h"
+#include "embedding/reused.h"
 #include "embedding/row_layout.h"
 #include "embedding/snapshot_state.h"
 #include "embedding/start.h"
@@ -109,7 +112,7 @@ class Embedding {
 
   template <class Source>
   unsigned long long Train(std::span<const long> keys, const Source& source, const long* padding, float scale,
-                           float* weightGradients);
+                           float* weightGradients, StepMemory& memory);
 
   // Where a walk over all keys stands; used by one thread at a time.
   struct KeyWalk {
@@ -128,6 +131,7 @@ class Embedding {
   std::unique_ptr<KeyTables> m_tables;  // never null
   mutable ThreadPool m_pool;
   Atomic<unsigned long long> m_rows{0};
+  Spares<StepMemory> m_stepMemories;
   SnapshotState m_snapshots;
   Mutex m_walksMutex;  // guards the next two, not the walks
   std::map<std::uintptr_t, KeyWalk> m_walks;

@@ -14,7 +14,7 @@ constexpr std::size_t KEYS_A_RANGE = 4096;  // fewer are not worth a thread
 }  // namespace
 
 // A stable counting sort. Threads take ranges of the batch, count, and then write to places that no two of them share.
-Partitions::Partitions(ThreadPool& pool, std::span<const long> keys, const long* padding) {
+void Partitions::Scatter(ThreadPool& pool, std::span<const long> keys, const long* padding) {
   const unsigned bits =
       std::min(MAX_PARTITION_BITS, static_cast<unsigned>(std::bit_width(keys.size() / KEYS_A_PARTITION)));
   const std::size_t num = std::size_t{1} << bits;
@@ -22,8 +22,10 @@ Partitions::Partitions(ThreadPool& pool, std::span<const long> keys, const long*
   const auto partitionOf = [bits](Tag tag) -> std::size_t { return bits == 0 ? 0 : (tag << 1) >> (64 - bits); };
   const std::size_t ranges = std::min<std::size_t>(pool.Threads(), keys.size() / KEYS_A_RANGE + 1);
   const std::size_t length = (keys.size() + ranges - 1) / ranges;
-  std::vector<Tag> tags(keys.size());
-  std::vector<std::size_t> places(ranges * num);  // first counts, then where each range's elements go
+  // Whoever has scattered needs the tags in the batch's order no more: their memory is that of the distinct keys'.
+  const std::span<Tag> tags = m_tagMemory.Take(keys.size());
+  const std::span<std::size_t> places = m_placeMemory.Take(ranges * num);  // counts, then where a range's elements go
+  std::fill(places.begin(), places.end(), 0);
   const auto forEach = [&](std::size_t range, const auto& use) {
     const std::size_t end = std::min(keys.size(), (range + 1) * length);
     for (std::size_t i = range * length; i < end; ++i) {
@@ -38,7 +40,7 @@ Partitions::Partitions(ThreadPool& pool, std::span<const long> keys, const long*
       ++places[range * num + partitionOf(tags[i])];
     });
   });
-  m_begins.resize(num + 1);
+  m_begins = m_beginMemory.Take(num + 1);
   std::size_t total = 0;
   for (std::size_t partition = 0; partition < num; ++partition) {
     m_begins[partition] = total;
@@ -47,15 +49,15 @@ Partitions::Partitions(ThreadPool& pool, std::span<const long> keys, const long*
     }
   }
   m_begins[num] = total;
-  m_elements.resize(total);
-  m_distinct.resize(num);
-  m_tags.resize(total);
-  m_rows.resize(total);
+  m_elements = m_elementMemory.Take(total);
+  m_distinct = m_distinctMemory.Take(num);
+  m_rows = m_rowMemory.Take(total);
   pool.Run(ranges, [&](std::size_t range) {
     forEach(range, [&](std::size_t i) {
       m_elements[places[range * num + partitionOf(tags[i])]++] = {tags[i], static_cast<std::uint32_t>(i), 0};
     });
   });
+  m_tags = tags.first(total);
 }
 
 std::size_t Partitions::Largest() const noexcept {
@@ -74,7 +76,7 @@ std::size_t Partitions::PlacesFor(std::size_t elements) noexcept {
   return std::bit_ceil(2 * elements);
 }
 
-void Partitions::Distinguish(std::size_t partition, std::vector<std::uint32_t>& places) noexcept {
+void Partitions::Distinguish(std::size_t partition, std::span<std::uint32_t> places) noexcept {
   const std::span<Element> elements = Of(partition);
   Tag* const tags = m_tags.data() + m_begins[partition];
   const std::size_t mask = PlacesFor(elements.size()) - 1;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "embedding/key_tables.h"
+#include "embedding/reused.h"
 #include "embedding/thread_pool.h"
 
 namespace Qen {
@@ -24,35 +25,56 @@ struct Element {
 
 class Partitions {
  public:
-  // Of the keys that are not `padding` (null: of all). Fewer than 2^32.
-  Partitions(ThreadPool& pool, std::span<const long> keys, const long* padding);
+  // Scatters the keys that are not `padding` (null: all). Fewer than 2^32. Throws std::bad_alloc.
+  void Scatter(ThreadPool& pool, std::span<const long> keys, const long* padding);
 
-  std::size_t Num() const noexcept { return m_begins.size() - 1; }
+  std::size_t Num() const noexcept { return m_distinct.size(); }
   // Elements of the largest partition.
   std::size_t Largest() const noexcept;
   std::span<Element> Of(std::size_t partition) noexcept {
-    return std::span(m_elements).subspan(m_begins[partition], m_begins[partition + 1] - m_begins[partition]);
+    return m_elements.subspan(m_begins[partition], m_begins[partition + 1] - m_begins[partition]);
   }
 
   // The distinct keys of a partition in the order in which they come first, once Distinguish has been called for it,
   // and room for their rows.
   std::span<const Tag> TagsOf(std::size_t partition) const noexcept {
-    return std::span(m_tags).subspan(m_begins[partition], m_distinct[partition]);
+    return m_tags.subspan(m_begins[partition], m_distinct[partition]);
   }
   std::span<unsigned char*> RowsOf(std::size_t partition) noexcept {
-    return std::span(m_rows).subspan(m_begins[partition], m_distinct[partition]);
+    return m_rows.subspan(m_begins[partition], m_distinct[partition]);
   }
   // Numbers the distinct keys. `places` is room for a hash table: PlacesFor(Largest()) numbers.
-  void Distinguish(std::size_t partition, std::vector<std::uint32_t>& places) noexcept;
+  void Distinguish(std::size_t partition, std::span<std::uint32_t> places) noexcept;
   static std::size_t PlacesFor(std::size_t elements) noexcept;
   std::size_t MostDistinct() const noexcept;
 
  private:
-  std::vector<Element> m_elements;
-  std::vector<std::size_t> m_begins;  // of each partition's elements; one more, the end
-  std::vector<std::uint32_t> m_distinct;
-  std::vector<Tag> m_tags;  // from m_begins[partition] on, as the rows
-  std::vector<unsigned char*> m_rows;
+  std::span<Element> m_elements;
+  std::span<std::size_t> m_begins;  // of each partition's elements; one more, the end
+  std::span<std::uint32_t> m_distinct;
+  std::span<Tag> m_tags;  // from m_begins[partition] on, as the rows
+  std::span<unsigned char*> m_rows;
+
+  // Where they lie; and, while keys are scattered, the tags of the batch in its order and each range's places.
+  Reused<Element> m_elementMemory;
+  Reused<std::size_t> m_beginMemory;
+  Reused<std::uint32_t> m_distinctMemory;
+  Reused<Tag> m_tagMemory;
+  Reused<unsigned char*> m_rowMemory;
+  Reused<std::size_t> m_placeMemory;
+};
+
+// Working memory of a backward call.
+struct StepMemory {
+  struct Worker {
+    Reused<std::uint32_t> places;
+    Reused<float> sums;
+    Reused<float> row;
+  };
+  Partitions partitions;
+  std::vector<Worker> workers;
+  Reused<std::uint32_t> bagOf;  // each element of a bag call's batch
+  Reused<float> shareOf;        // each bag, in a mean
 };
 
 }  // namespace Qen

@@ -72,6 +72,13 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
     return nullptr;
   }
 
+  // The same without a log line, for many keys one after the other: of a key in its home cell, as most are, the search
+  // stands in the caller's loop. Its block is right, whatever the flags say.
+  Pointee* FindQuietly(const Key& key) const {
+    Pointee* const block = CurrentGeneration()->FindAtHome(key);
+    return block != nullptr ? block : FindFurther(key);
+  }
+
   // Asks for the cells that Find will come to first.
   void PrefetchHome(const Key& key) const noexcept {
     const Core* const core = CurrentGeneration();
@@ -121,7 +128,8 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
   Core* FirstGeneration() const noexcept { return m_firstHashCore; }
 
  private:
-  // Not inlined: what it does with registers, a key found at home need not pay for.
+  // Not inlined, here and below: what they do with registers, a key found at home need not pay for.
+  [[gnu::noinline]] Pointee* FindFurther(const Key& key) const { return Find(key, OnMiss::QUIET); }
   template <class InsertCallback, class FoundCallback>
   [[gnu::noinline]] int InsertOrFind(const Key& key, const InsertCallback& insertCallback,
                                      const FoundCallback& foundCallback, Core* start);

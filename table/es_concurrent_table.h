@@ -81,7 +81,7 @@ class EsConcurrentTable {
   // Null when the key is absent or its insert has not finished.
   Pointee* Find(const Key& key) const { return m_table->GetHashtable().Find(key); }
   // The same, but logs nothing; PrefetchHome may be called some time before it.
-  Pointee* FindQuietly(const Key& key) const { return m_table->GetHashtable().Find(key, Table::Table::OnMiss::QUIET); }
+  Pointee* FindQuietly(const Key& key) const { return m_table->GetHashtable().FindQuietly(key); }
   void PrefetchHome(const Key& key) const noexcept { m_table->GetHashtable().PrefetchHome(key); }
 
   // REHASH_GRADUAL or REHASH_WHOLE_TABLE. While no insert runs.

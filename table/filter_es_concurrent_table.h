@@ -121,6 +121,14 @@ class FilterEsConcurrentTable final : private FilterRecords,
   int InsertOrFindForDefaultKey(FilterOperationInfo& info) const;
   // Counts `filterCount` occurrences, and admits the key once its count has passed the threshold.
   int InsertOrFindWithCounter(FilterOperationInfo& info) const;
+  // The last two of a key that is there, with its record.
+  int CountFound(FilterRecord& record, FilterOperationInfo& info) const {
+    if (info.filterCount == 0) {
+      info.rawPtr = VTraits::Block(record);
+      return KAVO_SUCCESS;
+    }
+    return FindOrAdmit(record, AddCount(record, info.filterCount), info);
+  }
 
   // The new-entry step of the first two.
   int AssignFilterValue(FilterOperationInfo& info, Value& value) const;
@@ -239,10 +247,7 @@ int FilterEsConcurrentTable<TableId, Key, Value, KTraits, VTraits>::InsertOrFind
     KAVO_CATCH_NO_RECORD("operator()")  // NOLINT(bugprone-lambda-function-name): meant
   };
   // Runs once in a call: the hash table waits by itself for a record that is not there yet. So the call counts once.
-  const auto onFound = [this, &info](FilterRecord& record) {
-    return FindOrAdmit(record, AddCount(record, info.filterCount), info);
-  };
-  return Run(info.key, onInsert, onFound);
+  return Run(info.key, onInsert, [this, &info](FilterRecord& record) { return CountFound(record, info); });
 }
 
 template <class TableId, class Key, class Value, class KTraits, class VTraits>
