@@ -43,22 +43,6 @@ bool IsEmpty(const KeyTables& tables) {
   return true;
 }
 
-// Makes the head of a row forgotten, if `wanted` says so of what it is; answers whether.
-template <class Wanted>
-bool Forget(unsigned char* row, const Wanted& wanted) noexcept {
-  RowHead head(row);
-  RowHead::Word seen = head.Load();
-  for (;;) {
-    if (RowHead::IsBeingWritten(seen)) {
-      seen = WaitForWriter(head);
-    } else if (!wanted(seen)) {
-      return false;
-    } else if (head.TryMark(seen, (seen == 0 ? RowHead::WholeAt(1) : seen) | RowHead::FORGOTTEN)) {
-      return true;
-    }
-  }
-}
-
 }  // namespace
 
 EmbeddingTarget::EmbeddingTarget(std::string name, Embedding& embedding, unsigned shard, unsigned shards, Wins wins)
@@ -148,13 +132,13 @@ void EmbeddingTarget::InstallGroup(BlockType type, const ItemDescription& item, 
     CheckBase(tables.Offer(group.tags, group.num, group.counts, group.rows), "KavoBatchOffer");
     for (std::size_t i = 0; i < group.num; ++i) {
       if (group.rows[i] != nullptr) {
-        Forget(group.rows[i], [](RowHead::Word seen) { return seen == 0; });
+        ForgetRow(group.rows[i], [](RowHead::Word seen) { return seen == 0; });
       }
     }
   } else {
     CheckBase(tables.Find(group.tags, group.num, group.rows), "KavoBatchLookup");
     for (std::size_t i = 0; i < group.num; ++i) {
-      if (group.rows[i] != nullptr && Forget(group.rows[i], RowHead::HasRow)) {
+      if (group.rows[i] != nullptr && ForgetRow(group.rows[i], RowHead::HasRow)) {
         m_embedding.CountRows(0, 1);
       }
     }

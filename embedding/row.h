@@ -1,4 +1,5 @@
-// What is done with one row that others may use at the same time: read it whole, create it, change it.
+// What is done with one row that others may use at the same time: read it whole, create it, change it, forget it, save
+// it.
 #pragma once
 
 #include <algorithm>
@@ -75,6 +76,57 @@ bool CreateRow(unsigned char* row, std::size_t count, std::uint64_t number, floa
   StoreFloats(scratch, RowLayout::Weights(row), count);
   head.EndWrite(seen, number);
   return true;
+}
+
+// Marks a row as forgotten, if `wanted` says so of its head, 0 or whole; answers whether. A writer that is at work ends
+// first, and one that comes later finds the mark: no write takes it back unseen.
+template <class Wanted>
+bool ForgetRow(unsigned char* row, const Wanted& wanted) noexcept {
+  RowHead head(row);
+  RowHead::Word seen = head.Load();
+  for (;;) {
+    if (RowHead::IsBeingWritten(seen)) {
+      seen = WaitForWriter(head);
+    } else if (!wanted(seen)) {
+      return false;
+    } else if (head.TryMark(seen, (seen == 0 ? RowHead::WholeAt(1) : seen) | RowHead::FORGOTTEN)) {
+      return true;
+    }
+  }
+}
+
+// What a save takes: of a full one all rows, of an increment those whose number is `since` or a later one, and the
+// removals of those that were forgotten. What it took bears its mark, so that it takes a row once.
+struct RowsToSave {
+  bool all;
+  std::uint64_t since;
+  unsigned mark;
+};
+
+enum class Taken { ROW, REMOVAL, NOTHING };
+
+// Whether the row stands in the save now, and as what; a ROW's `count` floats of one moment, and the head that they
+// had, are in `floats` and `seen` then. A write between copying and marking changes the head: it is copied again.
+inline Taken TakeRow(unsigned char* row, const RowsToSave& save, std::size_t count, float* floats,
+                     RowHead::Word& seen) noexcept {
+  RowHead head(row);
+  seen = head.Load();
+  for (;;) {
+    if (RowHead::IsBeingWritten(seen)) {
+      seen = WaitForWriter(head);
+    }
+    const bool isNew = save.all || RowHead::Step(seen) >= save.since;
+    const bool isForgotten = (seen & RowHead::FORGOTTEN) != 0;
+    if (seen == 0 || !isNew || RowHead::Save(seen) == save.mark || (isForgotten && save.all)) {
+      return Taken::NOTHING;
+    }
+    if (!isForgotten && !ReadRow(row, count, floats, seen)) {
+      continue;  // forgotten meanwhile
+    }
+    if (head.TryMark(seen, RowHead::WithSave(seen, save.mark))) {
+      return isForgotten ? Taken::REMOVAL : Taken::ROW;
+    }
+  }
 }
 
 }  // namespace Qen

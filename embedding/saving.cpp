@@ -186,9 +186,14 @@ void EmbeddingSource::TakeElement(const KavoHtBatchElement& element, std::uint64
     return;
   }
   unsigned char* const record = buffers.rows.Next();
-  switch (TakeRow(element.value, record)) {
+  const RowsToSave terms{m_kind == SnapshotKind::FULL, m_since, m_mark};
+  auto* const floats = reinterpret_cast<float*>(record + m_description.ValueOffset());
+  RowHead::Word seen = 0;
+  switch (TakeRow(element.value, terms, m_embedding.Layout().Floats(), floats, seen)) {
     case Taken::ROW: {
       std::memcpy(record, &key, sizeof(key));
+      const std::uint64_t step = RowHead::Step(seen);
+      std::memcpy(record + sizeof(key), &step, sizeof(step));
       if (m_description.hasCounts != 0) {
         const RowLayout& layout = m_embedding.Layout();
         // Relaxed: a count of its own.
@@ -206,32 +211,6 @@ void EmbeddingSource::TakeElement(const KavoHtBatchElement& element, std::uint64
       break;
     case Taken::NOTHING:
       break;
-  }
-}
-
-EmbeddingSource::Taken EmbeddingSource::TakeRow(unsigned char* row, unsigned char* record) const {
-  RowHead head(row);
-  RowHead::Word seen = head.Load();
-  for (;;) {
-    if (RowHead::IsBeingWritten(seen)) {
-      seen = WaitForWriter(head);
-    }
-    const bool isNew = m_kind == SnapshotKind::FULL || RowHead::Step(seen) >= m_since;
-    const bool isForgotten = (seen & RowHead::FORGOTTEN) != 0;
-    if (seen == 0 || !isNew || RowHead::Save(seen) == m_mark || (isForgotten && m_kind == SnapshotKind::FULL)) {
-      return Taken::NOTHING;
-    }
-    if (!isForgotten) {
-      auto* const floats = reinterpret_cast<float*>(record + m_description.ValueOffset());
-      if (!ReadRow(row, m_embedding.Layout().Floats(), floats, seen)) {
-        continue;  // forgotten meanwhile
-      }
-      const std::uint64_t step = RowHead::Step(seen);
-      std::memcpy(record + sizeof(long), &step, sizeof(step));
-    }
-    if (head.TryMark(seen, RowHead::WithSave(seen, m_mark))) {
-      return isForgotten ? Taken::REMOVAL : Taken::ROW;
-    }
   }
 }
 

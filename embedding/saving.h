@@ -25,11 +25,8 @@ class EmbeddingSource : public ItemSource {
 
  private:
   struct Buffers;
-  enum class Taken { ROW, REMOVAL, NOTHING };
 
   void TakeElement(const KavoHtBatchElement& element, std::uint64_t tag, Buffers& buffers) const;
-  // Whether the row stands in this save now, and as what; then `record` has it.
-  Taken TakeRow(unsigned char* row, unsigned char* record) const;
 
   const ItemDescription m_description;
   Embedding& m_embedding;

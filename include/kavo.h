@@ -84,8 +84,8 @@
  *    C creation   +  +  +  +  +  +  +  +  -   KavoInitHashTable: the others get KAVO_INVALID until it is done
  *    D end        -  -  -  -  -  -  -  -  -   KavoUninitHashTable
  *
- *    1  Safe, but no insert of a new key may run from the first call of an iteration to its last, or it gives what is
- *       said under EXPORT; the number of entries is approximate.
+ *    1  Safe. While new keys are inserted an iteration gives each key that was there before at least once, see EXPORT,
+ *       and the number of entries is approximate.
  *    2  Values are to be written before keys that might adopt them are inserted; see VALUES BEFORE KEYS.
  *    3  One thread a cursor. Marking exports compete for the entries that they mark.
  *    4  One thread an index.
@@ -622,9 +622,10 @@ int GetBatchPsIds(const unsigned long long* keys, unsigned int** psIds, unsigned
  * for the first batch of one after a full batch of several: it looks at that one's last entry again.
  *  - Apart from that each entry is reported once, in no particular order, and every key whose insert has completed is,
  *    if it meets the mode. Iterations between which nothing was inserted go over the entries in the same order.
- *  - No insert of a new key may run on the table from an iteration's first call to its last. One that does no less is
- *    safe: no key is missed whose insert had completed when the iteration began; but one that a growth moves meanwhile
- *    may be reported twice, and the new key may be reported or not. Lookups and updates may run.
+ *  - That is while no new key is inserted, from the iteration's first call to its last. Beside inserts an iteration
+ *    gives at least once: every key whose insert had completed when it began is reported, if it meets the mode, and
+ *    again if a growth has moved it meanwhile; a key whose insert had not is reported or not. Lookups and updates may
+ *    run at any time.
  *  - A cursor belongs to the table. It is freed when its iteration ends, and otherwise with the table: an iteration
  *    may be given up at any time without a call, and leaves some hundred bytes until then; and the table, should it
  *    grow, keeps the memory of its smaller forms while any cursor is open. What is not a cursor of the table, or not

@@ -112,6 +112,19 @@ class BatchRun final : public ScenarioRun {
     }
   }
 
+  // Two entries at a time: the cursor stays while others insert.
+  void Walk() {
+    const std::set<long> before = m_ledger.CompletedKeys();
+    std::multiset<long> walked;
+    ForEachEntry(2, [&](const KavoHtBatchElement& element) {
+      if (element.value != nullptr) {
+        m_ledger.LookedUp(element.key, nullptr, element.value);
+        walked.insert(element.key);
+      }
+    });
+    m_ledger.Walked(before, walked);
+  }
+
   std::string Check() override {
     CheckEntries();
     if (m_ledger.Failure().empty()) {
@@ -177,21 +190,28 @@ class BatchRun final : public ScenarioRun {
     return value;
   }
 
+  template <class Visit>
+  void ForEachEntry(unsigned atATime, const Visit& visit) {
+    std::vector<KavoHtBatchElement> elements(atATime);
+    KavoHtBatchInfo batch{elements.data(), atATime, KAVO_EXPORT_ALL, 0};
+    void* cursor = nullptr;
+    do {
+      unsigned count = 0;
+      KavoBatchGetNext(m_id, &batch, &count, &cursor);
+      std::for_each_n(elements.begin(), count, visit);
+    } while (cursor != nullptr);
+  }
+
   void CheckEntries() {
     std::multiset<long> walked;
-    KavoHtBatchElement elements[64];
-    KavoHtBatchInfo batch{elements, 64, KAVO_EXPORT_ALL, 0};
-    unsigned count = 0;
-    void* cursor = nullptr;
-    KavoBatchGetNext(m_id, &batch, &count, &cursor);
-    for (const KavoHtBatchElement* element = elements; element != elements + count; ++element) {
-      if (m_isFilter && element->count != m_told[element->key].occurrences) {
-        m_ledger.Fail(element->key, "occurrences were lost, or counted twice");
+    ForEachEntry(64, [&](const KavoHtBatchElement& element) {
+      if (m_isFilter && element.count != m_told[element.key].occurrences) {
+        m_ledger.Fail(element.key, "occurrences were lost, or counted twice");
       }
-      if (element->value != nullptr) {
-        walked.insert(element->key);
+      if (element.value != nullptr) {
+        walked.insert(element.key);
       }
-    }
+    });
     std::set<const void*> values;
     for (const auto& [key, told] : m_told) {
       if (told.value != nullptr && !values.insert(told.value).second) {
@@ -231,6 +251,9 @@ Batch Gathers(const Keys& keys) {
 }
 Batch Looks(const Keys& keys) {
   return [=](BatchRun& run) { run.Look(keys); };
+}
+Batch Walks() {
+  return [](BatchRun& run) { run.Walk(); };
 }
 
 void ExpectBatchesHold(const std::vector<Batch>& before, const std::vector<Batch>& threads, const BatchTable& table) {

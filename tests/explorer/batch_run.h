@@ -23,6 +23,7 @@ Batch OffersWithoutMemory(const Keys& keys, unsigned filterCount = 0);  // no va
 Batch Puts(const Keys& keys);
 Batch Gathers(const Keys& keys);
 Batch Looks(const Keys& keys);
+Batch Walks();  // over all entries, with a cursor
 
 struct BatchTable {
   unsigned type = KAVO_TABLE_TYPE_BASIC;

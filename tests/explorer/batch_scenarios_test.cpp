@@ -42,6 +42,12 @@ TEST(BatchScenarios, AGrowthInABatchLosesNoKeyOfAnother) {
   }
 }
 
+TEST(BatchScenarios, ACursorGivesEveryKeyAtLeastOnceBesideGrowth) {
+  for (const BatchTable& table : {BASIC, FILTER, GRADUAL}) {
+    ExpectBatchesHold({Puts(ONE_A_BUCKET)}, {Puts({16, 17}), Walks(), Puts({32})}, table);
+  }
+}
+
 TEST(BatchScenarios, ABatchWithoutMemoryKeepsWhatItServed) {
   ExpectBatchesHold({Puts(ALL_BUT_ONE_BLOCK)}, {OffersWithoutMemory({1, 0, 16, 32}), Offers({16, 0}), Looks({16, 0})});
   ExpectBatchesHold({Puts(ALL_BUT_ONE_BLOCK)},
