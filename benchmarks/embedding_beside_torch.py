@@ -7,121 +7,14 @@ at the path that is given. The environment should have OMP_WAIT_POLICY=PASSIVE, 
 """
 
 import argparse
-import ctypes
 import json
 import statistics
-import sys
 import time
 
 import numpy
 import torch
 
-OPTIMISERS = {"sgd": 1, "adagrad": 2, "adam": 4}
-
-
-class Rates(ctypes.Structure):
-    _fields_ = [("size", ctypes.c_ulonglong)] + [
-        (name, ctypes.c_double)
-        for name in ("learningRate", "weightDecay", "eps", "beta1", "beta2", "ftrlBeta", "l1", "l2")
-    ]
-
-
-class Options(ctypes.Structure):
-    _fields_ = [
-        ("size", ctypes.c_ulonglong),
-        ("dim", ctypes.c_uint),
-        ("optimiser", ctypes.c_uint),
-        ("initialiser", ctypes.c_uint),
-        ("startA", ctypes.c_float),
-        ("startB", ctypes.c_float),
-        ("initialAccumulator", ctypes.c_float),
-        ("seed", ctypes.c_ulonglong),
-        ("expected", ctypes.c_ulonglong),
-        ("admission", ctypes.c_uint),
-        ("counts", ctypes.c_uint),
-        ("growth", ctypes.c_uint),
-        ("threads", ctypes.c_uint),
-        ("rates", Rates),
-    ]
-
-
-class Bags(ctypes.Structure):
-    _fields_ = [
-        ("size", ctypes.c_ulonglong),
-        ("num", ctypes.c_ulonglong),
-        ("offsets", ctypes.c_void_p),
-        ("weights", ctypes.c_void_p),
-        ("pool", ctypes.c_uint),
-        ("hasPadding", ctypes.c_uint),
-        ("padding", ctypes.c_long),
-    ]
-
-
-class Kavo:
-    """One embedding, by the C interface."""
-
-    def __init__(self, path: str, rows: int, dim: int, optimiser: str, threads: int):
-        self.library = ctypes.CDLL(path)
-        self.library.KavoEmbeddingLastError.restype = ctypes.c_char_p
-        options = Options()
-        self.check(
-            self.library.KavoEmbeddingDefaults(
-                ctypes.byref(options), ctypes.c_ulonglong(ctypes.sizeof(options)), dim, OPTIMISERS[optimiser]
-            )
-        )
-        options.expected = rows
-        options.threads = threads
-        self.handle = ctypes.c_void_p()
-        self.dim = dim
-        self.check(self.library.KavoEmbeddingCreate(ctypes.byref(options), ctypes.byref(self.handle)))
-        for first in range(0, rows, 1 << 20):
-            keys = numpy.arange(first, min(rows, first + (1 << 20)), dtype=numpy.int64)
-            self.forward_rows(keys)
-
-    def check(self, status: int) -> None:
-        if status != 0:
-            sys.exit(f"{status}: {self.library.KavoEmbeddingLastError().decode()}")
-
-    def forward_rows(self, keys: numpy.ndarray) -> numpy.ndarray:
-        out = numpy.empty((len(keys), self.dim), dtype=numpy.float32)
-        number = ctypes.c_ulonglong(len(keys))
-        self.check(
-            self.library.KavoEmbeddingForward(
-                self.handle, ctypes.c_void_p(keys.ctypes.data), number, None, ctypes.c_void_p(out.ctypes.data), None
-            )
-        )
-        return out
-
-    def bags(self, offsets: numpy.ndarray) -> Bags:
-        return Bags(ctypes.sizeof(Bags), len(offsets) - 1, offsets.ctypes.data, None, 0, 0, 0)
-
-    def forward(self, keys: numpy.ndarray, bags: Bags, out: numpy.ndarray) -> None:
-        number = ctypes.c_ulonglong(len(keys))
-        self.check(
-            self.library.KavoEmbeddingForwardBags(
-                self.handle,
-                ctypes.c_void_p(keys.ctypes.data),
-                number,
-                ctypes.byref(bags),
-                ctypes.c_void_p(out.ctypes.data),
-                None,
-            )
-        )
-
-    def backward(self, keys: numpy.ndarray, bags: Bags, gradients: numpy.ndarray) -> None:
-        number = ctypes.c_ulonglong(len(keys))
-        self.check(
-            self.library.KavoEmbeddingBackwardBags(
-                self.handle,
-                ctypes.c_void_p(keys.ctypes.data),
-                number,
-                ctypes.byref(bags),
-                ctypes.c_void_p(gradients.ctypes.data),
-                ctypes.c_float(1),
-                None,
-                None,
-            )
-        )
+from embedding_library import OPTIMISERS, Embedding
 
 
 def torch_optimiser(name: str, module: torch.nn.Module) -> torch.optim.Optimizer:
@@ -133,8 +26,8 @@ def torch_optimiser(name: str, module: torch.nn.Module) -> torch.optim.Optimizer
 
 
 def stream(rows: int, num: int, random: numpy.random.Generator) -> numpy.ndarray:
-    """Heavy-tailed ids: the r-th most frequent comes up in proportion to 1 / r; about half of 100,000 draws are distinct
-    in 10,000,000 rows. Popular ids are scattered."""
+    """Heavy-tailed ids: the r-th most frequent comes up in proportion to 1 / r; about half of 100,000 draws are
+    distinct in 10,000,000 rows. Popular ids are scattered."""
     popular = (rows ** random.random(num)).astype(numpy.int64) - 1
     return popular * 7368787 % rows
 
@@ -154,7 +47,9 @@ def main() -> None:
     random = numpy.random.default_rng(1)
     num = options.bags * options.keys
     offsets = numpy.arange(0, num + 1, options.keys, dtype=numpy.uint64)
-    kavo = Kavo(options.library, options.rows, options.dim, options.optimiser, options.threads)
+    kavo = Embedding(options.library, options.rows, options.dim, options.optimiser, options.threads)
+    for first in range(0, options.rows, 1 << 20):
+        kavo.forward_rows(numpy.arange(first, min(options.rows, first + (1 << 20)), dtype=numpy.int64))
     module = torch.nn.EmbeddingBag(options.rows, options.dim, mode="sum", sparse=True)
     optimiser = torch_optimiser(options.optimiser, module)
     starts = torch.from_numpy(offsets[:-1].astype(numpy.int64))
