@@ -1,20 +1,16 @@
-// Saving and loading with the n-th allocation failing, for every n: a status, and nothing is lost or half there.
+// Calls on embeddings and snapshots with the n-th allocation failing, for every n: a status and a text, and nothing is
+// lost or half there.
 #include <cstdlib>
 #include <new>
+#include <numeric>
 
 #include "snapshot/snapshot_support.h"
 #include "support/fault_loop.h"
 
-namespace {
-
-// Of this thread, from now on; 0: none.
-thread_local unsigned long long t_allocationsToFailure = 0;
-
-}  // namespace
-
-// Not inlined: a compiler that sees into one of a pair takes malloc and delete, or new and free, for a mismatch.
+// The standard library's allocations fail by the plan of the base's own. Not inlined: a compiler that sees into one of
+// a pair takes malloc and delete, or new and free, for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
-  return t_allocationsToFailure != 0 && --t_allocationsToFailure == 0 ? nullptr : std::malloc(bytes);
+  return Qen::TestHooks::ShouldFailAllocation() ? nullptr : std::malloc(bytes);
 }
 [[gnu::noinline]] void* operator new(std::size_t bytes) {
   void* const memory = operator new(bytes, std::nothrow);
@@ -30,44 +26,34 @@ thread_local unsigned long long t_allocationsToFailure = 0;
 namespace SnapshotTest {
 namespace {
 
+// call() with each allocation failing in turn, by itself or with all after it; check(failed) after each.
+template <class Call, class Check>
+void FailEach(const Call& call, const Check& check) {
+  for (const bool stay : {false, true}) {
+    unsigned failures = 0;
+    KavoTest::ForEachFailingAllocation(
+        [&] {
+          const int status = call();
+          Qen::TestHooks::FailAllocation(0);
+          const std::string text = KavoEmbeddingLastError();
+          // The base answers KAVO_FAILED, -1, when it has no memory for an overflow map.
+          EXPECT_TRUE(status == KAVO_SUCCESS || (status == KAVO_FAILED && text.ends_with("answered -1")) ||
+                      (status == KAVO_NO_MEMORY && (text.ends_with("answered -3") || text.ends_with("no memory"))))
+              << status << ' ' << text;
+          failures += status == KAVO_SUCCESS ? 0 : 1;
+          check(status != KAVO_SUCCESS);
+        },
+        stay);
+    EXPECT_GT(failures, 2U);
+  }
+}
+
 class Memory : public ::testing::Test {
  protected:
   Memory() {
     m_trainer.Step(m_live.get(), 100);
     Must(Save(m_path, KAVO_SNAPSHOT_FULL, m_live.get()));
     m_trainer.Step(m_live.get(), 100);
-  }
-
-  static void Disarm() {
-    t_allocationsToFailure = 0;
-    Qen::TestHooks::FailAllocation(0);
-  }
-
-  // call() with each allocation failing in turn, the library's own ones and those of the standard library. check()
-  // after each that has failed; answers how many did.
-  template <class Call, class Check>
-  unsigned FailEach(const Call& call, const Check& check) {
-    unsigned failures = 0;
-    for (const bool base : {false, true}) {
-      int status = KAVO_NO_MEMORY;
-      for (unsigned long long nth = 1; status != KAVO_SUCCESS && !HasFailure(); ++nth) {
-        SCOPED_TRACE(::testing::Message() << (base ? "base, " : "") << "allocation " << nth << " fails");
-        if (base) {
-          Qen::TestHooks::FailAllocation(nth, true);  // and all after it
-        } else {
-          t_allocationsToFailure = nth;
-        }
-        status = call();
-        Disarm();
-        if (status != KAVO_SUCCESS) {
-          // The base answers so when it has no memory for an overflow map.
-          EXPECT_TRUE(status == KAVO_NO_MEMORY || (base && status == KAVO_FAILED)) << KavoEmbeddingLastError();
-          check();
-          ++failures;
-        }
-      }
-    }
-    return failures;
   }
 
   const KavoEmbeddingOptions m_options = Small(KAVO_OPTIMISER_ADAGRAD, 2);
@@ -81,44 +67,92 @@ TEST_F(Memory, ASaveThatFailsLosesNothing) {
   Qen::SaveIdentity last = m_live->Snapshots().last;
   std::uint64_t cut = m_live->Snapshots().cut;
   const Records contents = Contents(m_live.get());
-  const unsigned failures = FailEach(
-      [&] {
-        const int status = Save(m_path, KAVO_SNAPSHOT_INCREMENT, m_live.get());
-        if (status == KAVO_SUCCESS) {
-          last = m_live->Snapshots().last;
-          cut = m_live->Snapshots().cut;
-        }
-        return status;
-      },
-      [&] {
-        EXPECT_EQ(m_live->Snapshots().last, last);
-        EXPECT_EQ(m_live->Snapshots().cut, cut);
-        EXPECT_EQ(FilesIn(m_path), 1 + 2 * static_cast<long>(Qen::Folder(m_path).Numbers().size()))
-            << "lock, manifests, parts";
-      });
-  EXPECT_GT(failures, 20U);
+  FailEach([&] { return Save(m_path, KAVO_SNAPSHOT_INCREMENT, m_live.get()); },
+           [&](bool failed) {
+             if (!failed) {
+               last = m_live->Snapshots().last;
+               cut = m_live->Snapshots().cut;
+             }
+             EXPECT_EQ(m_live->Snapshots().last, last);
+             EXPECT_EQ(m_live->Snapshots().cut, cut);
+           });
   EXPECT_EQ(Contents(Loaded(m_path, m_options).get()), contents);
+  const auto snapshots = static_cast<long>(Qen::Folder(m_path).Numbers().size());
+  EXPECT_EQ(FilesIn(m_path), 1 + 2 * snapshots) << "lock, manifests, parts: what could not be removed was by the next";
 }
 
 TEST_F(Memory, ALoadThatFailsLeavesAnEmptyEmbedding) {
   Must(Save(m_path, KAVO_SNAPSHOT_INCREMENT, m_live.get()));
+  const Records contents = Contents(m_live.get());
   Handle loaded = Make(m_options);
-  const unsigned failures = FailEach(
-      [&] {
-        const int status = Load(m_path, Item("rows", loaded.get()));
-        Disarm();
-        if (status == KAVO_SUCCESS) {
-          EXPECT_EQ(Contents(loaded.get()), Contents(m_live.get()));
-          loaded = Make(m_options);
-        }
-        return status;
-      },
-      [&] {
-        EXPECT_EQ(loaded->Rows(), 0U);
-        EXPECT_TRUE(Contents(loaded.get()).empty());
-        EXPECT_EQ(loaded->Clock().Steps(), 0U);
-      });
-  EXPECT_GT(failures, 20U);
+  FailEach([&] { return Load(m_path, Item("rows", loaded.get())); },
+           [&](bool failed) {
+             EXPECT_EQ(Contents(loaded.get()), failed ? Records() : contents);
+             EXPECT_EQ(loaded->Clock().Steps(), failed ? 0U : 2U);
+             loaded = failed ? std::move(loaded) : Make(m_options);
+           });
+}
+
+TEST(EmbeddingMemory, ACreationThatFailsLeavesNothing) {
+  const auto bytes = [] { return Qen::TestHooks::HeapBytesInUse() + Qen::TestHooks::MappedBytesInUse(); };
+  const KavoEmbeddingOptions options = Small(KAVO_OPTIMISER_SGD);
+  const long long before = bytes();
+  KavoEmbedding* made = nullptr;
+  FailEach([&] { return KavoEmbeddingCreate(&options, &made); },
+           [&](bool failed) {
+             EXPECT_EQ(made == nullptr, failed);
+             Must(KavoEmbeddingDestroy(std::exchange(made, nullptr)));
+             EXPECT_EQ(bytes(), before);
+           });
+}
+
+// A row is whole, its start or what it was, whichever call has failed, and the same call succeeds afterwards.
+TEST(EmbeddingMemory, AForwardOrBackwardThatFailsLeavesRowsAsTheyWere) {
+  std::vector<long> keys(1200);
+  std::iota(keys.begin(), keys.end(), -600);
+  const std::vector<float> gradients(keys.size() * 2, 0.5F);
+  const unsigned long long offsets[] = {0, 700, keys.size()};
+  const KavoBags bags{sizeof(KavoBags), 2, offsets, nullptr, KAVO_POOL_MEAN, 0, 0};
+  std::vector<float> out(keys.size() * 2);
+  for (const bool pooled : {false, true}) {
+    Handle embedding;
+    std::vector<float> before;
+    const auto rows = [&] {
+      std::vector<float> all(keys.size() * 4);
+      Must(KavoEmbeddingGetRows(embedding.get(), keys.data(), keys.size(), all.data(), nullptr, nullptr));
+      return all;
+    };
+    const auto forward = [&] {
+      return pooled ? KavoEmbeddingForwardBags(embedding.get(), keys.data(), keys.size(), &bags, out.data(), nullptr)
+                    : KavoEmbeddingForward(embedding.get(), keys.data(), keys.size(), nullptr, out.data(), nullptr);
+    };
+    const auto backward = [&] {
+      return pooled ? KavoEmbeddingBackwardBags(embedding.get(), keys.data(), keys.size(), &bags, gradients.data(), 1,
+                                                nullptr, nullptr)
+                    : KavoEmbeddingBackward(embedding.get(), keys.data(), keys.size(), gradients.data(), 1, nullptr);
+    };
+    const auto begin = [&] {
+      embedding = Make(Small(KAVO_OPTIMISER_ADAGRAD));
+      Forward(embedding, std::vector<long>(keys.begin() + 400, keys.begin() + 800), 2);
+      Must(KavoEmbeddingBackward(embedding.get(), &keys[400], 200, gradients.data(), 1, nullptr));
+      before = Lookup(embedding, keys, 2);
+    };
+    begin();
+    FailEach(forward, [&](bool) {
+      EXPECT_EQ(Lookup(embedding, keys, 2), before);
+      Must(forward());
+      EXPECT_EQ(StatsOf(embedding).rows, keys.size());
+      begin();
+    });
+    Must(forward());
+    before = rows();
+    FailEach(backward, [&](bool failed) {
+      EXPECT_EQ(rows() == before, failed);
+      begin();
+      Must(forward());
+      before = rows();
+    });
+  }
 }
 
 }  // namespace
