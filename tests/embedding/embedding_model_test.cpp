@@ -1,17 +1,20 @@
-// Random embeddings and sequences of calls against a model in double precision: every output, and every row at the end.
-// Rows are compared as floats computed in another order are: within a share of their size.
+// Random embeddings and sequences of calls against a model in double precision: every output, and every row at the end
+// and whenever a snapshot was loaded. Rows are compared as floats computed in another order are: within a share of
+// their size.
 #include <rapidcheck.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 #include <random>
 #include <set>
 #include <vector>
 
 #include "embedding/handle.h"
 #include "embedding/reference_embedding.h"
+#include "support/own_folder.h"
 
 using namespace EmbeddingTest;
 
@@ -56,7 +59,8 @@ class Pair {
   void Call(std::uint64_t which) {
     constexpr void (Pair::*CALLS[])() = {&Pair::Forward,  &Pair::Forward,      &Pair::ForwardBags, &Pair::Backward,
                                          &Pair::Backward, &Pair::BackwardBags, &Pair::Lookup,      &Pair::LookupBags,
-                                         &Pair::Set,      &Pair::SetRates};
+                                         &Pair::Set,      &Pair::SetRates,     &Pair::Save,        &Pair::Load,
+                                         &Pair::Reshard};
     (this->*CALLS[which % std::size(CALLS)])();
   }
 
@@ -278,12 +282,91 @@ class Pair {
   }
 
   void SetRates() {
-    m_options.rates.learningRate = 0.01 + static_cast<double>(m_random() % 10) / 100;
     // FTRL's state means weights by its own rate only; elsewhere a rate is just the next step's.
     if (m_options.optimiser != KAVO_OPTIMISER_FTRL) {
+      m_options.rates.learningRate = 0.01 + static_cast<double>(m_random() % 10) / 100;
       Must(KavoEmbeddingSetRates(m_embedding.get(), &m_options.rates));
       m_model.SetRates(m_options.rates);
     }
+  }
+
+  // A part for each shard, each of a save of its own that joins the first. What is trained before the commit is not in
+  // it, and in the next.
+  void SaveShards(const std::vector<KavoEmbedding*>& shards) {
+    const bool isFull = !m_saved || m_random() % 4 == 0;
+    const KavoSaveOptions options{sizeof(KavoSaveOptions), isFull ? 0U : 1U, static_cast<unsigned>(shards.size()), 1,
+                                  0};
+    std::vector<KavoSave*> saves(shards.size());
+    unsigned long long number = 0;
+    unsigned long long id = 0;
+    for (unsigned shard = 0; shard < shards.size(); ++shard) {
+      const char* const folder = m_folder.Path().c_str();
+      Must(shard == 0 ? KavoSnapshotBegin(folder, &options, &saves[0])
+                      : KavoSnapshotJoin(folder, &options, number, id, &saves[shard]));
+      Must(KavoSnapshotIdentity(saves[shard], &number, &id));
+      const KavoSnapshotItem item{sizeof(KavoSnapshotItem), "rows", shards[shard], 0};
+      Must(KavoSnapshotPart(saves[shard], shard, &item, 1, nullptr, nullptr));
+    }
+    m_saved = m_model;
+    TrainShards(shards);
+    for (KavoSave* const save : saves) {
+      Must(KavoSnapshotCommit(save, nullptr, 0));
+    }
+  }
+
+  // One step, each shard with the keys that it owns.
+  void TrainShards(const std::vector<KavoEmbedding*>& shards) {
+    const std::vector<long> keys = Keys();
+    const std::vector<float> gradients = Floats(keys.size() * m_dim);
+    std::vector<unsigned> owners(keys.size());
+    Must(KavoOwners(keys.data(), keys.size(), static_cast<unsigned>(shards.size()), owners.data()));
+    for (unsigned shard = 0; shard < shards.size(); ++shard) {
+      std::vector<long> own;
+      std::vector<float> theirs;
+      for (std::size_t i = 0; i < keys.size(); ++i) {
+        if (owners[i] == shard) {
+          own.push_back(keys[i]);
+          theirs.insert(theirs.end(), &gradients[i * m_dim], &gradients[i * m_dim] + m_dim);
+        }
+      }
+      Must(KavoEmbeddingBackward(shards[shard], own.data(), own.size(), theirs.data(), 1, nullptr));
+    }
+    m_model.Step(keys, std::vector<double>(gradients.begin(), gradients.end()), 1);
+  }
+
+  // What was done since the last save is gone. The seed comes from the snapshot, rates do not.
+  std::vector<KavoEmbedding*> LoadShards(unsigned num) {
+    KavoEmbeddingOptions options = m_options;
+    options.seed = m_random();
+    m_shards.clear();
+    std::vector<KavoEmbedding*> shards;
+    for (unsigned shard = 0; shard < num; ++shard) {
+      m_shards.push_back(Make(options));
+      shards.push_back(m_shards.back().get());
+      const KavoSnapshotItem item{sizeof(KavoSnapshotItem), "rows", shards.back(), 0};
+      Must(KavoSnapshotLoad(m_folder.Path().c_str(), 0, &item, 1, shard, num, nullptr, nullptr));
+    }
+    m_model = *m_saved;
+    m_model.SetRates(m_options.rates);
+    return shards;
+  }
+
+  void Save() { SaveShards({m_embedding.get()}); }
+
+  void Load() {
+    if (m_saved) {
+      LoadShards(1);
+      m_embedding = std::move(m_shards[0]);
+      CompareAll();
+    }
+  }
+
+  void Reshard() {
+    Save();
+    const std::vector<KavoEmbedding*> shards = LoadShards(2 + static_cast<unsigned>(m_random() % 2));
+    TrainShards(shards);
+    SaveShards(shards);
+    Load();
   }
 
   std::mt19937_64 m_random;
@@ -291,6 +374,9 @@ class Pair {
   std::size_t m_dim;
   Handle m_embedding;
   Reference::Embedding m_model;
+  std::optional<Reference::Embedding> m_saved;  // as the newest snapshot has it
+  OwnFolder m_folder;
+  std::vector<Handle> m_shards;
   std::uint64_t m_space;
 };
 

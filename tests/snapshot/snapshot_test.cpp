@@ -15,140 +15,58 @@ struct Kind {
   unsigned compress;
 };
 
-class RoundTrip : public ::testing::TestWithParam<Kind> {
- protected:
-  KavoEmbeddingOptions Seeded(unsigned long long seed) const {
-    KavoEmbeddingOptions options = Defaults(5, GetParam().optimiser);
-    options.admission = GetParam().admission;
-    options.counts = GetParam().counts;
-    options.initialAccumulator = 0.25F;
-    options.expected = 100;
-    options.threads = 2;
-    options.seed = seed;
-    return options;
-  }
-  void SaveRows(const Handle& embedding, unsigned kind) const {
-    Must(Save(m_folder.Path(), kind, embedding.get(), GetParam().compress));
-  }
+class Chain : public ::testing::TestWithParam<Kind> {};
 
-  const OwnFolder m_folder;
-};
-
-// A row that was offered and not trained has a count that no increment has.
-void TrainAll(Trainer& trainer, KavoEmbedding* embedding) {
-  for (int step = 0; step < 3; ++step) {
-    trainer.Step(embedding, 300);
-  }
-}
-
-Records Union(const std::vector<Handle>& shards) {
-  Records all;
-  for (const Handle& shard : shards) {
-    for (auto& [key, record] : Contents(shard.get())) {
-      EXPECT_TRUE(all.emplace(key, record).second) << "in two shards";
-    }
-  }
-  return all;
-}
-
-// But for the counts of rows, which increments do not have for rows that were only offered.
-Records WithoutCounts(Records records, const Kind& kind) {
-  for (auto& [key, record] : records) {
-    if (std::get<1>(key) == static_cast<unsigned>(Qen::BlockType::ROWS) && (kind.counts != 0 || kind.admission > 1)) {
-      record.erase(8, 4);
-    }
-  }
-  return records;
-}
-
-TEST_P(RoundTrip, FullAndIncrementsOnAnyNumberOfShardsEqualTheLiveOne) {
-  Trainer trainer(KavoTest::TestSeed());
-  const Handle live = Make(Seeded(7));
-  trainer.Step(live.get(), 1000);
-  SaveRows(live, KAVO_SNAPSHOT_FULL);
-  const Records atFull = Contents(live.get());
-  for (int increment = 0; increment < 3; ++increment) {
-    TrainAll(trainer, live.get());
-    const long gone = trainer.Forget(live.get());
-    SaveRows(live, KAVO_SNAPSHOT_INCREMENT);
-    trainer.Step(live.get(), 50);
-    // Now and then a forgotten key comes back, and is removed in one increment and a row in the next.
-    Forward(live, std::vector<long>(increment == 1 ? 1 : 0, gone), 5);
-  }
-  std::vector<float> rows(live->Layout().Floats(), 2.5F);
-  const long set = 1'000'000;
-  Must(KavoEmbeddingSetRows(live.get(), &set, 1, rows.data()));
-  SaveRows(live, KAVO_SNAPSHOT_INCREMENT);
-  const Records contents = WithoutCounts(Contents(live.get()), GetParam());
-
-  for (unsigned shards = 1; shards <= 3; ++shards) {
-    std::vector<Handle> loaded;
-    for (unsigned shard = 0; shard < shards; ++shard) {
-      loaded.push_back(Loaded(m_folder.Path(), Seeded(999), shard, shards));
-    }
-    ASSERT_EQ(WithoutCounts(Union(loaded), GetParam()), contents) << shards << " shards";
-  }
-  // One in the middle of the chain: counts and all.
-  EXPECT_EQ(Contents(Loaded(m_folder.Path(), Seeded(7), 0, 1, 1).get()), atFull);
-
-  // The seed comes from the snapshot, so what was never trained starts as it would have.
-  const Handle restored = Loaded(m_folder.Path(), Seeded(999));
-  EXPECT_EQ(Lookup(restored, {5'555'555}, 5), Lookup(live, {5'555'555}, 5));
-
-  // The restored one goes on where the live one stood, steps included, and so does its chain.
-  for (const Handle* each : {&restored, &live}) {
-    Trainer again(3);
-    TrainAll(again, each->get());
-  }
-  ASSERT_EQ(WithoutCounts(Contents(restored.get()), GetParam()), WithoutCounts(Contents(live.get()), GetParam()));
-  SaveRows(restored, KAVO_SNAPSHOT_INCREMENT);
-  EXPECT_EQ(Save(m_folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()), KAVO_INVALID) << "it is not the newest's";
-  const Handle third = Loaded(m_folder.Path(), Seeded(7));
-  EXPECT_EQ(WithoutCounts(Contents(third.get()), GetParam()), WithoutCounts(Contents(live.get()), GetParam()));
-}
-
-INSTANTIATE_TEST_SUITE_P(, RoundTrip,
-                         ::testing::Values(Kind{KAVO_OPTIMISER_SGD, 0, 0, 0}, Kind{KAVO_OPTIMISER_ADAGRAD, 0, 1, 3},
-                                           Kind{KAVO_OPTIMISER_ADAM, 3, 0, 0}, Kind{KAVO_OPTIMISER_FTRL, 2, 1, 1},
-                                           Kind{KAVO_OPTIMISER_ROWWISE_ADAGRAD, 0, 0, 0}));
-
-// Shards save their parts into one snapshot; another number of them takes up the chain.
-TEST(Shards, IncrementOfTwoFollowsAFullOfThree) {
+// After each snapshot what is loaded is the live embedding, removals and counts included, and a serving handle that
+// follows the increments is what one is that is loaded anew.
+TEST_P(Chain, LoadedOrFollowedIsTheLiveOne) {
   const OwnFolder folder;
   Trainer trainer(KavoTest::TestSeed());
-  const KavoEmbeddingOptions made = Defaults(4, KAVO_OPTIMISER_SGD);
-  const auto save = [&](const std::vector<Handle>& shards, unsigned kind) {
-    const KavoSaveOptions options = Options(kind, static_cast<unsigned>(shards.size()));
-    KavoSave* saves[3] = {};
-    Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[0]));
-    unsigned long long number = 0;
-    unsigned long long id = 0;
-    Must(KavoSnapshotIdentity(saves[0], &number, &id));
-    for (unsigned i = 0; i < shards.size(); ++i) {
-      if (i != 0) {
-        Must(KavoSnapshotJoin(folder.Path().c_str(), &options, number, id, &saves[i]));
-      }
-      const KavoSnapshotItem item = Item("rows", shards[i].get());
-      Must(KavoSnapshotPart(saves[i], i, &item, 1, nullptr, nullptr));
-    }
-    for (unsigned i = 0; i < shards.size(); ++i) {
-      Must(KavoSnapshotCommit(saves[i], nullptr, 0));
-    }
+  KavoEmbeddingOptions options = Defaults(5, GetParam().optimiser);
+  options.admission = GetParam().admission;
+  options.counts = GetParam().counts;
+  options.expected = 100;
+  options.threads = 2;
+  const Handle live = Make(options);
+  options.seed = 999;
+  const KavoEmbeddingOptions served = Defaults(5, KAVO_OPTIMISER_NONE);
+  Handle serving;
+  unsigned long long number = 1;
+  const auto update = [&](unsigned long long to) {
+    const KavoSnapshotItem item = Item("rows", serving.get());
+    number = to;
+    return KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr);
   };
-  std::vector<Handle> three;
-  for (unsigned i = 0; i < 3; ++i) {
-    three.push_back(Make(made));
-    trainer.Step(three[i].get(), 300, i, 3);
+  for (unsigned long long snapshot = 1; snapshot <= 5; ++snapshot) {
+    trainer.Step(live.get(), 500);
+    const long gone = trainer.Forget(live.get());
+    Must(Save(folder.Path(), snapshot == 1 ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT, live.get(),
+              GetParam().compress));
+    if (snapshot == 1 || options.counts == 0) {  // increments have no count of a row that was only offered
+      const Handle loaded = Loaded(folder.Path(), options);
+      ASSERT_EQ(Contents(loaded.get()), Contents(live.get())) << "snapshot " << snapshot;
+      EXPECT_EQ(Lookup(loaded, {5'555'555}, 5), Lookup(live, {5'555'555}, 5)) << "starts are those of the seed";
+    }
+    if (snapshot % 2 == 1) {  // two increments at a time
+      const Handle fresh = Loaded(folder.Path(), served, 1, 2);
+      serving = snapshot == 1 ? Loaded(folder.Path(), served, 1, 2) : std::move(serving);
+      Must(update(0));
+      EXPECT_EQ(number, snapshot);
+      ASSERT_EQ(Contents(serving.get()), Contents(fresh.get())) << "snapshot " << snapshot;
+      EXPECT_EQ(serving->Rows(), fresh->Rows());
+    }
+    // Some of the forgotten come back: removed in one increment, and a row in the next.
+    Forward(live, std::vector<long>(snapshot % 2, gone), 5);
   }
-  save(three, KAVO_SNAPSHOT_FULL);
-  std::vector<Handle> two;
-  for (unsigned i = 0; i < 2; ++i) {
-    two.push_back(Loaded(folder.Path(), made, i, 2));
-    trainer.Step(two[i].get(), 300, i, 2);
-  }
-  save(two, KAVO_SNAPSHOT_INCREMENT);
-  EXPECT_EQ(Contents(Loaded(folder.Path(), made).get()), Union(two));
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
+  Must(update(0));
+  EXPECT_EQ(number, 5U) << "a new chain is not theirs";
+  EXPECT_EQ(update(6), KAVO_REFUSED_FILE);
 }
+
+INSTANTIATE_TEST_SUITE_P(, Chain,
+                         ::testing::Values(Kind{KAVO_OPTIMISER_SGD, 0, 0, 0}, Kind{KAVO_OPTIMISER_ADAM, 3, 0, 3},
+                                           Kind{KAVO_OPTIMISER_FTRL, 2, 1, 1}, Kind{KAVO_OPTIMISER_ADAGRAD, 0, 1, 0}));
 
 // A key that was counted, admitted and moved while it was being saved stands in the file as both.
 TEST(Shards, ARowCountsMoreThanThatItsKeyWasCounted) {
@@ -181,38 +99,6 @@ TEST(Shards, ARowCountsMoreThanThatItsKeyWasCounted) {
   KavoEmbeddingOptions options = Defaults(1, KAVO_OPTIMISER_SGD);
   options.admission = 9;
   EXPECT_EQ(Loaded(folder.Path(), options)->Rows(), 1U);
-}
-
-// A serving handle takes the weights of any optimiser, and follows increments while it is there.
-TEST(Serving, UpdatesEqualLoads) {
-  const OwnFolder folder;
-  Trainer trainer(KavoTest::TestSeed());
-  const Handle live = Make(4, KAVO_OPTIMISER_ADAM);
-  const KavoEmbeddingOptions made = Defaults(4, KAVO_OPTIMISER_NONE);
-  trainer.Step(live.get(), 500);
-  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
-  const Handle serving = Loaded(folder.Path(), made, 1, 2);
-  unsigned long long number = 0;
-  const auto update = [&folder, item = Item("rows", serving.get()), &number](unsigned long long to) {
-    number = to;
-    return KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr);
-  };
-  for (int increment = 0; increment < 3; ++increment) {
-    for (int each = 0; each < 2; ++each) {
-      trainer.Step(live.get(), 100);
-      trainer.Forget(live.get());
-      Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
-    }
-    Must(update(0));
-    EXPECT_EQ(number, 3U + 2U * static_cast<unsigned>(increment));
-    const Handle fresh = Loaded(folder.Path(), made, 1, 2);
-    ASSERT_EQ(Contents(serving.get()), Contents(fresh.get()));
-    EXPECT_EQ(serving->Rows(), fresh->Rows());
-  }
-  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
-  Must(update(0));
-  EXPECT_EQ(number, 7U) << "a new chain is not theirs";
-  EXPECT_EQ(update(8), KAVO_REFUSED_FILE);
 }
 
 // Marks of saves come again after 255 of them. A row that was last taken so long ago is not mistaken for taken.
