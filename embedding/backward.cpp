@@ -3,23 +3,22 @@
 //   1  keys are scattered into partitions, equal ones found, and the rows of the distinct ones looked up;
 //   2  what memory the rest needs is known, and had. Nothing has changed so far;
 //   3  gradients of equal keys are added, while the rows are asked for; then each row takes its step.
+#include "embedding/add_rows.h"
 #include "embedding/embedding.h"
 #include "embedding/partitions.h"
 #include "embedding/row.h"
-#include "platform/prefetch.h"
 
 namespace Qen {
 namespace {
 
 constexpr std::size_t GRADIENTS_AHEAD = 4;
-constexpr std::size_t MOST_PREFETCHED_BYTES = 512;  // of a row; the processor's own prefetching has the rest
 
 // Where the gradient of an element of the batch comes from: a row of its own.
 struct RowGradients {
   const float* gradients;
   std::size_t dim;
 
-  static constexpr bool HAS_FACTOR = false;
+  static constexpr bool HasFactors() noexcept { return false; }
   const float* Of(std::size_t index) const noexcept { return gradients + index * dim; }
   static float Factor(std::size_t) noexcept { return 1; }
 };
@@ -32,7 +31,7 @@ struct BagGradients {
   std::span<std::uint32_t> bagOf;  // each element
   std::span<float> shareOf;        // each bag; empty but for means
 
-  static constexpr bool HAS_FACTOR = true;
+  bool HasFactors() const noexcept { return weights != nullptr || !shareOf.empty(); }
   const float* Of(std::size_t index) const noexcept { return gradients + std::size_t{bagOf[index]} * dim; }
   float Factor(std::size_t index) const noexcept {
     return weights != nullptr ? weights[index] : shareOf.empty() ? 1.0F : shareOf[bagOf[index]];
@@ -54,13 +53,6 @@ BagGradients MakeBagGradients(std::span<const long> keys, const KavoBags& bags, 
     }
   }
   return made;
-}
-
-template <bool HAS_FACTOR>
-void AddGradient(float* __restrict sum, const float* __restrict gradient, float factor, std::size_t dim) noexcept {
-  for (std::size_t i = 0; i < dim; ++i) {
-    sum[i] += HAS_FACTOR ? factor * gradient[i] : gradient[i];
-  }
 }
 
 // A row's step; nothing if it has been forgotten meanwhile. `scratch` is room for the row.
@@ -142,15 +134,15 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
       std::fill_n(sums, rows.size() * dim, 0.0F);
       for (std::size_t e = 0; e < elements.size(); ++e) {
         const std::size_t index = elements[e].index;
-        if (e < rows.size() && rows[e] != nullptr) {  // there are no more distinct keys than elements
-          for (std::size_t at = 0; at < std::min(m_layout.Bytes(), MOST_PREFETCHED_BYTES); at += 64) {
-            PrefetchForRead(rows[e] + at);
-          }
+        if (e < rows.size()) {  // there are no more distinct keys than elements
+          PrefetchRow(rows[e], m_layout.Bytes());
         }
         if (e + GRADIENTS_AHEAD < elements.size()) {
           PrefetchForRead(source.Of(elements[e + GRADIENTS_AHEAD].index));
         }
-        AddGradient<Source::HAS_FACTOR>(&sums[elements[e].slot * dim], source.Of(index), source.Factor(index), dim);
+        const float* const gradient = source.Of(index);
+        const float factor = source.Factor(index);
+        AddRows(&sums[elements[e].slot * dim], &gradient, source.HasFactors() ? &factor : nullptr, 1, dim);
       }
       for (unsigned char*& row : rows) {
         if (row != nullptr && !HasRowNow(row)) {

@@ -2,27 +2,15 @@
 //
 // Keys are found a block at a time, whatever bags they are in. A run of keys of one bag is added up straight from the
 // table, and the heads of its rows are looked at once before and once after: if one has changed, the run is done again.
+#include "embedding/add_rows.h"
 #include "embedding/embedding.h"
 #include "embedding/row.h"
-#include "platform/cache_line.h"
-#include "platform/prefetch.h"
 
 namespace Qen {
 namespace {
 
 constexpr std::size_t RUN = 32;           // keys whose heads are looked at together
 constexpr std::size_t BAGS_A_PIECE = 64;  // that a thread takes at once
-
-void AddRow(float* __restrict sum, const float* __restrict row, std::size_t dim) noexcept {
-  for (std::size_t i = 0; i < dim; ++i) {
-    sum[i] += row[i];
-  }
-}
-void AddScaledRow(float* __restrict sum, const float* __restrict row, float factor, std::size_t dim) noexcept {
-  for (std::size_t i = 0; i < dim; ++i) {
-    sum[i] += factor * row[i];
-  }
-}
 
 bool IsPadding(const KavoBags& bags, long key) noexcept {
   return bags.hasPadding != 0 && key == bags.padding;
@@ -57,46 +45,47 @@ void Share(std::span<const long> keys, const KavoBags& bags, std::size_t bag, fl
 // ahead in. False when a row changed meanwhile: the sum is good for nothing then. `copy` is room for a row of weights.
 template <class Without>
 bool AddRun(std::span<const long> keys, const KavoBags& bags, std::size_t first, std::size_t end,
-            unsigned char* const* rows, const unsigned char* const* rowsEnd, std::size_t dim, float* sum, float* copy,
-            const Without& without) {
+            unsigned char* const* rows, const unsigned char* const* rowsEnd, const RowLayout& layout, float* sum,
+            float* copy, const Without& without) {
+  const std::size_t num = end - first;
   RowHead::Word heads[RUN];
-  for (std::size_t key = first; key < end; ++key) {
-    unsigned char* const row = rows[key - first];
-    if (rows + (key - first) + ROWS_AHEAD < rowsEnd) {
-      const unsigned char* const ahead = rows[key - first + ROWS_AHEAD];
-      if (ahead != nullptr) {
-        PrefetchForRead(ahead);
-        PrefetchForRead(ahead + CACHE_LINE_BYTES);
-      }
+  const float* floats[RUN];
+  std::size_t added = 0;
+  // In the order of the keys, as many together as stand in the table.
+  const auto addUpTo = [&](std::size_t i) {
+    const float* const factors = bags.weights == nullptr ? nullptr : bags.weights + first + added;
+    AddRows(sum, floats + added, factors, i - added, layout.Dim());
+    added = i;
+  };
+  for (std::size_t i = 0; i < num; ++i) {
+    if (rows + i + ROWS_AHEAD < rowsEnd) {
+      PrefetchRow(rows[i + ROWS_AHEAD], layout.WeightBytes());
     }
-    if (IsPadding(bags, keys[key])) {
-      heads[key - first] = 0;
+    const bool padding = IsPadding(bags, keys[first + i]);
+    heads[i] = padding ? 0 : WholeHead(rows[i]);
+    if (heads[i] != 0) {
+      floats[i] = RowLayout::Weights(rows[i]);
+#ifndef KAVO_ATOMIC_FLOATS
       continue;
-    }
-    heads[key - first] = WholeHead(row);
-    const float* floats = nullptr;
-    if (heads[key - first] == 0) {
-      floats = without(key, row, copy);
-    } else {
-      floats = RowLayout::Weights(row);
-#ifdef KAVO_ATOMIC_FLOATS
-      LoadFloats(floats, copy, dim);
-      floats = copy;
 #endif
     }
-    if (floats == nullptr) {
-      continue;
-    }
-    if (bags.weights != nullptr) {
-      AddScaledRow(sum, floats, bags.weights[key], dim);
+    addUpTo(i);
+    if (heads[i] != 0) {
+      LoadFloats(floats[i], copy, layout.Dim());
+      floats[i] = copy;
     } else {
-      AddRow(sum, floats, dim);
+      floats[i] = padding ? nullptr : without(first + i, rows[i], copy);
+    }
+    if (floats[i] == nullptr) {
+      added = i + 1;
+    } else {
+      addUpTo(i + 1);
     }
   }
+  addUpTo(num);
   bool same = true;
-  for (std::size_t key = first; key < end; ++key) {
-    const RowHead::Word seen = heads[key - first];
-    same = same && (seen == 0 || RowHead::IsSameWrite(seen, SecondReading(RowHead(rows[key - first]))));
+  for (std::size_t i = 0; i < num; ++i) {
+    same = same && (heads[i] == 0 || RowHead::IsSameWrite(heads[i], SecondReading(RowHead(rows[i]))));
   }
   return same;
 }
@@ -120,6 +109,7 @@ void Embedding::PoolBags(std::span<const long> keys, const KavoBags& bags, float
       if (status != KAVO_SUCCESS) {
         return status;
       }
+      PrefetchFirstRows(rows, end - first, m_layout.WeightBytes());
       for (std::size_t key = first; key < end;) {
         while (bags.offsets[bag + 1] <= key) {
           ++bag;
@@ -127,7 +117,7 @@ void Embedding::PoolBags(std::span<const long> keys, const KavoBags& bags, float
         float* const sum = pooled + bag * dim;
         const std::size_t runEnd = std::min({end, key + RUN, static_cast<std::size_t>(bags.offsets[bag + 1])});
         std::copy_n(sum, dim, before);
-        while (!AddRun(keys, bags, key, runEnd, rows + (key - first), rows + (end - first), dim, sum, copy,
+        while (!AddRun(keys, bags, key, runEnd, rows + (key - first), rows + (end - first), m_layout, sum, copy,
                        [&](std::size_t missing, unsigned char* row, float* out) {
                          return without(missing, row, scratch.floats.data(), out);
                        })) {

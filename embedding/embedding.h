@@ -138,9 +138,6 @@ class Embedding {
   std::uintptr_t m_lastWalk = 0;
 };
 
-// Rows of about 100 bytes take some 24 keys' work to arrive.
-inline constexpr std::size_t ROWS_AHEAD = 24;
-
 template <class Body>
 void Embedding::ForBlocks(std::size_t num, std::size_t blockItems, const Body& body) const {
   const std::size_t blocks = (num + blockItems - 1) / blockItems;

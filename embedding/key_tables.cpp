@@ -90,16 +90,24 @@ int KeyTables::OnBoth(const Tag* tags, std::size_t num, unsigned char** rows, co
   return KAVO_SUCCESS;
 }
 
-int KeyTables::Find(const Tag* tags, std::size_t num, unsigned char** rows) const {
-  return OnBoth(tags, num, rows,
-                [this](unsigned table, const long* mixed, std::size_t count, unsigned char** found, const unsigned*) {
-                  if (!m_made[table].load(std::memory_order_acquire)) {
-                    std::fill_n(found, count, nullptr);
-                    return KAVO_SUCCESS;
-                  }
-                  unsigned long long there = 0;
-                  return KavoBatchLookup(m_ids[table], mixed, count, found, &there);
-                });
+int KeyTables::Find(const Tag* tags, std::size_t num, unsigned char** rows, std::size_t* there) const {
+  std::size_t all = 0;
+  const int status = OnBoth(
+      tags, num, rows,
+      [this, &all](unsigned table, const long* mixed, std::size_t count, unsigned char** found, const unsigned*) {
+        if (!m_made[table].load(std::memory_order_acquire)) {
+          std::fill_n(found, count, nullptr);
+          return KAVO_SUCCESS;
+        }
+        unsigned long long ofTable = 0;
+        const int answer = KavoBatchLookup(m_ids[table], mixed, count, found, &ofTable);
+        all += ofTable;
+        return answer;
+      });
+  if (there != nullptr) {
+    *there = all;
+  }
+  return status;
 }
 
 int KeyTables::Offer(const Tag* tags, std::size_t num, const unsigned* counts, unsigned char** rows) {

@@ -60,8 +60,9 @@ class KeyTables {
   // Makes the table of keys that are not negative: before anything else. Statuses are the base's, here and below.
   int MakeFirst() { return Make(0); }
 
-  // rows[i] is the row's value in the table, null for a key that is absent or only counted.
-  int Find(const Tag* tags, std::size_t num, unsigned char** rows) const;
+  // rows[i] is the row's value in the table, null for a key that is absent or only counted; `there`, if wanted, counts
+  // the others.
+  int Find(const Tag* tags, std::size_t num, unsigned char** rows, std::size_t* there = nullptr) const;
 
   // Offers each, counts[i] times, in order (0 gives a new key its row at once); rows as in Find.
   int Offer(const Tag* tags, std::size_t num, const unsigned* counts, unsigned char** rows);

@@ -21,6 +21,9 @@ class RowLayout {
   bool IsCounted() const noexcept { return m_counted; }
   std::size_t Bytes() const noexcept { return CountOffset() + (m_counted ? sizeof(unsigned) : 0); }
 
+  // Of the head and the weights.
+  std::size_t WeightBytes() const noexcept { return RowHead::BYTES + m_dim * sizeof(float); }
+
   static float* Weights(unsigned char* row) noexcept { return reinterpret_cast<float*>(row + RowHead::BYTES); }
   unsigned& Count(unsigned char* row) const noexcept { return *reinterpret_cast<unsigned*>(row + CountOffset()); }
 

@@ -3,22 +3,12 @@
 
 #include "embedding/embedding.h"
 #include "embedding/row.h"
-#include "platform/prefetch.h"
 
 namespace Qen {
 namespace {
 
 unsigned Threads(unsigned asked) noexcept {
   return asked != 0 ? asked : std::max(1U, std::thread::hardware_concurrency());
-}
-
-// Asks for the lines of a row, head and weights.
-void PrefetchRow(const unsigned char* row, std::size_t bytes) noexcept {
-  if (row != nullptr) {
-    for (std::size_t at = 0; at < std::min<std::size_t>(bytes, 256); at += 64) {
-      PrefetchForRead(row + at);
-    }
-  }
 }
 
 // A count that ends at its largest number.
@@ -81,12 +71,12 @@ int Embedding::OfferBlock(std::span<const long> keys, const unsigned* occurrence
                           const long* padding) {
   Tag tags[KeyTables::BLOCK];
   std::transform(keys.begin(), keys.end(), tags, TagOf);
-  int status = m_tables->Find(tags, keys.size(), rows);
-  if (status != KAVO_SUCCESS) {
+  const bool offerAll = m_options.admission > 1 && m_options.counts != 0;  // the table counts
+  std::size_t there = 0;
+  int status = m_tables->Find(tags, keys.size(), rows, &there);
+  if (status != KAVO_SUCCESS || (there == keys.size() && !offerAll && !m_layout.IsCounted())) {
     return status;
   }
-  const bool tableCounts = m_options.admission > 1;
-  const bool offerAll = tableCounts && m_options.counts != 0;
   const auto isPadding = [padding](long key) { return padding != nullptr && key == *padding; };
   Tag offered[KeyTables::BLOCK];
   unsigned counts[KeyTables::BLOCK];
@@ -145,9 +135,10 @@ void Embedding::Lookup(std::span<const long> keys, const Absent& absent, float* 
     if (status != KAVO_SUCCESS) {
       return status;
     }
+    PrefetchFirstRows(at, count, m_layout.WeightBytes());
     for (std::size_t i = 0; i < count; ++i) {
       if (i + ROWS_AHEAD < count) {
-        PrefetchRow(at[i + ROWS_AHEAD], RowHead::BYTES + dim * sizeof(float));
+        PrefetchRow(at[i + ROWS_AHEAD], m_layout.WeightBytes());
       }
       float* const out = rows + (first + i) * dim;
       RowHead::Word seen = 0;
@@ -183,10 +174,11 @@ unsigned long long Embedding::Forward(std::span<const long> keys, const unsigned
     if (status != KAVO_SUCCESS) {
       return status;
     }
+    PrefetchFirstRows(at, count, m_layout.WeightBytes());
     unsigned long long rowless = 0;
     for (std::size_t i = 0; i < count; ++i) {
       if (i + ROWS_AHEAD < count) {
-        PrefetchRow(at[i + ROWS_AHEAD], RowHead::BYTES + dim * sizeof(float));
+        PrefetchRow(at[i + ROWS_AHEAD], m_layout.WeightBytes());
       }
       float* const out = rows + (first + i) * dim;
       if (at[i] == nullptr) {
