@@ -1,9 +1,9 @@
-// Properties of single calls that the model does not show: starts, refusals, owners, the serving handle.
-#include <algorithm>
+// Properties of single calls that the model does not show: starts, gradients, refusals, owners.
 #include <cmath>
 #include <limits>
 #include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "embedding/handle.h"
@@ -24,47 +24,28 @@ std::vector<long> Range(long num) {
   return keys;
 }
 
-// Uniform ones are the known values below.
-TEST(EmbeddingStart, IsNormalWithinTwoDeviations) {
-  KavoEmbeddingOptions options = Defaults(64, KAVO_OPTIMISER_SGD);
-  options.initialiser = KAVO_START_NORMAL;
-  options.startA = 1;
-  options.startB = 0.5F;
-  const std::vector<float> starts = StartOf(options, Range(4000));
-  double mean = 0;
-  double square = 0;
-  for (const float x : starts) {
-    mean += x / static_cast<double>(starts.size());
-    square += x * x / static_cast<double>(starts.size());
-  }
-  EXPECT_NEAR(mean, 1, 0.005);
-  // The deviation of a standard normal that is restricted to two deviations.
-  EXPECT_NEAR(std::sqrt(square - mean * mean), 0.5 * 0.87962566, 0.005);
-  const auto [least, most] = std::minmax_element(starts.begin(), starts.end());
-  EXPECT_GE(*least, 0);
-  EXPECT_LE(*most, 2);
-  EXPECT_NEAR(*least, 0, 0.001);  // restricted, not clamped: the ends are as rare as any value
-  EXPECT_NEAR(*most, 2, 0.001);
-}
-
 // Frozen: what a key starts with may not change between versions, machines or calls. The numbers were computed from the
-// definition by another program, in Python, with its own quantile of the normal distribution.
+// definition by another program, in Python, with its own quantile of the normal distribution. The last two keys have
+// normal starts at the ends, two deviations from the mean: restricted, not clamped.
 TEST(EmbeddingStart, HasKnownValues) {
   KavoEmbeddingOptions options = Defaults(2, KAVO_OPTIMISER_SGD);
   options.seed = 42;
   options.startA = -1;
   options.startB = 1;
-  const std::vector<long> keys = {0, -1, std::numeric_limits<long>::min(), 123456789};
+  const std::vector<long> keys = {0, -1, std::numeric_limits<long>::min(), 123456789, 14087, 56899};
   const std::vector<float> uniform = StartOf(options, keys);
   options.initialiser = KAVO_START_NORMAL;
-  options.startA = 0;
+  options.startA = 4;
+  options.startB = 0.5F;
   const std::vector<float> normal = StartOf(options, keys);
   options.dim = 5;
   EXPECT_EQ(StartOf(options, keys)[6], normal[3]) << "a coordinate's start does not depend on dim";
-  const std::vector<float> EXPECTED_UNIFORM = {0.54411298F,  -0.23669754F,  -0.727069497F,  -0.835059762F,
-                                               0.223159194F, -0.522400737F, 0.00770839816F, 0.256131649F};
-  const std::vector<float> EXPECTED_NORMAL = {0.705266654F, -0.287052333F, -1.02362514F,   -1.2732321F,
-                                              0.270215303F, -0.67233783F,  0.00922159478F, 0.311365992F};
+  const std::vector<float> EXPECTED_UNIFORM = {0.54411298F,   -0.23669754F,  -0.727069497F,  -0.835059762F,
+                                               0.223159194F,  -0.522400737F, 0.00770839816F, 0.256131649F,
+                                               -0.999999166F, 0.948359191F,  -0.588505089F,  0.999999404F};
+  const std::vector<float> EXPECTED_NORMAL = {4.35263348F, 3.85647392F, 3.48818731F, 3.36338401F,
+                                              4.13510752F, 3.663831F,   4.00461102F, 4.15568304F,
+                                              3.00000381F, 4.83532333F, 3.61244273F, 4.99999714F};
   EXPECT_EQ(uniform, EXPECTED_UNIFORM);
   EXPECT_EQ(normal, EXPECTED_NORMAL);
 }
@@ -83,13 +64,55 @@ TEST(EmbeddingOwners, AreThoseOfThePartitionMapOverTheUpperHalfOfTheMixedKey) {
   }
 }
 
-TEST(EmbeddingServing, HasNoStateAndRefusesBackward) {
-  const Handle embedding = Make(3, KAVO_OPTIMISER_NONE);
-  EXPECT_EQ(KavoEmbeddingRowFloats(embedding.get()), 3U);
-  const long key = 1;
-  const float gradient[3] = {};
-  EXPECT_EQ(KavoEmbeddingBackward(embedding.get(), &key, 1, gradient, 1, nullptr), KAVO_INVALID);
-  EXPECT_STREQ(KavoEmbeddingLastError(), "KavoEmbeddingBackward: the embedding has no optimiser");
+// What backward gives are the slopes of a loss, by differences of what lookup gives: of half the sum of squares, whose
+// gradient is what was pooled, and of which differences are exact but for rounding.
+TEST(EmbeddingGradients, AreSlopesOfALoss) {
+  constexpr unsigned DIM = 3;
+  constexpr float STEP = 0.25F;
+  const std::vector<long> keys = {5, -7, 5, 9, 0, -7, 9};
+  const std::vector<long> distinct = {-7, 0, 5, 9};
+  const unsigned long long offsets[] = {0, 4, 4, 6, 7};  // one is empty, and one is padding only
+  KavoEmbeddingOptions options = Defaults(DIM, KAVO_OPTIMISER_SGD);
+  options.rates.learningRate = 1;
+  for (unsigned kind = 0; kind < 6; ++kind) {
+    SCOPED_TRACE(kind);
+    const bool isWeighted = kind / 2 == 1;
+    std::vector<float> weights = {0.5F, -1, 2, 3, 0.25F, 1, 1};
+    const unsigned pool = kind / 2 == 2 ? KAVO_POOL_MEAN : KAVO_POOL_SUM;
+    const KavoBags bags{sizeof(KavoBags), 4, offsets, isWeighted ? weights.data() : nullptr, pool, kind % 2, 9};
+    const Handle embedding = Make(options);
+    std::vector<float> rows = Forward(embedding, distinct, DIM);
+    std::vector<float> pooled(4 * DIM);
+    const auto loss = [&] {
+      Must(KavoEmbeddingSetRows(embedding.get(), distinct.data(), distinct.size(), rows.data()));
+      Must(KavoEmbeddingLookupBags(embedding.get(), keys.data(), keys.size(), &bags, 0, nullptr, pooled.data()));
+      return std::inner_product(pooled.begin(), pooled.end(), pooled.begin(), 0.0) / 2;
+    };
+    const auto slopes = [&loss](std::vector<float>& numbers) {
+      std::vector<double> all;
+      for (float& number : numbers) {
+        const float before = std::exchange(number, number + STEP);
+        const double above = loss();
+        number = before - STEP;
+        all.push_back((above - loss()) / (2 * STEP));
+        number = before;
+      }
+      return all;
+    };
+    const std::vector<double> ofRows = slopes(rows);
+    const std::vector<double> ofWeights = slopes(weights);
+    loss();
+    std::vector<float> given(keys.size());
+    Must(KavoEmbeddingBackwardBags(embedding.get(), keys.data(), keys.size(), &bags, pooled.data(), 1,
+                                   isWeighted ? given.data() : nullptr, nullptr));
+    const std::vector<float> after = Lookup(embedding, distinct, DIM);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      EXPECT_NEAR(rows[i] - after[i], ofRows[i], 1e-5) << i;
+    }
+    for (std::size_t i = 0; i < weights.size(); ++i) {
+      EXPECT_NEAR(given[i], ofWeights[i], 1e-5) << i;
+    }
+  }
 }
 
 // Each refused argument, and what its text says; and that the refused call has done nothing.
@@ -127,6 +150,8 @@ TEST(EmbeddingRefusals, NameWhatIsWrong) {
   EXPECT_EQ(refusal(KavoEmbeddingCreate(&right, nullptr)), "embedding is null");
 
   const Handle embedding = Make(right);
+  const Handle serving = Make(4, KAVO_OPTIMISER_NONE);
+  EXPECT_EQ(KavoEmbeddingRowFloats(serving.get()), 4U);
   const long keys[] = {1, 2};
   float rows[8];
   EXPECT_EQ(refusal(KavoEmbeddingLookup(nullptr, keys, 2, 0, nullptr, rows, nullptr)), "embedding is null");
@@ -137,6 +162,7 @@ TEST(EmbeddingRefusals, NameWhatIsWrong) {
   const unsigned occurrences[] = {1, 0};
   EXPECT_EQ(refusal(KavoEmbeddingForward(embedding.get(), keys, 2, occurrences, rows, nullptr)), "occurrences[1] is 0");
   EXPECT_EQ(refusal(KavoEmbeddingBackward(embedding.get(), keys, 2, nullptr, 1, nullptr)), "gradients is null");
+  EXPECT_EQ(refusal(KavoEmbeddingBackward(serving.get(), keys, 2, rows, 1, nullptr)), "the embedding has no optimiser");
   KavoRates rates = right.rates;
   rates.eps = -1;
   EXPECT_EQ(refusal(KavoEmbeddingSetRates(embedding.get(), &rates)), "eps is -1");
