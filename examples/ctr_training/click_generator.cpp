@@ -12,7 +12,6 @@ using PseudoRandom::BellCurve;
 using PseudoRandom::Mix;
 using PseudoRandom::UnitInterval;
 
-constexpr std::uint64_t BLOCK_ROWS = 256;
 constexpr std::uint64_t FIRST_ID = 10'000'000;
 
 constexpr double INTERCEPT = -1.6;
@@ -169,10 +168,10 @@ void ClickGenerator::Generate(std::uint64_t first, std::uint64_t count, RowBlock
   }
 }
 
-bool ClickGenerator::Next(RowBlock& block) {
+bool ClickGenerator::Next(RowBlock& block, std::uint64_t end) {
   // Relaxed: the number is all that threads share; the rows follow from it.
   const std::uint64_t first = m_nextRow.fetch_add(BLOCK_ROWS, std::memory_order_relaxed);
-  if (first >= m_rowCount) {
+  if (first >= std::min(end, m_rowCount)) {
     return false;
   }
   Generate(first, std::min(BLOCK_ROWS, m_rowCount - first), block);

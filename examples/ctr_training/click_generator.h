@@ -21,12 +21,12 @@ class ClickGenerator : public RowSource {
  public:
   ClickGenerator(std::uint64_t rowCount, std::uint64_t seed) : m_rowCount(rowCount), m_seed(seed) {}
 
-  std::uint64_t RowCount() const override { return m_rowCount; }
+  LogIdentity Identity() const override { return {m_rowCount, m_seed}; }
   bool KnowsTruth() const override { return true; }
-  bool Next(RowBlock& block) override;
-  void Rewind() override { m_nextRow = 0; }
+  void Seek(std::uint64_t row) override { m_nextRow = row; }
+  bool Next(RowBlock& block, std::uint64_t end) override;
 
-  // Rows [first, first + count), whether within RowCount or not.
+  // Rows [first, first + count), whether within the log or not.
   void Generate(std::uint64_t first, std::uint64_t count, RowBlock& block) const;
 
  private:

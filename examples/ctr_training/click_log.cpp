@@ -10,7 +10,6 @@
 namespace CtrTraining {
 namespace {
 
-constexpr std::size_t READ_ROWS = 256;
 constexpr std::size_t COLUMNS = 2 + FIELDS;
 
 // Line 1 is the header, so row 0 stands on line 2.
@@ -153,23 +152,28 @@ ClickLogFile::ClickLogFile(std::string file) : m_file(std::move(file)), m_stream
   if (m_rowCount == 0) {
     throw ClickLogError(fmt::format("{}: no rows after the header", m_file));
   }
-  Rewind();
+  m_nextRow = m_rowCount;
 }
 
-void ClickLogFile::Rewind() {
+void ClickLogFile::Seek(std::uint64_t row) {
   const std::lock_guard lock(m_mutex);
-  m_stream.clear();
-  m_stream.seekg(0);
-  std::string header;
-  std::getline(m_stream, header);
-  m_nextRow = 0;
+  std::string line;
+  if (row < m_nextRow) {
+    m_stream.clear();
+    m_stream.seekg(0);
+    std::getline(m_stream, line);  // the header
+    m_nextRow = 0;
+  }
+  while (m_nextRow < row && std::getline(m_stream, line)) {
+    ++m_nextRow;
+  }
 }
 
-std::uint64_t ClickLogFile::ReadLines(std::vector<std::string>& lines) {
+std::uint64_t ClickLogFile::ReadLines(std::vector<std::string>& lines, std::uint64_t end) {
   const std::lock_guard lock(m_mutex);
-  lines.resize(READ_ROWS);
+  lines.resize(m_nextRow < end ? BLOCK_ROWS : 0);
   std::size_t count = 0;
-  while (count < READ_ROWS && std::getline(m_stream, lines[count])) {
+  while (count < lines.size() && std::getline(m_stream, lines[count])) {
     ++count;
   }
   if (m_stream.bad()) {
@@ -181,11 +185,11 @@ std::uint64_t ClickLogFile::ReadLines(std::vector<std::string>& lines) {
   return firstRow;
 }
 
-bool ClickLogFile::Next(RowBlock& block) {
+bool ClickLogFile::Next(RowBlock& block, std::uint64_t end) {
   std::vector<std::string> lines;
   block.rows.clear();
   block.trueLogits.clear();
-  block.firstRow = ReadLines(lines);
+  block.firstRow = ReadLines(lines, end);
   for (std::size_t i = 0; i < lines.size(); ++i) {
     block.rows.push_back(ParseRow(lines[i], m_file, block.firstRow + i + FIRST_ROW_LINE));
   }

@@ -36,14 +36,14 @@ class ClickLogFile : public RowSource {
  public:
   explicit ClickLogFile(std::string file);
 
-  std::uint64_t RowCount() const override { return m_rowCount; }
+  LogIdentity Identity() const override { return {m_rowCount, 0}; }
   bool KnowsTruth() const override { return false; }
-  bool Next(RowBlock& block) override;
-  void Rewind() override;
+  void Seek(std::uint64_t row) override;
+  bool Next(RowBlock& block, std::uint64_t end) override;
 
  private:
   // The next lines of the file, up to a block's worth; gives the index of the first row among them.
-  std::uint64_t ReadLines(std::vector<std::string>& lines);
+  std::uint64_t ReadLines(std::vector<std::string>& lines, std::uint64_t end);
 
   const std::string m_file;
   std::uint64_t m_rowCount = 0;

@@ -22,11 +22,21 @@ struct ClickRow {
   bool operator==(const ClickRow&) const = default;
 };
 
-// The unit of work of a training thread.
+// Rows that are learned together, one step of the optimisers.
+inline constexpr std::uint64_t BLOCK_ROWS = 32;
+
 struct RowBlock {
   std::uint64_t firstRow = 0;  // counted from 0 within the log
   std::vector<ClickRow> rows;
   std::vector<double> trueLogits;  // what the labels were drawn from, one a row; empty when nobody knows
+};
+
+// What tells one log from another.
+struct LogIdentity {
+  std::uint64_t rows = 0;
+  std::uint64_t seed = 0;  // of a generated log
+
+  bool operator==(const LogIdentity&) const = default;
 };
 
 // A log that many threads read at once, block by block.
@@ -37,15 +47,16 @@ class RowSource {
   RowSource& operator=(const RowSource&) = delete;
   virtual ~RowSource() = default;
 
-  virtual std::uint64_t RowCount() const = 0;
+  virtual LogIdentity Identity() const = 0;
   virtual bool KnowsTruth() const = 0;
+  std::uint64_t RowCount() const { return Identity().rows; }
 
-  // Fills the next block that no thread has had; false at the end of the log. Blocks are handed out in the order of the
-  // log. Safe from any number of threads.
-  virtual bool Next(RowBlock& block) = 0;
+  // The next block will begin with this row. No thread may be in Next.
+  virtual void Seek(std::uint64_t row) = 0;
 
-  // Back to the first row, for another epoch. No thread may be in Next.
-  virtual void Rewind() = 0;
+  // Fills the next block that no thread has had; false where it would begin at row `end` or beyond, or the log ends.
+  // Blocks are handed out in the order of the log. Safe from any number of threads.
+  virtual bool Next(RowBlock& block, std::uint64_t end) = 0;
 };
 
 }  // namespace CtrTraining

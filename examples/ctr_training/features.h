@@ -4,7 +4,6 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <kavo.hpp>
 #include <optional>
 
 #include "ctr_training/click_row.h"
@@ -16,11 +15,10 @@ using FeatureKeys = std::array<long, FIELDS>;
 // An absent value is a value of its own, beyond every bucket and every category.
 inline constexpr std::uint64_t MISSING_VALUE = std::uint64_t{1} << 32;
 
-// Field and value side by side, so that no two features meet, then mixed, because Kavo picks the bucket by a key's low
-// bits as they are.
+// Field and value side by side, so that no two features meet.
 constexpr long FeatureKey(std::uint64_t field, std::uint64_t value) {
   constexpr int VALUE_BITS = 33;
-  return kavo::MixKey(static_cast<long>(field << VALUE_BITS | value));
+  return static_cast<long>(field << VALUE_BITS | value);
 }
 
 // The key of the term that every row has.

@@ -1,33 +1,28 @@
-// Trains a click-through model on a click log, every parameter in a Kavo table that grows as features turn up.
+// Trains a click-through model on a click log, every parameter in an embedding that grows as features turn up.
 //
-//   ctr_training                      on a generated log of 1,000,000 rows
-//   ctr_training LOG                  on a log file
-//   ctr_training --write-log FILE     writes the generated log instead
+//   ctr_training                                on a generated log of 1,000,000 rows
+//   ctr_training LOG                            on a log file
+//   ctr_training --write-log FILE               writes the generated log instead
+//   ctr_training --save DIR --every 100000      saves a snapshot after every 100,000 rows
+//   ctr_training --resume DIR --save DIR        goes on from the newest of them
 //
 // Exits with 1 when a call or a file fails, and when the model learned less than it is meant to from a generated log.
 //
-// Reading order for the library's sake: model (the tables and lookups), parameters (the value bytes), trainer (the
-// threads).
-#include <fmt/format.h>
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
-
+// Reading order for the library's sake: model (embeddings, forward, backward), trainer (the threads), checkpoint
+// (snapshots).
 #include <algorithm>
-#include <cstdio>
-#include <exception>
+#include <filesystem>
 #include <fstream>
-#include <memory>
-#include <stdexcept>
-#include <string>
+#include <map>
+#include <optional>
 #include <thread>
 #include <utility>
 
+#include "ctr_training/checkpoint.h"
 #include "ctr_training/click_generator.h"
 #include "ctr_training/click_log.h"
-#include "ctr_training/model.h"
 #include "ctr_training/report.h"
-#include "ctr_training/trainer.h"
+#include "program.h"
 
 namespace CtrTraining {
 namespace {
@@ -39,7 +34,17 @@ struct Arguments {
   std::uint64_t seed = 1;
   TrainingOptions training;
   ModelOptions model;
+  std::string optimiser = "adagrad";
+  std::string save;
+  std::uint64_t every = 250'000;
+  std::string resume;
 };
+
+const std::map<std::string, unsigned> OPTIMISERS{{"sgd", KAVO_OPTIMISER_SGD},
+                                                 {"adagrad", KAVO_OPTIMISER_ADAGRAD},
+                                                 {"rowwise-adagrad", KAVO_OPTIMISER_ROWWISE_ADAGRAD},
+                                                 {"adam", KAVO_OPTIMISER_ADAM},
+                                                 {"ftrl", KAVO_OPTIMISER_FTRL}};
 
 void Declare(CLI::App& app, Arguments& arguments) {
   TrainingOptions& training = arguments.training;
@@ -59,29 +64,41 @@ void Declare(CLI::App& app, Arguments& arguments) {
   app.add_option("--epochs", training.epochs, "Passes over the log; the report is about the first")
       ->check(CLI::Range(1U, 1000U))
       ->capture_default_str();
-  app.add_option("--table-size", model.tableSize, "Entries that the tables are first made for")
+  app.add_option("--table-size", model.tableSize, "Rows that the embeddings are first made for")
       ->check(CLI::Range(1U, 1U << 30))
       ->capture_default_str();
-  app.add_option("--admit", model.admitAt,
-                 "Train again with vectors for features from this offer on only, and compare; 1: do not")
-      ->check(CLI::Range(1U, 1U << 30))
-      ->capture_default_str();
+  CLI::Option* admit =
+      app.add_option("--admit", model.admitAt,
+                     "Train again with vectors for features from this offer on only, and compare; 1: do not")
+          ->check(CLI::Range(1U, 1U << 30))
+          ->capture_default_str();
   app.add_option("--dim", model.dim, "Coordinates of a feature's vector")
       ->check(CLI::Range(1U, 256U))
       ->capture_default_str();
-  app.add_option("--weight-rate", model.linear.alpha, "Learning rate of the weights")
+  app.add_option("--optimiser", arguments.optimiser, "How vectors learn (weights learn by FTRL)")
+      ->check(CLI::IsMember(&OPTIMISERS))
+      ->capture_default_str();
+  app.add_option("--weight-rate", model.weightRate, "Learning rate of the weights")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  app.add_option("--vector-rate", model.vectors.alpha, "Learning rate of the vectors")
-      ->check(CLI::PositiveNumber)
+  app.add_option("--vector-rate", model.vectorRate, "Learning rate of the vectors; none: one for the optimiser")
+      ->check(CLI::PositiveNumber);
+  CLI::Option* save =
+      app.add_option("--save", arguments.save, "Folder to save snapshots in; made if need be")->excludes(admit);
+  app.add_option("--every", arguments.every, "Rows from one snapshot to the next, rounded up to whole batches")
+      ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40))
+      ->needs(save)
       ->capture_default_str();
+  app.add_option("--resume", arguments.resume, "Folder of snapshots, to go on from the newest")
+      ->check(CLI::ExistingDirectory)
+      ->excludes(admit);
 }
 
 void WriteLog(ClickGenerator& generator, const std::string& file) {
   std::ofstream stream(file);
   stream << ClickLogHeader() << '\n';
   RowBlock block;
-  while (stream && generator.Next(block)) {
+  while (stream && generator.Next(block, generator.RowCount())) {
     for (const ClickRow& row : block.rows) {
       stream << FormatRow(row) << '\n';
     }
@@ -93,85 +110,74 @@ void WriteLog(ClickGenerator& generator, const std::string& file) {
   fmt::print("{} rows written to {}\n", generator.RowCount(), file);
 }
 
-struct Outcome {
-  TrainingResult result;
-  RunFacts facts;
-};
-
-// A model of its own, from empty tables to the end of the log.
-Outcome TrainOnce(RowSource& source, Arguments& arguments) {
-  TrainingOptions& training = arguments.training;
-  ProgressDisplay display;
-  training.report = [&display](const Progress& progress) { display.Show(progress); };
-
+// A model of its own, from empty embeddings or a snapshot to the end of the log.
+Outcome TrainOnce(RowSource& source, const Arguments& arguments) {
   Outcome outcome;
-  RunFacts& facts = outcome.facts;
-  facts.threads = training.threads;
-  facts.tableSize = arguments.model.tableSize;
-  facts.dim = arguments.model.dim;
-  facts.admitAt = arguments.model.admitAt;
-  facts.firstEvaluated = training.firstEvaluated;
-  facts.rowCount = source.RowCount();
-  facts.truthKnown = source.KnowsTruth();
-  facts.residentBefore = ResidentBytes();
+  outcome.optimiser = arguments.optimiser;
+  outcome.threads = arguments.training.threads;
+  outcome.model = arguments.model;
+  outcome.firstEvaluated = source.RowCount() / 2;
+  outcome.truthKnown = source.KnowsTruth();
+  outcome.residentBefore = ResidentBytes();
 
   const Model model(arguments.model);
-  outcome.result = Train(source, model, training);
-  facts.residentAfter = ResidentBytes();
-  facts.weights = model.Weights().Stats();
-  facts.vectors = model.Vectors().Stats();
+  ProgressDisplay display;
+  if (!arguments.resume.empty()) {
+    outcome.state = Resume(arguments.resume, model, source.Identity());
+    display.Say(
+        fmt::format("resumed at row {} of epoch {}", Examples::Count(outcome.state.nextRow), outcome.state.epoch));
+  }
+  TrainingOptions training = arguments.training;
+  training.firstEvaluated = outcome.firstEvaluated;
+  training.report = [&display](const TrainingState& state) { display.Show(state); };
+  std::optional<Checkpoints> checkpoints;
+  if (!arguments.save.empty()) {
+    std::error_code ignored;  // other folders, then
+    checkpoints.emplace(arguments.save, std::filesystem::equivalent(arguments.save, arguments.resume, ignored));
+    training.saveEvery = arguments.every;
+    training.save = [&](const TrainingState& state) { display.Say(checkpoints->Save(model, state)); };
+  }
+  Train(source, model, training, outcome.state);
+  outcome.residentAfter = ResidentBytes();
+  outcome.weights = StatsOf(model.Weights());
+  outcome.vectors = StatsOf(model.Vectors());
   return outcome;
 }
 
-// False if the model learned too little.
-bool Run(Arguments& arguments) {
+void Run(Arguments& arguments) {
   std::unique_ptr<RowSource> source;
   if (arguments.log.empty()) {
     auto generator = std::make_unique<ClickGenerator>(arguments.rows, arguments.seed);
     if (!arguments.writeLog.empty()) {
-      WriteLog(*generator, arguments.writeLog);
-      return true;
+      return WriteLog(*generator, arguments.writeLog);
     }
     source = std::move(generator);
   } else {
     source = std::make_unique<ClickLogFile>(arguments.log);
   }
 
-  arguments.training.firstEvaluated = source->RowCount() / 2;
+  arguments.model.optimiser = OPTIMISERS.at(arguments.optimiser);
   const unsigned admitAt = std::exchange(arguments.model.admitAt, 1);
   const Outcome all = TrainOnce(*source, arguments);
-  PrintReport(all.result, all.facts);
+  PrintReport(all);
   if (admitAt > 1) {
     fmt::print("\nthe same log, with vectors from a feature's offer {} on\n", admitAt);
     arguments.model.admitAt = admitAt;
     const Outcome filtered = TrainOnce(*source, arguments);
-    PrintReport(filtered.result, filtered.facts);
-    PrintComparison(all.result, all.facts, filtered.result, filtered.facts);
+    PrintReport(filtered);
+    PrintComparison(all, filtered);
   }
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    throw std::runtime_error("standard output: cannot be written");
+  if (!GoalMet(all)) {
+    throw std::runtime_error("the goal was not met");
   }
-  return GoalMet(all.result, all.facts);
 }
 
 }  // namespace
 }  // namespace CtrTraining
 
 int main(int argc, char** argv) {
-  CLI::App app("Trains a click-through model whose parameters live in Kavo tables.");
-  try {
-    CtrTraining::Arguments arguments;
-    CtrTraining::Declare(app, arguments);
-    app.parse(argc, argv);
-    if (!CtrTraining::Run(arguments)) {
-      fmt::print(stderr, "ctr_training: the goal was not met\n");
-      return 1;
-    }
-    return 0;
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error);
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "ctr_training: {}\n", error.what());
-    return 1;
-  }
+  CLI::App app("Trains a click-through model whose parameters are the rows of two embeddings.", "ctr_training");
+  CtrTraining::Arguments arguments;
+  CtrTraining::Declare(app, arguments);
+  return Examples::Main(app, argc, argv, [&arguments] { CtrTraining::Run(arguments); });
 }

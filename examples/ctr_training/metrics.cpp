@@ -4,42 +4,19 @@
 #include <cmath>
 
 namespace CtrTraining {
-namespace {
-
-constexpr double LARGEST_LOGIT = 16.0;
-constexpr double CELLS_PER_LOGIT = 1024.0;
-constexpr auto CELLS = static_cast<std::size_t>(2.0 * LARGEST_LOGIT * CELLS_PER_LOGIT) + 1;
-
-std::size_t CellOf(double logit) {
-  const double bounded = std::clamp(logit, -LARGEST_LOGIT, LARGEST_LOGIT);
-  return static_cast<std::size_t>((bounded + LARGEST_LOGIT) * CELLS_PER_LOGIT);
-}
-
-}  // namespace
-
 double LogLoss(double logit, bool clicked) {
   const double margin = clicked ? logit : -logit;
   return std::log1p(std::exp(-std::abs(margin))) + std::max(0.0, -margin);
 }
 
-Metrics::Metrics() : m_cells(CELLS) {}
-
 void Metrics::Add(double logit, bool clicked) {
   ++m_rows;
   m_clicks += clicked ? 1 : 0;
   m_loss += LogLoss(logit, clicked);
-  Cell& cell = m_cells[CellOf(logit)];
+  constexpr double LARGEST = LARGEST_LOGIT;
+  const double bounded = std::clamp(logit, -LARGEST, LARGEST);
+  Cell& cell = m_cells[static_cast<std::size_t>((bounded + LARGEST) * CELLS_PER_LOGIT)];
   ++(clicked ? cell.clicked : cell.other);
-}
-
-void Metrics::Merge(const Metrics& other) {
-  m_rows += other.m_rows;
-  m_clicks += other.m_clicks;
-  m_loss += other.m_loss;
-  for (std::size_t i = 0; i < m_cells.size(); ++i) {
-    m_cells[i].clicked += other.m_cells[i].clicked;
-    m_cells[i].other += other.m_cells[i].other;
-  }
 }
 
 double Metrics::MeanLogLoss() const {

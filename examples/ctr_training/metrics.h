@@ -1,8 +1,10 @@
-// How good predictions are: mean log loss and the area under the ROC curve, in fixed memory.
+// How good predictions are: mean log loss and the area under the ROC curve, in plain bytes that a
+// snapshot can keep.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace CtrTraining {
 
@@ -11,13 +13,9 @@ double LogLoss(double logit, bool clicked);
 
 class Metrics {
  public:
-  Metrics();
-
   void Add(double logit, bool clicked);
-  void Merge(const Metrics& other);
 
   std::uint64_t Rows() const { return m_rows; }
-  std::uint64_t Clicks() const { return m_clicks; }
 
   // 0 without rows.
   double MeanLogLoss() const;
@@ -30,6 +28,9 @@ class Metrics {
   double Auc() const;
 
  private:
+  static constexpr std::size_t LARGEST_LOGIT = 16;
+  static constexpr std::size_t CELLS_PER_LOGIT = 1024;
+
   struct Cell {
     std::uint32_t clicked = 0;
     std::uint32_t other = 0;
@@ -38,7 +39,7 @@ class Metrics {
   std::uint64_t m_rows = 0;
   std::uint64_t m_clicks = 0;
   double m_loss = 0.0;
-  std::vector<Cell> m_cells;  // by rising logit
+  std::array<Cell, 2 * LARGEST_LOGIT * CELLS_PER_LOGIT + 1> m_cells{};  // by rising logit
 };
 
 }  // namespace CtrTraining

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <kavo.hpp>
+#include <string>
 
 #include "ctr_training/trainer.h"
 
@@ -15,30 +15,32 @@ class ProgressDisplay {
   ProgressDisplay(const ProgressDisplay&) = delete;
   ProgressDisplay& operator=(const ProgressDisplay&) = delete;
   ~ProgressDisplay();
-  void Show(const Progress& progress);
+  void Show(const TrainingState& state);
+  void Say(const std::string& text);
 
  private:
-  void ShowBar(const Progress& progress);
-  void ShowLine(const Progress& progress);
+  void ShowBar(const TrainingState& state);
+  void ShowLine(const TrainingState& state);
+  void EndBar();
 
   const bool m_terminal;
   bool m_barOpen = false;  // the cursor stands behind a bar
-  unsigned m_epoch = 0;
+  std::uint64_t m_epoch = 0;
   std::uint64_t m_tenths = 0;  // of the epoch, that had their line
 };
 
-struct RunFacts {
+// What came of one training.
+struct Outcome {
+  TrainingState state;
+  std::string optimiser;  // of the vectors
   unsigned threads = 0;
-  unsigned tableSize = 0;
-  unsigned dim = 0;
-  unsigned admitAt = 1;
+  ModelOptions model;
   std::uint64_t firstEvaluated = 0;
-  std::uint64_t rowCount = 0;
   bool truthKnown = false;
-  std::uint64_t residentBefore = 0;  // bytes, before the tables were made
+  std::uint64_t residentBefore = 0;  // bytes, before the embeddings were made
   std::uint64_t residentAfter = 0;   // bytes, while they still stand
-  KavoTableStats weights{};          // of the two tables, at the end
-  KavoTableStats vectors{};
+  KavoEmbeddingStats weights{};      // at the end
+  KavoEmbeddingStats vectors{};
 };
 
 // Bytes of the process that are in physical memory now.
@@ -46,12 +48,11 @@ std::uint64_t ResidentBytes();
 
 // Whether the model learned what could be learned, where the log tells that; there must be something to learn. A model
 // that beats the true one has seen the labels that it predicts.
-bool GoalMet(const TrainingResult& result, const RunFacts& facts);
+bool GoalMet(const Outcome& outcome);
 
-void PrintReport(const TrainingResult& result, const RunFacts& facts);
+void PrintReport(const Outcome& outcome);
 
 // What it changes to admit features later: the run with every feature against the run with the filter.
-void PrintComparison(const TrainingResult& all, const RunFacts& allFacts, const TrainingResult& filtered,
-                     const RunFacts& filteredFacts);
+void PrintComparison(const Outcome& all, const Outcome& filtered);
 
 }  // namespace CtrTraining

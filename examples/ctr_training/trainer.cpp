@@ -1,38 +1,32 @@
 #include "ctr_training/trainer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <thread>
+#include <vector>
 
-#include "ctr_training/features.h"
+#include "program.h"
 
 namespace CtrTraining {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// What one thread adds up on its own, to be merged when it ends.
-struct Tally {
-  Metrics model;
-  double trueLoss = 0.0;
-};
-
-// One pass over the log. Threads share the tables, and this: a few numbers under a lock, touched once a block.
-class Epoch {
+// A part of one pass over the log, up to row `end`. Threads share the model, and this: what is touched once a block,
+// under a lock.
+class Leg {
  public:
-  Epoch(unsigned number, RowSource& source, const Model& model, const TrainingOptions& options, TrainingResult& result)
-      : m_source(source), m_model(model), m_options(options), m_evaluates(number == 1), m_result(result) {
-    m_progress.epoch = number;
-    m_progress.rowCount = source.RowCount();
-  }
+  Leg(RowSource& source, const Model& model, const TrainingOptions& options, TrainingState& state, std::uint64_t end)
+      : m_source(source),
+        m_model(model),
+        m_options(options),
+        m_end(end),
+        m_secondsBefore(state.seconds),
+        m_state(state) {}
 
   void Run() {
+    m_source.Seek(m_state.nextRow);
     {
       std::vector<std::jthread> threads;
       m_running = m_options.threads;
@@ -44,9 +38,6 @@ class Epoch {
     if (m_failure) {
       std::rethrow_exception(m_failure);
     }
-    m_result.rows += m_progress.rows;
-    m_result.seconds += m_progress.seconds;
-    m_result.epochLoss.push_back(m_progress.lossSum / static_cast<double>(m_progress.rows));
   }
 
  private:
@@ -55,26 +46,20 @@ class Epoch {
     std::unique_lock lock(m_mutex);
     while (m_running > 0) {
       m_ended.wait_for(lock, interval, [this] { return m_running == 0; });
-      m_progress.seconds = SecondsSince(m_start);
-      const Progress progress = m_progress;
-      const bool failed = m_failure != nullptr;
-      lock.unlock();
-      if (m_options.report && !failed) {
-        m_options.report(progress);
+      m_state.seconds = m_secondsBefore + Examples::SecondsSince(m_start);
+      if (m_options.report && !m_failure) {
+        m_options.report(m_state);
       }
-      lock.lock();
     }
   }
 
   void Work() noexcept {
     RowBlock block;
     try {
-      Tally tally;
       Learner learner(m_model);
-      while (!Stopped() && m_source.Next(block)) {
-        AddProgress(block.rows.size(), LearnBlock(block, learner, tally));
+      while (!Stopped() && m_source.Next(block, m_end)) {
+        Add(block, learner.PredictThenLearn(block.rows));
       }
-      AddResult(learner, tally);
     } catch (...) {
       AddFailure(block.firstRow, std::current_exception());
     }
@@ -83,36 +68,24 @@ class Epoch {
     m_ended.notify_one();
   }
 
-  double LearnBlock(const RowBlock& block, Learner& learner, Tally& tally) const {
-    double loss = 0.0;
-    for (std::size_t i = 0; i < block.rows.size(); ++i) {
-      const ClickRow& row = block.rows[i];
-      const double logit = learner.PredictThenLearn(KeysOf(row), row.clicked);
-      loss += LogLoss(logit, row.clicked);
-      if (m_evaluates && block.firstRow + i >= m_options.firstEvaluated) {
-        tally.model.Add(logit, row.clicked);
-        tally.trueLoss += block.trueLogits.empty() ? 0.0 : LogLoss(block.trueLogits[i], row.clicked);
-      }
-    }
-    return loss;
-  }
-
   bool Stopped() {
     const std::lock_guard lock(m_mutex);
     return m_failure != nullptr;
   }
 
-  void AddProgress(std::size_t rows, double loss) {
+  // Block by block, so that the sums of one thread do not depend on where legs begin and end.
+  void Add(const RowBlock& block, std::span<const float> logits) {
     const std::lock_guard lock(m_mutex);
-    m_progress.rows += rows;
-    m_progress.lossSum += loss;
-  }
-
-  void AddResult(const Learner& learner, const Tally& tally) {
-    const std::lock_guard lock(m_mutex);
-    m_result.model.Merge(tally.model);
-    m_result.trueLoss += tally.trueLoss;
-    m_result.lookups += learner.Lookups();
+    for (std::size_t i = 0; i < block.rows.size(); ++i) {
+      const bool clicked = block.rows[i].clicked;
+      m_state.lossSum += LogLoss(logits[i], clicked);
+      if (m_state.epoch == 1 && block.firstRow + i >= m_options.firstEvaluated) {
+        m_state.metrics.Add(logits[i], clicked);
+        m_state.trueLossSum += block.trueLogits.empty() ? 0.0 : LogLoss(block.trueLogits[i], clicked);
+      }
+    }
+    m_state.nextRow += block.rows.size();
+    m_state.rows += block.rows.size();
   }
 
   // Blocks are handed out in order and a thread finishes the one it has, so the earliest bad line is always among the
@@ -128,32 +101,45 @@ class Epoch {
   RowSource& m_source;
   const Model& m_model;
   const TrainingOptions& m_options;
-  const bool m_evaluates;
-  const Clock::time_point m_start = Clock::now();
+  const std::uint64_t m_end;
+  const double m_secondsBefore;
+  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 
-  std::mutex m_mutex;  // guards what follows, m_result's target included
+  std::mutex m_mutex;  // guards what follows, m_state's target included
   std::condition_variable m_ended;
   unsigned m_running = 0;
-  Progress m_progress;
   std::exception_ptr m_failure;
   std::uint64_t m_failedRow = 0;
-  TrainingResult& m_result;
+  TrainingState& m_state;
 };
+
+// Where the next leg ends: at the next multiple of saveEvery, rounded up to a whole block, or at the end of the log.
+std::uint64_t EndOfLeg(const TrainingOptions& options, const TrainingState& state) {
+  if (options.saveEvery == 0) {
+    return state.log.rows;
+  }
+  const std::uint64_t multiple = (state.nextRow / options.saveEvery + 1) * options.saveEvery;
+  return std::min((multiple + BLOCK_ROWS - 1) / BLOCK_ROWS * BLOCK_ROWS, state.log.rows);
+}
 
 }  // namespace
 
-TrainingResult Train(RowSource& source, const Model& model, const TrainingOptions& options) {
-  TrainingResult result;
-  for (unsigned epoch = 1; epoch <= options.epochs; ++epoch) {
-    source.Rewind();
-    Epoch(epoch, source, model, options, result).Run();
+void Train(RowSource& source, const Model& model, const TrainingOptions& options, TrainingState& state) {
+  state.log = source.Identity();
+  while (true) {
+    while (state.nextRow < state.log.rows) {
+      Leg(source, model, options, state, EndOfLeg(options, state)).Run();
+      if (options.saveEvery != 0) {
+        options.save(state);
+      }
+    }
+    if (state.epoch >= options.epochs) {
+      return;
+    }
+    ++state.epoch;
+    state.nextRow = 0;
+    state.lossSum = 0.0;
   }
-  result.distinctFeatures = model.FeatureCount(false);
-  result.admittedFeatures = model.FeatureCount(true);
-  if (result.model.Rows() > 0) {
-    result.trueLoss /= static_cast<double>(result.model.Rows());
-  }
-  return result;
 }
 
 }  // namespace CtrTraining

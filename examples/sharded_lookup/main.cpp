@@ -7,22 +7,17 @@
 //
 // Exits with 1 when a key is not on the server that owns it, is on another one too, hashed keys are not spread, or a
 // call fails.
-#include <fmt/format.h>
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <kavo.hpp>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "program.h"
 #include "sharded_lookup/cluster.h"
 #include "sharded_lookup/key_sets.h"
 #include "sharded_lookup/report.h"
@@ -71,7 +66,7 @@ bool RunKeySet(const Arguments& arguments, const KeySet& set) {
   return verified.Passed() && asSpreadAsSaid;
 }
 
-bool Run(const Arguments& arguments) {
+void Run(const Arguments& arguments) {
   // Most misses are what the verification hopes for, and it reports the others itself.
   const kavo::LogSink log([](const kavo::LogLine& line) {
     if (line.Format().find("LookUpWithValLen failed") == std::string_view::npos) {
@@ -85,30 +80,17 @@ bool Run(const Arguments& arguments) {
   passed = RunKeySet(arguments, hostile) && passed;
   passed = RunKeySet(arguments, HashedKeys(hostile)) && passed;
   PrintAdvice();
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    throw std::runtime_error("standard output: cannot be written");
+  if (!passed) {
+    throw std::runtime_error("verification failed");
   }
-  return passed;
 }
 
 }  // namespace
 }  // namespace ShardedLookup
 
 int main(int argc, char** argv) {
-  CLI::App app("Spreads keys over parameter servers, each a Kavo table, with the partition map.");
-  try {
-    ShardedLookup::Arguments arguments;
-    ShardedLookup::Declare(app, arguments);
-    app.parse(argc, argv);
-    if (!ShardedLookup::Run(arguments)) {
-      fmt::print(stderr, "sharded_lookup: verification failed\n");
-      return 1;
-    }
-    return 0;
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error);
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "sharded_lookup: {}\n", error.what());
-    return 1;
-  }
+  CLI::App app("Spreads keys over parameter servers, each a Kavo table, with the partition map.", "sharded_lookup");
+  ShardedLookup::Arguments arguments;
+  ShardedLookup::Declare(app, arguments);
+  return Examples::Main(app, argc, argv, [&arguments] { ShardedLookup::Run(arguments); });
 }

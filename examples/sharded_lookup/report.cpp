@@ -1,26 +1,14 @@
 #include "sharded_lookup/report.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <string>
+
+#include "program.h"
 
 namespace ShardedLookup {
 namespace {
 
-// 1234567 as 1,234,567.
-std::string Count(std::uint64_t number) {
-  std::string text = std::to_string(number);
-  for (std::size_t end = text.size(); end > 3;) {
-    end -= 3;
-    text.insert(end, 1, ',');
-  }
-  return text;
-}
-
-void Rule() {
-  fmt::print("{:-<72}\n", "");
-}
+using Examples::Count;
+using Examples::Rule;
 
 }  // namespace
 

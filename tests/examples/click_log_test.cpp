@@ -15,7 +15,8 @@ std::string ErrorOf(const std::string& path) {
     ClickLogFile log(path);
     TrainingOptions options;
     options.threads = 4;
-    Train(log, Model(ModelOptions{}), options);
+    TrainingState state;
+    Train(log, Model(ModelOptions{}), options, state);
   } catch (const ClickLogError& error) {
     return error.what();
   }
@@ -51,14 +52,15 @@ TEST(ClickLog, WrittenRowsReadBackWhateverTheLineEnds) {
   for (const std::string& text : {Text(rows, "\n"), Text(rows, "\r\n"), withoutLastEnd}) {
     ClickLogFile log(folder.Write("log", text));
     EXPECT_EQ(log.RowCount(), rows.size());
-    for (int epoch = 0; epoch < 2; ++epoch) {
-      std::vector<ClickRow> read;
-      for (RowBlock block; log.Next(block);) {
+    // From the beginning, again, and from rows before and behind where it stands.
+    for (const std::size_t first : {0, 0, 700, 999, 3}) {
+      log.Seek(first);
+      std::vector<ClickRow> read(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(first));
+      for (RowBlock block; log.Next(block, first == 999 ? 1000 : 2000);) {
         EXPECT_EQ(block.firstRow, read.size());
         read.insert(read.end(), block.rows.begin(), block.rows.end());
       }
       EXPECT_EQ(read, rows);
-      log.Rewind();
     }
   }
 }

@@ -44,11 +44,19 @@ CALLS: dict[str, list[Call]] = {
     ],
     "model_test": [([], {"KAVO_MODEL_SEQUENCES": sequences}) for sequences in ("1000", "10000")],
     "soak": [(["--minutes", "0.4", "--seed", "1"], {})],
-    "ctr_training": [(["--rows", "60000"], {})],
-    "incremental_export": [(["--entries", "5000", "--type", kind], {}) for kind in ("basic", "filter")],
+    "ctr_training": [(["--rows", "60000", "--threads", "1"], {})],
+    "incremental_export": [(["--rows", "5000"], {})],
+    "serving": [(["--rows", "5000", "--threads", "2", "--seconds", "0.5", "--increments", "5"], {})],
     "sharded_lookup": [(["--keys", "60000"], {})],
 }
-OWN_OPTIONS = {"soak", "ctr_training", "incremental_export", "sharded_lookup", "kavo_c_test"}  # not GoogleTest's
+OWN_OPTIONS = {
+    "soak",
+    "ctr_training",
+    "incremental_export",
+    "serving",
+    "sharded_lookup",
+    "kavo_c_test",
+}  # not GoogleTest's
 
 
 @dataclasses.dataclass
