@@ -13,7 +13,8 @@ inline bool FaultWasInjected() {
 }
 
 // Calls attempt(), whose n-th allocation on this thread fails, for n = 1, 2, ... until a run needs fewer than n; with
-// `stay` every later one fails too. Returns the number of runs that met a fault. Stops early when the attempt fails the test.
+// `stay` every later one fails too. Returns the number of runs that met a fault. Stops early when the attempt fails the
+// test.
 template <class Attempt>
 unsigned long long ForEachFailingAllocation(Attempt&& attempt, bool stay = false) {
   for (unsigned long long nth = 1;; ++nth) {
