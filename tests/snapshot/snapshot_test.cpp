@@ -1,6 +1,8 @@
 // Full snapshots, increments and loading, in one thread.
+#include <array>
 #include <numeric>
 
+#include "kavo.hpp"
 #include "snapshot/save.h"
 #include "snapshot/snapshot_support.h"
 #include "support/seed.h"
@@ -121,61 +123,49 @@ TEST(Marks, RowsAreTakenAlsoWhenMarksComeAgain) {
   }
 }
 
-class Tables : public ::testing::TestWithParam<unsigned> {};
+class Tables : public ::testing::TestWithParam<kavo::TableType> {};
+
+// Of each key its value, or, where it has none, its occurrences.
+std::map<long, std::vector<unsigned>> EntriesOf(const kavo::Table& table) {
+  std::map<long, std::vector<unsigned>> entries;
+  for (const KavoHtBatchElement& entry : table.Export(kavo::ExportMode::ALL)) {
+    const auto row = table.At<unsigned>(entry.value);
+    entries[entry.key] = row.empty() ? std::vector<unsigned>{entry.count} : std::vector(row.begin(), row.end());
+  }
+  return entries;
+}
 
 TEST_P(Tables, FullAndIncrementsEqualTheLiveOne) {
   const OwnFolder folder;
-  const auto all = [](unsigned id) {
-    std::map<long, std::pair<std::string, unsigned>> entries;
-    std::vector<KavoHtBatchElement> elements(5000);
-    KavoHtBatchInfo batch{elements.data(), 5000, KAVO_EXPORT_ALL, 0};
-    unsigned num = 0;
-    void* cursor = nullptr;
-    Must(KavoBatchGetNext(id, &batch, &num, &cursor));
-    for (unsigned i = 0; i < num; ++i) {
-      const KavoHtBatchElement& element = elements[i];
-      entries[element.key] = {element.value == nullptr ? "" : std::string(element.value, element.value + 12),
-                              element.value == nullptr ? element.count : 0};  // of rows: may be older
-    }
-    return entries;
-  };
   std::mt19937_64 random(KavoTest::TestSeed());
-  Must(KavoInitHashTable(1, 100, 12, GetParam()));
+  const kavo::Table live(1, 100, 12, GetParam());
   for (unsigned round = 0; round < 3; ++round) {
-    for (int i = 0; i < 500; ++i) {
+    for (unsigned i = 0; i < 500; ++i) {
       const long key = static_cast<long>(random() % 2000 << 32 | random() % 7);
-      unsigned char value[12];
-      std::memcpy(value, &i, sizeof(i));
-      if (GetParam() == KAVO_TABLE_TYPE_FILTER && i % 2 == 0) {
-        unsigned char* at = nullptr;
-        unsigned length = 0;
-        unsigned isFind = 0;
-        Must(KavoLookupOrInsert(1, key, &at, &length, &isFind, 60));
+      if (GetParam() == kavo::TableType::FILTER && i % 2 == 0) {
+        live.LookupOrInsert(key, 60);
       } else {
-        Must(KavoInsertOrUpdate(1, key, value, sizeof(value), 5));
+        live.InsertOrUpdate(key, std::array{i, i + 1, i + 2}, 5);
       }
     }
     const KavoSaveOptions options = Options(round == 0 ? KAVO_SNAPSHOT_FULL : KAVO_SNAPSHOT_INCREMENT);
     Must(Save(folder.Path(), options, Item("table", nullptr, 1), std::string("position", round)));
-    EXPECT_EQ(round != 0, RecordsOf(folder.Path()).size() < all(1).size());
+    EXPECT_EQ(round != 0, RecordsOf(folder.Path()).size() < EntriesOf(live).size());
   }
-  const auto live = all(1);
-  std::map<long, std::pair<std::string, unsigned>> together;
+  std::map<long, std::vector<unsigned>> together;
   for (unsigned shard = 0; shard < 2; ++shard) {
-    Must(KavoInitHashTable(2, 100, 12, GetParam()));
+    const kavo::Table loaded(2, 100, 12, GetParam());
     Must(Load(folder.Path(), Item("table", nullptr, 2), shard, 2));
-    for (const auto& [key, entry] : all(2)) {
+    for (const auto& [key, entry] : EntriesOf(loaded)) {
       EXPECT_EQ((key >> 32) % 2, shard);
       together[key] = entry;
     }
-    Must(KavoUninitHashTable(2));
   }
-  Must(KavoUninitHashTable(1));
-  EXPECT_TRUE(together == live) << together.size() << ", not " << live.size();
+  EXPECT_TRUE(together == EntriesOf(live)) << together.size() << ", not " << EntriesOf(live).size();
   EXPECT_EQ(BlobOf(folder.Path(), 2), "po");
 }
 
-INSTANTIATE_TEST_SUITE_P(, Tables, ::testing::Values(KAVO_TABLE_TYPE_BASIC, KAVO_TABLE_TYPE_FILTER));
+INSTANTIATE_TEST_SUITE_P(, Tables, ::testing::Values(kavo::TableType::BASIC, kavo::TableType::FILTER));
 
 TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
   const OwnFolder folder;
