@@ -53,7 +53,7 @@ TEST(ClickLog, WrittenRowsReadBackWhateverTheLineEnds) {
     ClickLogFile log(folder.Write("log", text));
     EXPECT_EQ(log.RowCount(), rows.size());
     // From the beginning, again, and from rows before and behind where it stands.
-    for (const std::size_t first : {0, 0, 700, 999, 3}) {
+    for (const std::size_t first : {0U, 0U, 700U, 999U, 3U}) {
       log.Seek(first);
       std::vector<ClickRow> read(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(first));
       for (RowBlock block; log.Next(block, first == 999 ? 1000 : 2000);) {

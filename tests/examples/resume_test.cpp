@@ -49,7 +49,7 @@ TEST_F(Resumed, ATrainingEndsAsOneThatWasNotInterrupted) {
     const std::string whole = Quality(log + " --epochs 2 --optimiser adam");
     EXPECT_EQ(Quality(options), whole);
     // Into the second epoch, the evaluated rows, the beginning; each time increments follow on those that are left.
-    for (const unsigned number : {7, 4, 2}) {
+    for (const unsigned number : {7U, 4U, 2U}) {
       DropSnapshotsFrom(number);
       EXPECT_EQ(Quality(options + " --resume " + m_folder.Path("saved")), whole) << number;
     }
