@@ -5,13 +5,13 @@
 #include <barrier>
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "adapter/manager.h"
 #include "kavo.h"
 #include "platform/test_hooks.h"
 #include "support/held.h"
 #include "support/log_capture.h"
+#include "support/threads.h"
 
 namespace KavoTest {
 namespace {
@@ -25,7 +25,7 @@ TEST(ConcurrentCreation, LosersDestroyTheirTablesAndTheIdKeepsOne) {
     ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(id, 8, 8, KAVO_TABLE_TYPE_BASIC));
     ASSERT_EQ(KAVO_SUCCESS, KavoUninitHashTable(id));
     const Held before;
-    LogCapture capture(KavoSetLogSink);
+    LogCapture capture;
     std::barrier<> allBuilt(THREADS);
     g_allBuilt = &allBuilt;
     Qen::TestHooks::SetPointHandler([](const char* point) {
@@ -35,21 +35,18 @@ TEST(ConcurrentCreation, LosersDestroyTheirTablesAndTheIdKeepsOne) {
     });
     std::atomic<int> won{0};
     std::atomic<int> existed{0};
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-      threads.emplace_back([&] {
-        const int ret = KavoInitHashTable(id, 100'000, 8, KAVO_TABLE_TYPE_BASIC);
-        won += ret == KAVO_SUCCESS ? 1 : 0;
-        existed += ret == KAVO_EXISTS ? 1 : 0;
-      });
-    }
-    threads.clear();
+    InThreads(THREADS, [&](unsigned) {
+      const int ret = KavoInitHashTable(id, 100'000, 8, KAVO_TABLE_TYPE_BASIC);
+      won += ret == KAVO_SUCCESS ? 1 : 0;
+      existed += ret == KAVO_EXISTS ? 1 : 0;
+    });
     Qen::TestHooks::SetPointHandler(nullptr);
     EXPECT_EQ(1, won);
     EXPECT_EQ(THREADS - 1, existed);
     EXPECT_EQ(THREADS - 1U, capture.Count("TableId[" + std::to_string(id) + "] is existed."));
     EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(id));
     EXPECT_EQ(before, Held());
+    EXPECT_EQ(0U, Qen::g_manager->m_eleMap.size()) << "an id costs nothing any more";
   }
 }
 

@@ -50,7 +50,7 @@ template <class Try, class Check>
 unsigned FailUntilItSucceeds(Fault fault, Try attempt, Check check, unsigned first = 1) {
   for (unsigned nth = first; nth < 1000; ++nth) {
     SCOPED_TRACE(testing::Message() << "step " << nth << " fails");
-    LogCapture log(KavoSetLogSink);
+    LogCapture log;
     if (fault == Fault::LOCK) {
       g_locksLeft = nth;
       Hooks::SetPointHandler(&ThrowAtLock);
@@ -115,7 +115,7 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
         fault, [this] { return KavoInitHashTable(id, SIZE, LEN, type); },
         [&, this] {
           EXPECT_EQ(before, Held());
-          LogCapture quiet(KavoSetLogSink);
+          LogCapture quiet;
           EXPECT_EQ(KAVO_INVALID, KavoUninitHashTable(id)) << "the id is not taken";
         });
     // At least the table, the hash table and its cells, the pool and its stock.
@@ -168,7 +168,7 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
   // An insert that fails and is not repeated: its key is absent, while others come and the table grows.
   void GiveUp(long key) {
     Bytes value(LEN);
-    LogCapture quiet(KavoSetLogSink);
+    LogCapture quiet;
     g_locksLeft = 1;
     Hooks::SetPointHandler(&ThrowAtLock);
     EXPECT_EQ(KAVO_FAILED, KavoInsert(id, key, value.data(), LEN, 1, 0));
@@ -305,7 +305,7 @@ TEST(FaultLoopOfPartitionMap, EveryFailureLeavesNone) {
   const unsigned failures = FailUntilItSucceeds(
       Fault::ONE_ALLOCATION, [&ids] { return InitPartitionMap(1, 5000, ids.data()); },
       [] {
-        LogCapture quiet(KavoSetLogSink);
+        LogCapture quiet;
         EXPECT_EQ(KAVO_UNSUPPORTED, UninitPartitionMap()) << "half a map was left";
       });
   EXPECT_EQ(2U, failures) << "the list that is built from the arguments, and the map's own";

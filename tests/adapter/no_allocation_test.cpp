@@ -57,7 +57,7 @@ TEST_P(NoAllocation, ForKeysThatArePresentNorForNewOnesWithBlocksInStock) {
   unsigned char* address = nullptr;
   unsigned len = 0;
   unsigned found = 0;
-  const auto lookUpOrInsert = [&](long key) { return KavoLookupOrInsert(table, key, &address, &len, &found, 0); };
+  const auto lookUpOrInsert = [&](long key) { return KavoLookupOrInsert(table, key, &address, &len, &found, 1); };
   ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(table, 1'000, LEN, KAVO_TABLE_TYPE_BASIC));
   // A thread's first insert into a table may set up what it keeps for it.
   ASSERT_EQ(KAVO_SUCCESS, KavoInsert(table, KEYS, value, LEN, 0, 0));
@@ -71,26 +71,17 @@ TEST_P(NoAllocation, ForKeysThatArePresentNorForNewOnesWithBlocksInStock) {
   EXPECT_EQ(0, Count([&](long key) { return KavoInsertOrUpdate(table, key, value, LEN, 0); }));
   EXPECT_EQ(0, Count(lookUpOrInsert));
   // Look-up-or-insert of new keys gets fresh blocks, as nothing is prepared: the pool makes them many at a time.
-  EXPECT_LT(Count([&](long key) { return lookUpOrInsert(key + 2 * KEYS); }), KEYS / 20);
+  const long allocations = Count([&](long key) { return lookUpOrInsert(key + 2 * KEYS); });
+  EXPECT_GT(allocations, 0) << "they are not counted";
+  EXPECT_LT(allocations, KEYS / 20);
   EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(table));
-}
 
-TEST(NoAllocationInAFilterTable, ForCountingAPresentKey) {
-  unsigned char* address = nullptr;
-  unsigned len = 0;
-  unsigned found = 0;
-  const auto count = [&](long) { return KavoLookupOrInsert(2, 1, &address, &len, &found, 1); };
-  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(2, 8, LEN, KAVO_TABLE_TYPE_FILTER));
-  ASSERT_EQ(KAVO_SUCCESS, KavoSetFilterFreq(2, 2 * KEYS));
-  ASSERT_EQ(KAVO_SUCCESS, count(0));
-  EXPECT_EQ(0, Count(count));
-  ASSERT_EQ(KAVO_SUCCESS, KavoUninitHashTable(2));
-}
-
-TEST(AllocationCount, SeesAllocations) {
-  const long before = g_allocations;
-  ::operator delete(::operator new(1));
-  EXPECT_EQ(before + 1, g_allocations);
+  // A filter table counts.
+  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(table, 8, LEN, KAVO_TABLE_TYPE_FILTER));
+  ASSERT_EQ(KAVO_SUCCESS, KavoSetFilterFreq(table, 2 * KEYS));
+  ASSERT_EQ(KAVO_SUCCESS, lookUpOrInsert(1));
+  EXPECT_EQ(0, Count([&](long) { return lookUpOrInsert(1); }));
+  EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(table));
 }
 
 }  // namespace

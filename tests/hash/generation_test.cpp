@@ -1,11 +1,10 @@
-// One generation: its size, what it stores when it is full, and the log lines of steps that cannot be taken.
+// One generation: what it stores when it is full, and the log lines of steps that cannot be taken.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "hash/test_table.h"
-#include "platform/log_sink.h"
 #include "support/log_capture.h"
 
 namespace KavoTest {
@@ -39,7 +38,7 @@ class Generation : public ::testing::Test {
   // Fails after the shortened wait, with these log lines.
   void ExpectOvertime(Core& core, long key, const Texts& lines) {
     Qen::TestHooks::SetWaitLimit(3);
-    const LogCapture log(Qen::SetLogSink);
+    const LogCapture log;
     EXPECT_EQ(Insert(core, key), KAVO_FAILED);
     EXPECT_EQ(log.Messages(), lines);
     Qen::TestHooks::SetWaitLimit(0);
@@ -49,27 +48,6 @@ class Generation : public ::testing::Test {
   Core::Entry m_entry;
   Core* m_core = nullptr;
 };
-
-TEST_F(Generation, CapacityGivesCellsAndMapThreshold) {
-  const struct {
-    unsigned long long asked, capacity, cells, maxMaps, chunk;
-  } cases[] = {{0, 2'097'152, 8'388'608, 6'291, 65536},
-               {1, 8, 16, 0, 16},
-               {9, 9, 16, 0, 16},
-               {10, 10, 32, 0, 32},
-               {100, 100, 256, 0, 256},
-               {1000, 1000, 4096, 3, 256},
-               {20'000, 20'000, 65'536, 49, 512}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.asked);
-    const Qen::ConcurrentTable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits> table(c.asked, m_blocks.Directory());
-    const Core& core = *table.GetHashtable().CurrentGeneration();
-    EXPECT_EQ(table.Capacity(), c.capacity);
-    EXPECT_EQ(core.TableSize(), c.cells);
-    EXPECT_EQ(core.MaxMapNum(), c.maxMaps);
-    EXPECT_EQ(core.ChunkSize(), c.chunk);
-  }
-}
 
 TEST_F(Generation, OverTheThresholdOnlyWhatNeedsNoProbeIsStored) {
   Core core(1024, m_blocks.Directory());
@@ -85,24 +63,12 @@ TEST_F(Generation, OverTheThresholdOnlyWhatNeedsNoProbeIsStored) {
   EXPECT_EQ(core.MapNum(), 1U);
 }
 
-TEST_F(Generation, AMissInAMapIsLoggedOnceAndAMissWithoutOneIsNot) {
-  Core core(4096, m_blocks.Directory());  // three maps are within its threshold
-  FillBehindBucketZero(core);
-  EXPECT_EQ(Insert(core, 4096), ENTRY_INSERTED);
-  const LogCapture log(Qen::SetLogSink);
-  for (const long key : {2L * 4096, 1L + 4096, 3000L}) {
-    EXPECT_EQ(core.FindValueProcess(key), nullptr);
-  }
-  ASSERT_EQ(log.Messages(), Texts{"key is not exist in map! bucketHead[0], tableSize[4096]"});
-  EXPECT_EQ(log.Lines()[0].function, "MapFind");
-}
-
 TEST_F(Generation, AMovedBucketSendsTheKeyToTheNextGenerationIfThereIsOne) {
   Core core(8, m_blocks.Directory());
   core.CellAt(2).flags.TryBeginMove();
   core.CellAt(2).flags.FinishMove();
   {
-    const LogCapture log(Qen::SetLogSink);
+    const LogCapture log;
     EXPECT_EQ(Insert(core, 10), KAVO_FAILED);
     EXPECT_EQ(log.Count("Current key has been rehashed but m_nextHashCore is nullptr!"), 1U);
   }
@@ -152,7 +118,7 @@ TEST(Driver, AFoundCallbackIsAskedOnceAndAnUnfilledRecordIsWaitedFor) {
   Core::Entry filling;  // as if its owner never came back
   Core* core = nullptr;
   ASSERT_EQ(table.CurrentGeneration()->InsertOrFindProcess(4, filling, core), ENTRY_INSERTED);
-  const LogCapture log(Qen::SetLogSink);
+  const LogCapture log;
   Qen::TestHooks::SetWaitLimit(4);
   EXPECT_EQ(table.Offer(4).status, KAVO_FAILED);
   Qen::TestHooks::SetWaitLimit(0);

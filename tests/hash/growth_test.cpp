@@ -1,4 +1,4 @@
-// Growth: what one insert pays for it, what a failure leaves behind, and what a walk reports meanwhile.
+// Growth: what one insert pays for it, and what a failure leaves behind.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "hash/test_table.h"
-#include "platform/log_sink.h"
 #include "support/log_capture.h"
 #include "support/seed.h"
 
@@ -70,27 +69,6 @@ TEST_F(Growth, AGradualOnePaysForAFewBucketsWithEachInsertAndIsOverBeforeTheNext
   ExpectExactly(table);
 }
 
-// Cells of some size are pages, which go back piece by piece.
-TEST_F(Growth, TheMemoryOfRetiredGenerationsGoesBackToTheSystem) {
-  for (const unsigned char mode : {Qen::REHASH_GRADUAL, Qen::REHASH_WHOLE_TABLE}) {
-    TestTable table(1ULL << 19);  // 8 MiB
-    table.SetRehashType(mode);
-    std::mt19937_64 random(TestSeed());
-    const Core* const first = table.FirstGeneration();
-    while (!first->IsDeleted()) {
-      table.Offer(static_cast<long>(random() >> 1));
-    }
-    for (int i = 0; i < 10; ++i) {
-      table.Offer(static_cast<long>(random() >> 1));
-    }
-    EXPECT_EQ(first->CellBytes(), 0U);
-    for (unsigned long long i = 0; i < first->TableSize(); i += 4096 / 16) {
-      ASSERT_EQ(first->CellAt(i).LoadKey(), Qen::HCore::EMPTY_KEY);
-    }
-    EXPECT_EQ(table.CurrentGeneration()->CellBytes(), 16ULL << 20);
-  }
-}
-
 // A mover that never ends: who needs the bucket waits to the limit, sweeps pass it by.
 TEST_F(Growth, ABucketThatAnotherThreadMovesFailsItsOwnInsertsOnly) {
   TestTable table;
@@ -99,7 +77,7 @@ TEST_F(Growth, ABucketThatAnotherThreadMovesFailsItsOwnInsertsOnly) {
   Store(table, {64});  // full
   table.FirstGeneration()->CellAt(1).flags.TryBeginMove();
   Qen::TestHooks::SetWaitLimit(3);
-  const LogCapture log(Qen::SetLogSink);
+  const LogCapture log;
   EXPECT_EQ(table.Offer(9).status, KAVO_FAILED);
   EXPECT_EQ(log.Messages(), (Texts{"RehashAcquire overtime", "RehashAcquire failed!", "InsertOrFind failed!"}));
   for (const long key : {2L, 3L, 4L, 5L}) {
@@ -112,31 +90,6 @@ TEST_F(Growth, ABucketThatAnotherThreadMovesFailsItsOwnInsertsOnly) {
   Offer(table, 9);
   EXPECT_TRUE(table.FirstGeneration()->IsDeleted());
   ExpectExactly(table);
-}
-
-TEST_F(Growth, AnInsertThatStoredNothingFailsWithTheLinesOfTheGrowthItNeeded) {
-  const std::pair<unsigned char, Texts> modes[] = {
-      {Qen::REHASH_WHOLE_TABLE, {"MakeNewTable failed! ret[-3]"}},
-      {Qen::REHASH_GRADUAL,
-       {"AddNewTableAndRehash fail, ret[-3]", "NoNextTable failed, ret[-3]", "BeginGredualMigration failed!"}}};
-  for (const auto& [mode, lines] : modes) {
-    TestTable table;
-    m_blocks.clear();
-    table.SetRehashType(mode);
-    FillAllCells(table);
-    LogCapture log(Qen::SetLogSink);
-    Qen::TestHooks::FailAllocation(3, true);  // the map and its entry may be had, a generation not
-    Offer(table, 64);
-    log.Clear();
-    EXPECT_EQ(table.Offer(1).status, KAVO_NO_MEMORY);
-    Qen::TestHooks::FailAllocation(0);
-    Texts expected{"make_unique failed, exception caught:std::bad_alloc"};
-    expected.insert(expected.end(), lines.begin(), lines.end());
-    expected.emplace_back("no enough mem!");
-    EXPECT_EQ(log.Messages(), expected);
-    Offer(table, 1);
-    ExpectExactly(table);
-  }
 }
 
 // A lock that reports an error, at each step of a growth. The insert that brought the growth about stands, and the next
@@ -156,7 +109,7 @@ TEST_P(LockErrorAt, TheInsertStandsAndTheNextOneCompletesTheGrowth) {
   TestTable table;
   FillAllCells(table);
   s_point = GetParam();
-  const LogCapture log(Qen::SetLogSink);
+  const LogCapture log;
   Qen::TestHooks::SetPointHandler(&Throw);
   Offer(table, 64);
   Qen::TestHooks::SetPointHandler(nullptr);
@@ -173,43 +126,6 @@ TEST_P(LockErrorAt, TheInsertStandsAndTheNextOneCompletesTheGrowth) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Points, LockErrorAt, ::testing::Values("Chain.Building", "Mover.Marked", "Chain.Leaving"));
-
-// What the host should not do, and what comes of it: nothing breaks, and nothing is missed that was there before.
-TEST_F(Growth, AMapThatGrowsUnderAWalkIsWalkedInOrder) {
-  TestTable table;
-  FillAllCells(table);
-  Store(table, {80, 160});
-  Walk walk(table);
-  EXPECT_EQ(walk.EntryKey(), 80);
-  for (long key = 72; key < 400; key += 8) {
-    Store(table, {key});
-  }
-  for (long key = 88; key < 400; key += 8) {
-    walk.Next();
-    ASSERT_EQ(walk.EntryKey(), key);
-  }
-  walk.Next();
-  EXPECT_EQ(walk.EntryKey(), 0);
-}
-
-TEST_F(Growth, TheCellsThatAWalkMayComeToStayUntilItEnds) {
-  TestTable table;
-  FillAllCells(table);
-  const Core* const first = table.FirstGeneration();
-  {
-    const Walk walk(table);
-    for (long key = 64; key < 200; ++key) {
-      table.Offer(key);
-    }
-    ASSERT_TRUE(first->IsDeleted());
-    for (const auto& [key, block] : m_blocks) {
-      EXPECT_EQ(first->FindValueProcess(key), block);
-    }
-  }
-  for (const Core* core = first; core != table.CurrentGeneration(); core = core->Next()) {
-    EXPECT_EQ(core->CellAt(3).LoadKey(), Qen::HCore::EMPTY_KEY) << core->TableSize();
-  }
-}
 
 }  // namespace
 }  // namespace KavoTest

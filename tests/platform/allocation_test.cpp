@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/test_hooks.h"
+#include "support/held.h"
 
 namespace {
 
@@ -32,12 +32,11 @@ class Allocation : public ::testing::Test {
     EXPECT_EQ(HeapTaken(), 0);
     EXPECT_EQ(MappedTaken(), 0);
   }
-  long long HeapTaken() const { return Qen::TestHooks::HeapBytesInUse() - m_heap; }
-  long long MappedTaken() const { return Qen::TestHooks::MappedBytesInUse() - m_mapped; }
+  long long HeapTaken() const { return KavoTest::Held().heap - m_before.heap; }
+  long long MappedTaken() const { return KavoTest::Held().mapped - m_before.mapped; }
 
  private:
-  long long m_heap = Qen::TestHooks::HeapBytesInUse();
-  long long m_mapped = Qen::TestHooks::MappedBytesInUse();
+  const KavoTest::Held m_before;
 };
 
 TEST_F(Allocation, ARangeIsZeroAlignedWritableAndAccountedWhateverItsSize) {

@@ -148,8 +148,7 @@ void BrokenPipe(bool hostBlocks) {
 using Texts = std::vector<std::string>;
 
 struct ChildRun {
-  Texts messages;      // of log lines, each of which must be whole
-  Texts functions;     // that they name
+  Texts lines;         // function and message of log lines, each of which must be whole
   std::string output;  // what the child has printed
 };
 
@@ -170,8 +169,7 @@ ChildRun RunChild(const std::string& scenario, const std::string& setting = {}) 
   for (std::string line; std::getline(lines, line);) {
     const KavoTest::LogLine parsed = KavoTest::ParseLogLine(line + '\n');
     if (parsed.framed) {
-      run.messages.push_back(parsed.message);
-      run.functions.push_back(parsed.function);
+      run.lines.push_back(parsed.function + ": " + parsed.message);
     } else {
       EXPECT_EQ(run.output, "") << line;
       run.output = line;
@@ -181,16 +179,16 @@ ChildRun RunChild(const std::string& scenario, const std::string& setting = {}) 
 }
 
 TEST(LogProcess, TheLevelComesFromTheEnvironmentAndIsWarnOtherwise) {
-  const Texts all{"debug", "info", "warn", "error", "event"};
+  const Texts all{"Levels: debug", "Levels: info", "Levels: warn", "Levels: error", "Levels: event"};
   const struct {
     const char* value;
     int first;
   } cases[] = {{"debug", 0}, {"info", 1}, {"warn", 2}, {"error", 3}, {"off", 5}, {"", 2}, {"DEBUG", 2}, {"debugs", 2}};
   for (const auto& [value, first] : cases) {
     const ChildRun run = RunChild("levels", std::string("KAVO_LOG_LEVEL=") + value);
-    EXPECT_EQ(run.messages, Texts(all.begin() + first, all.end())) << value;
+    EXPECT_EQ(run.lines, Texts(all.begin() + first, all.end())) << value;
   }
-  EXPECT_EQ(RunChild("levels").messages, Texts(all.begin() + 2, all.end())) << "unset";
+  EXPECT_EQ(RunChild("levels").lines, Texts(all.begin() + 2, all.end())) << "unset";
 }
 
 // Whatever time the child took: at once ten times the rate, then the rate, and no line lost from the account.
@@ -209,9 +207,9 @@ TEST(LogProcess, AFloodIsBoundedAndHeldBackLinesAreReported) {
     const ChildRun run = RunChild("flood", setting);
     unsigned long long written = 0;
     unsigned long long reported = 0;
-    for (const std::string& message : run.messages) {
+    for (const std::string& line : run.lines) {
       unsigned long long count = 0;
-      const bool isReport = std::sscanf(message.c_str(), "%llu lines held back", &count) == 1;
+      const bool isReport = std::sscanf(line.c_str(), "Fire: %llu lines held back", &count) == 1;
       reported += count;
       written += isReport ? 0 : 1;
     }
@@ -231,13 +229,8 @@ TEST(LogProcess, AFloodIsBoundedAndHeldBackLinesAreReported) {
 }
 
 TEST(LogProcess, HeldBackLinesAreReportedBeforeAnyOtherLineBeforeASinkAndAtTheEnd) {
-  const ChildRun run = RunChild("hold back", "KAVO_LOG_RATE=1");
-  Texts lines;
-  for (std::size_t i = 0; i < run.messages.size(); ++i) {
-    if (run.messages[i] != "fire 0 ") {
-      lines.push_back(run.functions[i] + ": " + run.messages[i]);
-    }
-  }
+  Texts lines = RunChild("hold back", "KAVO_LOG_RATE=1").lines;
+  std::erase(lines, "Fire: fire 0 ");
   const std::string report = "Fire: 1 lines held back";
   EXPECT_EQ(lines, (Texts{report, "HoldBack: other", report, "HoldBack: sink was installed", report}));
 }
@@ -249,21 +242,20 @@ TEST(LogProcess, LinesOfManyThreadsAreWholeWhateverTheirLengthAndWhateverInterru
   for (int t = 0; t < 4; ++t) {
     for (int i = 0; i < 500; ++i) {
       const std::string text(static_cast<std::size_t>(800 + i), 'x');
-      expected.push_back("fire " + std::to_string(1000 * t + i) + ' ' + text);
+      expected.push_back("Fire: fire " + std::to_string(1000 * t + i) + ' ' + text);
     }
   }
-  std::sort(run.messages.begin(), run.messages.end());
+  std::sort(run.lines.begin(), run.lines.end());
   std::sort(expected.begin(), expected.end());
-  EXPECT_TRUE(run.messages == expected) << run.messages.size() << " lines";
+  EXPECT_TRUE(run.lines == expected) << run.lines.size() << " lines";
 }
 
 TEST(LogProcess, ALongLineWithoutMemorySaysThatItWasCut) {
   const ChildRun run = RunChild("no memory");
   EXPECT_EQ(run.output, "1");
-  ASSERT_EQ(run.messages.size(), 1U);
-  const std::string end = "x... (line cut, no memory)";
-  ASSERT_GT(run.messages[0].size(), 500 + end.size());
-  EXPECT_EQ(run.messages[0].substr(run.messages[0].size() - end.size()), end);
+  ASSERT_EQ(run.lines.size(), 1U);
+  EXPECT_GT(run.lines[0].size(), 500U);
+  EXPECT_TRUE(run.lines[0].ends_with("x... (line cut, no memory)")) << run.lines[0];
 }
 
 TEST(LogProcess, ABrokenStandardErrorHarmsNeitherProcessNorErrno) {

@@ -53,16 +53,14 @@ TEST(LogSinkChange, TheSetterWaitsForTheLineInsideThePreviousSinkAndForNoLaterOn
   Parking insideSecond("test.inside_sink", 2);
   std::thread earlyLogger(&LogOneLine);
   ASSERT_TRUE(insideFirst.WaitUntilParked());
-  Parking draining("log_sink.draining", 1000000);  // counts passages only: there is no millionth
+  Parking draining("log_sink.draining", Parking::NEVER);
   std::atomic<bool> returned{false};
   std::thread setter([&] {
     second.Install();
     returned = true;
     first.retired = true;
   });
-  while (draining.Passages() < 150 && !returned) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(Parking::Await([&] { return draining.Passages() >= 150 || returned; }));
   std::thread lateLogger(&LogOneLine);
   insideSecond.WaitUntilParked();
   LogOneLine();

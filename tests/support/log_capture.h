@@ -1,15 +1,13 @@
-// Records the library's log lines while it lives. Works with the testing build (give it Qen::SetLogSink) and with the
-// shared library (give it KavoSetLogSink); needs the public header only.
+// Records the library's log lines while it lives. Needs the public header only.
 #pragma once
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
-#include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "kavo.h"
@@ -19,7 +17,8 @@ namespace KavoTest {
 inline constexpr unsigned RUN_CHANNEL = 0x100003D;
 inline constexpr unsigned DEBUG_CHANNEL = 0x1003D;
 
-// One line, taken apart. `framed` says whether it had the library's frame and line end; otherwise only `raw` is set.
+// One line, taken apart. `framed` says whether it had the library's frame and line end; otherwise all of it is the
+// message.
 struct LogLine {
   unsigned channel = 0;
   int level = -1;
@@ -30,12 +29,12 @@ struct LogLine {
   std::string function;
   int lineAgain = 0;
   std::string message;
-  std::string raw;
 };
 
 // Takes apart "[file:line]tid:thread,function(line) : message\r\n". The function may be "operator()".
-inline LogLine ParseLogLine(std::string raw) {
+inline LogLine ParseLogLine(const std::string& raw) {
   LogLine parsed;
+  parsed.message = raw;
   char file[64] = "";
   int functionAt = 0;
   std::sscanf(raw.c_str(), "[%63[^:]:%d]tid:%d,%n", file, &parsed.line, &parsed.threadId, &functionAt);
@@ -48,22 +47,19 @@ inline LogLine ParseLogLine(std::string raw) {
     parsed.message = raw.substr(frameEnd + 4, raw.size() - frameEnd - 6);
     parsed.framed = std::sscanf(raw.c_str() + paren, "(%d)", &parsed.lineAgain) == 1;
   }
-  parsed.raw = std::move(raw);
   return parsed;
 }
 
 class LogCapture {
  public:
-  // `setter` is Qen::SetLogSink or KavoSetLogSink. Records every level, debug lines only when asked to.
-  template <class Result>
-  explicit LogCapture(Result (*setter)(const KavoLogSink*), bool debug = false)
-      : m_setSink([setter](const KavoLogSink* sink) { static_cast<void>(setter(sink)); }), m_debug(debug) {
+  // Records every level, debug lines only when asked to.
+  explicit LogCapture(bool debug = false) : m_debug(debug) {
     const KavoLogSink sink{&LogCapture::Enabled, &LogCapture::Write, this};
-    m_setSink(&sink);
+    static_cast<void>(KavoSetLogSink(&sink));
   }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
-  ~LogCapture() { m_setSink(nullptr); }
+  ~LogCapture() { static_cast<void>(KavoSetLogSink(nullptr)); }
 
   std::vector<LogLine> Lines() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -73,9 +69,7 @@ class LogCapture {
   // The messages alone, without frame and line end, in the order of arrival.
   std::vector<std::string> Messages() const {
     std::vector<std::string> messages;
-    for (const LogLine& line : Lines()) {
-      messages.push_back(line.framed ? line.message : line.raw);
-    }
+    std::ranges::transform(Lines(), std::back_inserter(messages), &LogLine::message);
     return messages;
   }
 
@@ -95,14 +89,9 @@ class LogCapture {
   }
 
   static void Write(void* context, unsigned channel, int level, const char* format, va_list arguments) {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(static_cast<std::size_t>(std::max(length, 0)) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, again);
-    va_end(again);
-    text.pop_back();
-    LogLine line = ParseLogLine(std::move(text));
+    char text[4096];
+    std::vsnprintf(text, sizeof(text), format, arguments);
+    LogLine line = ParseLogLine(text);
     line.channel = channel;
     line.level = level;
     auto* const capture = static_cast<LogCapture*>(context);
@@ -110,8 +99,7 @@ class LogCapture {
     capture->m_lines.push_back(std::move(line));
   }
 
-  std::function<void(const KavoLogSink*)> m_setSink;
-  bool m_debug;
+  const bool m_debug;
   mutable std::mutex m_mutex;
   std::vector<LogLine> m_lines;
 };

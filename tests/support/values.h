@@ -1,4 +1,4 @@
-// Value bytes that name their key, and what a table holds under one. Needs the public header only.
+// What a table holds under a key. Needs the public header only.
 #pragma once
 
 #include <vector>
@@ -8,15 +8,6 @@
 namespace KavoTest {
 
 using Bytes = std::vector<unsigned char>;
-
-// Not all zeros for any key.
-inline Bytes ValueOf(long key, unsigned len) {
-  Bytes bytes(len);
-  for (unsigned i = 0; i < len; ++i) {
-    bytes[i] = static_cast<unsigned char>(static_cast<unsigned long>(key) % 251 + i + 1);
-  }
-  return bytes;
-}
 
 // Null when the key is absent, or only counted.
 inline unsigned char* AddressOf(unsigned table, long key, unsigned* len = nullptr) {
