@@ -15,30 +15,22 @@ constexpr struct {
 } FUNCTIONS[FUNCTION_COUNT]{{"KavoLookup", 18},
                             {"KavoLookupForUpdate", 10},
                             {"KavoUpdate", 11},
-                            {"KavoInsert", 30},
+                            {"KavoInsert", 34},
                             {"KavoInsertOrUpdate", 28},
-                            {"KavoLookupOrInsert", 34},
+                            {"KavoLookupOrInsert", 38},
                             {"KavoInitHashTable", 3},
                             {"KavoUninitHashTable", 3},
                             {"KavoSetFilterFreq", 6},
                             {"KavoPrepareMemForValues", 3},
                             {"KavoGetMemForValue", 6},
                             {"KavoGetHtSizeAndVl", 8},
-                            {"KavoBatchGetNext", 16},
+                            {"KavoBatchGetNext", 20},
                             {"KavoBatchLookup", 8},
                             {"KavoBatchGather", 8},
                             {"KavoBatchLookupOrInsert", 16},
                             {"KavoBatchInsertOrUpdate", 16},
-                            {"InitPartitionMap", 8},
-                            {"UninitPartitionMap", 2},
-                            {"QueryPartitionMapPsId", 3},
-                            {"GetBatchPsIds", 3},
-                            {"Walk", 8},
+                            {"Walk", 12},
                             {"SpoilCursor", 8}};
-constexpr std::array<const char*, FAMILY_COUNT> FAMILY_NAMES{"DENSE",        "TIMES_8",   "TIMES_16", "TIMES_1024",
-                                                             "EQUAL_LOW_32", "RANDOM_62", "EXTREME",  "NEGATIVE"};
-constexpr std::array<const char*, SOURCE_COUNT> SOURCE_NAMES{"BUFFER", "NOTHING", "OWN_VALUE", "OVERLAPPING",
-                                                             "OTHER_VALUE"};
 
 constexpr std::size_t MOST_CALLS = 64;
 constexpr unsigned MOST_KEYS = 2000;  // of all calls of a sequence together
@@ -101,23 +93,23 @@ long KeyOfShare(long key, unsigned share, unsigned shares) {
 
 std::ostream& operator<<(std::ostream& out, const Call& call) {
   const Call plain;
-  out << NameOf(call.function) << "(table " << TABLE_IDS[call.table] << ", key " << KeyOf(call.family, call.index)
-      << " = " << FAMILY_NAMES[static_cast<unsigned>(call.family)] << "[" << call.index << "]";
+  out << NameOf(call.function) << "(table " << TABLE_IDS[call.table] << ", key " << KeyOf(call.family, call.index);
   const auto field = [&out](const char* name, auto value, auto usual) {
     if (value != usual) {
-      out << ", " << name << " " << value;
+      out << ", " << name << " " << static_cast<unsigned long long>(value);
     }
   };
+  field("index", call.index, plain.index);
   field("count", call.count, plain.count);
-  field("source", SOURCE_NAMES[static_cast<unsigned>(call.source)], SOURCE_NAMES[0]);
+  field("source", call.source, plain.source);
   field("tooLong", call.tooLong, plain.tooLong);
   field("number", call.number, plain.number);
   field("kind", call.kind, plain.kind);
   field("valueLen", call.valueLen, plain.valueLen);
   field("wide", call.wide, plain.wide);
   field("cursor", call.cursor, plain.cursor);
-  field("bytes", static_cast<unsigned>(call.bytes), 0U);
-  field("writes", call.writes, false);
+  field("bytes", call.bytes, plain.bytes);
+  field("writes", call.writes, plain.writes);
   return out << ")";
 }
 
@@ -166,10 +158,6 @@ Profile Begin(const unsigned char* head, Sequence& sequence) {
   };
   if ((options & 8U) != 0) {
     add(Function::SET_FILTER_FREQ, head[8] >> 6, 1);  // single occurrences soon admit
-  }
-  call.kind = 1;
-  if ((options & 16U) != 0) {
-    add(Function::INIT_PARTITION_MAP, 2, 1);
   }
   call.writes = true;
   if ((options & 96U) == 96) {
@@ -244,18 +232,6 @@ Call DecodeCall(const Profile& profile, const unsigned char* bytes) {
       call.count = call.function == Function::WALK ? 1 : 1 + call.count % 4;
       call.number = Pick(CAPACITIES, bytes[7]);
       call.kind = Pick(MODES, bytes[8]);
-      break;
-    case Function::INIT_PARTITION_MAP:
-      // Mostly maps that differ in their order alone.
-      call.count = 1;
-      call.number = bytes[7] < 192 ? 2 : bytes[7] % 4U;
-      call.kind = bytes[8] < 192 ? 1 : bytes[8] % 4U;
-      call.bytes = bytes[9] % 2;
-      break;
-    case Function::QUERY_PS_ID:
-    case Function::BATCH_PS_IDS:
-      call.count = 1 + call.count % 3;
-      call.number = bytes[7] % 6U;
       break;
     default:
       call.number = call.function == Function::SET_FILTER_FREQ ? Pick(FREQUENCIES, bytes[7]) : call.number;

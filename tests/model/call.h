@@ -27,10 +27,6 @@ enum class Function : unsigned char {
   BATCH_GATHER,
   BATCH_LOOKUP_OR_INSERT,
   BATCH_INSERT_OR_UPDATE,
-  INIT_PARTITION_MAP,
-  UNINIT_PARTITION_MAP,
-  QUERY_PS_ID,
-  BATCH_PS_IDS,
   // Steps of the caller itself.
   WALK,         // a whole export, from its first batch to its last
   SPOIL_CURSOR  // forgets a cursor, or puts an address in its place that is none
@@ -65,7 +61,6 @@ enum class KeyFamily : unsigned char {
   EXTREME,
   NEGATIVE
 };
-inline constexpr unsigned FAMILY_COUNT = static_cast<unsigned>(KeyFamily::NEGATIVE) + 1;
 
 long KeyOf(KeyFamily family, unsigned index);
 
@@ -89,10 +84,10 @@ struct Call {
                        // a batch
   Source source = Source::BUFFER;
   unsigned tooLong = 0;         // what is said of a value's length is so much more than is right, or, wrapped, less
-  unsigned number = 0;          // size, filterCount, freq, eleNum, psNum, or num
-  unsigned kind = 0;            // table type, state, export mode, partitionNum, admittedOnly, or kind of batch
+  unsigned number = 0;          // size, filterCount, freq, eleNum, or num
+  unsigned kind = 0;            // table type, state, export mode, admittedOnly, or kind of batch
   unsigned valueLen = 8;        // of a new table
-  unsigned long long wide = 0;  // index of prepared memory, or key of the partition map
+  unsigned long long wide = 0;  // index of prepared memory
   unsigned cursor = 0;
   unsigned char bytes = 0;  // from which the value is made; odd for a table that grows gradually
   bool writes = false;      // after a success, the caller writes the value in place

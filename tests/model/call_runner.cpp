@@ -41,7 +41,6 @@ CallRunner::~CallRunner() {
   for (const unsigned id : m_ids) {
     static_cast<void>(KavoUninitHashTable(id));
   }
-  static_cast<void>(::UninitPartitionMap());
   static_cast<void>(KavoSetLogSink(nullptr));
 }
 
@@ -51,10 +50,33 @@ long CallRunner::KeyFor(const Call& call, unsigned offset) const {
 }
 
 void CallRunner::Run(const Call& call) {
+  using Self = CallRunner;
+  // In the order of Function.
+  static constexpr std::array METHODS{&Self::Lookup,
+                                      &Self::Lookup,
+                                      &Self::Write,
+                                      &Self::Write,
+                                      &Self::Write,
+                                      &Self::LookupOrInsert,
+                                      &Self::InitTable,
+                                      &Self::UninitTable,
+                                      &Self::SetFilterFreq,
+                                      &Self::PrepareMem,
+                                      &Self::GetMem,
+                                      &Self::SizeAndLength,
+                                      &Self::BatchGetNext,
+                                      &Self::BatchLookup,
+                                      &Self::BatchGather,
+                                      &Self::BatchLookupOrInsert,
+                                      &Self::BatchInsertOrUpdate,
+                                      &Self::Walk,
+                                      &Self::SpoilCursor};
   const unsigned times = IsBatch(call.function) ? 1 : call.count;
   for (unsigned repetition = 0; repetition < times; ++repetition) {
+    const unsigned id = m_ids[call.table];
     try {
-      RunOnce(call, repetition);
+      (this->*METHODS[static_cast<std::size_t>(call.function)])(
+          Step{call, id, KeyFor(call, repetition), repetition, m_model.Table(id)});
     } catch (const Mismatch& mismatch) {
       std::ostringstream message;
       message << call << ", repetition " << repetition << ": " << mismatch.what();
@@ -63,79 +85,39 @@ void CallRunner::Run(const Call& call) {
   }
 }
 
-void CallRunner::RunOnce(const Call& call, unsigned repetition) {
-  const unsigned id = m_ids[call.table];
-  const long key = KeyFor(call, repetition);
-  switch (call.function) {
-    case Function::INIT_TABLE:
-      return InitTable(call, id);
-    case Function::UNINIT_TABLE:
-      return Compare(call.function, m_model.UninitHashTable(id), [id] { return KavoUninitHashTable(id); });
-    case Function::LOOKUP:
-    case Function::LOOKUP_FOR_UPDATE:
-      return Lookup(call, id, key);
-    case Function::UPDATE:
-    case Function::INSERT:
-    case Function::INSERT_OR_UPDATE:
-      return Write(call, id, key, repetition);
-    case Function::LOOKUP_OR_INSERT:
-      return LookupOrInsert(call, id, key);
-    case Function::SET_FILTER_FREQ:
-      return Compare(call.function, m_model.SetFilterFreq(id, call.number),
-                     [id, &call] { return KavoSetFilterFreq(id, call.number); });
-    case Function::PREPARE_MEM:
-      return PrepareMem(call, id);
-    case Function::GET_MEM:
-      return GetMem(call, id, call.wide + repetition);
-    case Function::SIZE_AND_LENGTH:
-      return SizeAndLength(call, id);
-    case Function::BATCH_GET_NEXT:
-      return BatchGetNext(id, call.number, call.kind, m_cursors[call.cursor]);
-    case Function::BATCH_LOOKUP:
-      return BatchLookup(call, id);
-    case Function::BATCH_GATHER:
-      return BatchGather(call, id);
-    case Function::BATCH_LOOKUP_OR_INSERT:
-      return BatchLookupOrInsert(call, id);
-    case Function::BATCH_INSERT_OR_UPDATE:
-      return BatchInsertOrUpdate(call, id);
-    case Function::INIT_PARTITION_MAP:
-      return InitPartitionMap(call);
-    case Function::UNINIT_PARTITION_MAP:
-      return Compare(call.function, m_model.UninitPartitionMap(), [] { return ::UninitPartitionMap(); });
-    case Function::QUERY_PS_ID:
-      return QueryPsId(call, call.wide + repetition);
-    case Function::BATCH_PS_IDS:
-      return BatchPsIds(call);
-    case Function::WALK:
-      return Walk(id, call.number, call.kind);
-    default:
-      return SpoilCursor(call);
-  }
-}
-
-void CallRunner::InitTable(const Call& call, unsigned id) {
-  Compare(call.function, m_model.InitHashTable(id, call.number, call.valueLen, call.kind), [&] {
-    const int ret = KavoInitHashTable(id, call.number, call.valueLen, call.kind);
-    if (ret == KAVO_SUCCESS && call.bytes % 2 == 1) {
-      KavoSetRehashMode(id, KAVO_REHASH_GRADUAL);  // how it grows changes no answer
+void CallRunner::InitTable(const Step& step) {
+  Compare(step.function, m_model.InitHashTable(step.id, step.number, step.valueLen, step.kind), [&] {
+    const int ret = KavoInitHashTable(step.id, step.number, step.valueLen, step.kind);
+    if (ret == KAVO_SUCCESS && step.bytes % 2 == 1) {
+      KavoSetRehashMode(step.id, KAVO_REHASH_GRADUAL);  // how it grows changes no answer
     }
     return ret;
   });
 }
 
+void CallRunner::UninitTable(const Step& step) {
+  Compare(step.function, m_model.UninitHashTable(step.id), [&] { return KavoUninitHashTable(step.id); });
+}
+
+void CallRunner::SetFilterFreq(const Step& step) {
+  Compare(step.function, m_model.SetFilterFreq(step.id, step.number),
+          [&] { return KavoSetFilterFreq(step.id, step.number); });
+}
+
 void CallRunner::VerifyTable(unsigned id, ModelTable& table) {
-  Call call;
-  for (call.function = Function::LOOKUP; auto& [key, entry] : table.entries) {
-    Lookup(call, id, key);
+  Step step{{}, id, 0, 0, &table};
+  for (auto& [key, entry] : table.entries) {
+    step.key = key;
+    Lookup(step);
   }
-  for (call.kind = 0; call.kind < 2; ++call.kind) {
-    SizeAndLength(call, id);
+  for (step.kind = 0; step.kind < 2; ++step.kind) {
+    SizeAndLength(step);
   }
-  const unsigned half = static_cast<unsigned>(table.entries.size() / 2) + 2;
+  step.number = static_cast<unsigned>(table.entries.size() / 2) + 2;
   // The last two: everything that was due has been marked.
   for (const unsigned mode : {0U, 1U, 3U, 7U, 2U, 3U, 1U}) {
-    Walk(id, half, mode);
+    step.kind = mode;
+    Walk(step);
   }
 }
 
@@ -148,10 +130,7 @@ void CallRunner::Finish() {
     } catch (const Mismatch& mismatch) {
       throw Mismatch("at the end, table " + std::to_string(tableId) + ": " + mismatch.what());
     }
-    Compare(Function::UNINIT_TABLE, m_model.UninitHashTable(tableId), [=] { return KavoUninitHashTable(tableId); });
-  }
-  if (m_model.HasPartitionMap()) {
-    Compare(Function::UNINIT_PARTITION_MAP, m_model.UninitPartitionMap(), [] { return ::UninitPartitionMap(); });
+    UninitTable({{.function = Function::UNINIT_TABLE}, tableId});
   }
 }
 

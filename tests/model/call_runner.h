@@ -2,9 +2,9 @@
 // outputs that must be left alone, value bytes and their addresses, exported entries, and whether lines were logged.
 // Throws Mismatch at the first difference.
 //
-// A runner either has the library to itself (one at a time in a process: the partition map and the log sink are
-// shared), or is one of several at once, each on a thread of its own, that have adopted a table. Each then has keys of
-// its own, so that it knows every answer, and makes only such calls as concern keys.
+// A runner either has the library to itself (one at a time in a process: the log sink is shared), or is one of several
+// at once, each on a thread of its own, that have adopted a table. Each then has keys of its own, so that it knows
+// every answer, and makes only such calls as concern keys.
 #pragma once
 
 #include <array>
@@ -52,6 +52,16 @@ class CallRunner {
   ReferenceModel& Model() { return m_model; }
 
  private:
+  // A call that is made: for the so-many-th time, on a table that there may be.
+  struct Step : Call {
+    unsigned id = 0;
+    long key = 0;
+    unsigned repetition = 0;
+    ModelTable* model = nullptr;  // of the table
+
+    unsigned RightLen() const { return model == nullptr ? 8 : model->valueLen; }
+  };
+
   // `make` makes the call. Failures are logged, successes are not.
   template <class Make>
   void Compare(Function function, int wanted, Make make) {
@@ -63,35 +73,35 @@ class CallRunner {
     Expect(status != KAVO_SUCCESS || lines == 0, "the call succeeded and logged ", lines, " lines");
     ++(status == KAVO_SUCCESS ? m_statistics.succeeded : m_statistics.failed)[static_cast<unsigned>(function)];
   }
+  template <class Make>
+  void CompareBatch(const Step& step, bool isRefused, Make make);
 
   long KeyFor(const Call& call, unsigned offset) const;
   std::vector<long> KeysFor(const Call& call) const;
-  void RunOnce(const Call& call, unsigned repetition);
-  void InitTable(const Call& call, unsigned id);
-  void Lookup(const Call& call, unsigned id, long key);
-  void LookupOrInsert(const Call& call, unsigned id, long key);
-  void Write(const Call& call, unsigned id, long key, unsigned repetition);
-  void PrepareMem(const Call& call, unsigned id);
-  void GetMem(const Call& call, unsigned id, unsigned long long index);
-  void SizeAndLength(const Call& call, unsigned id);
-  void Walk(unsigned id, unsigned eleNum, unsigned mode);
-  bool IsRefused(unsigned id, const std::vector<long>& keys);
-  template <class Make>
-  void CompareBatch(const Call& call, bool isRefused, Make make);
-  void BatchLookup(const Call& call, unsigned id);
-  void BatchGather(const Call& call, unsigned id);
-  void BatchLookupOrInsert(const Call& call, unsigned id);
-  void BatchInsertOrUpdate(const Call& call, unsigned id);
-  void BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, void*& cursor);
-  void SpoilCursor(const Call& call);
-  void InitPartitionMap(const Call& call);
-  void QueryPsId(const Call& call, unsigned long long key);
-  void BatchPsIds(const Call& call);
-
-  const unsigned char* SourceOf(const Call& call, unsigned id, long key, unsigned repetition, const Bytes& buffer);
-  void CheckAnswer(const Call& call, unsigned id, long key, ModelEntry* entry, unsigned char* value, unsigned length);
-  void CheckValue(ModelTable& table, long key, ModelEntry& entry, unsigned char* given);
+  static bool IsRefused(const Step& step, const std::vector<long>& keys);
+  const unsigned char* SourceOf(const Step& step, const Bytes& buffer) const;
+  static void CheckAnswer(const Step& step, ModelEntry* entry, unsigned char* value, unsigned length);
+  static void CheckValue(ModelTable& table, long key, ModelEntry& entry, unsigned char* given);
+  void ExportBatch(const Step& step, void*& cursor);
   void VerifyTable(unsigned id, ModelTable& table);
+
+  // One for each kind of call.
+  void Lookup(const Step& step);
+  void Write(const Step& step);
+  void LookupOrInsert(const Step& step);
+  void InitTable(const Step& step);
+  void UninitTable(const Step& step);
+  void SetFilterFreq(const Step& step);
+  void PrepareMem(const Step& step);
+  void GetMem(const Step& step);
+  void SizeAndLength(const Step& step);
+  void BatchGetNext(const Step& step);
+  void BatchLookup(const Step& step);
+  void BatchGather(const Step& step);
+  void BatchLookupOrInsert(const Step& step);
+  void BatchInsertOrUpdate(const Step& step);
+  void Walk(const Step& step);
+  void SpoilCursor(const Step& step);
 
   ReferenceModel m_model;
   CallStatistics m_statistics;

@@ -24,32 +24,32 @@ std::vector<long> CallRunner::KeysFor(const Call& call) const {
   return keys;
 }
 
-bool CallRunner::IsRefused(unsigned id, const std::vector<long>& keys) {
-  return m_model.Table(id) == nullptr || std::any_of(keys.begin(), keys.end(), [](long key) { return key < 0; });
+bool CallRunner::IsRefused(const Step& step, const std::vector<long>& keys) {
+  return step.model == nullptr || std::any_of(keys.begin(), keys.end(), [](long key) { return key < 0; });
 }
 
 // `make` makes the call. No key of it may have a line of its own.
 template <class Make>
-void CallRunner::CompareBatch(const Call& call, bool isRefused, Make make) {
+void CallRunner::CompareBatch(const Step& step, bool isRefused, Make make) {
   const unsigned long mapMisses = CountedLines().mapMisses;
-  Compare(call.function, isRefused ? KAVO_INVALID : KAVO_SUCCESS, make);
+  Compare(step.function, isRefused ? KAVO_INVALID : KAVO_SUCCESS, make);
   ExpectEqual(CountedLines().mapMisses, mapMisses, "map misses logged");
 }
 
-void CallRunner::BatchLookup(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysFor(call);
-  const bool refused = IsRefused(id, keys);
+void CallRunner::BatchLookup(const Step& step) {
+  const std::vector<long> keys = KeysFor(step);
+  const bool refused = IsRefused(step, keys);
   std::vector<unsigned char*> values(keys.size() + 1, &g_noValue);  // one more, not to be written
   unsigned long long found = NO_COUNT;
-  CompareBatch(call, refused, [&] { return KavoBatchLookup(id, keys.data(), keys.size(), values.data(), &found); });
+  CompareBatch(step, refused,
+               [&] { return KavoBatchLookup(step.id, keys.data(), keys.size(), values.data(), &found); });
   unsigned long long wanted = 0;
   for (std::size_t i = 0; i < keys.size() && !refused; ++i) {
-    ModelTable& table = *m_model.Table(id);
-    ModelEntry* const entry = table.Find(keys[i]);
+    ModelEntry* const entry = step.model->Find(keys[i]);
     if (entry == nullptr) {
       Expect(values[i] == nullptr, "absent key ", keys[i], " has an address");
     } else {
-      CheckValue(table, keys[i], *entry, values[i]);
+      CheckValue(*step.model, keys[i], *entry, values[i]);
       wanted += entry->admitted ? 1 : 0;
     }
   }
@@ -57,72 +57,67 @@ void CallRunner::BatchLookup(const Call& call, unsigned id) {
   Expect(values[refused ? 0 : keys.size()] == &g_noValue, "an address was written that should not be");
 }
 
-void CallRunner::BatchGather(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysFor(call);
-  ModelTable* const table = m_model.Table(id);
-  const unsigned right = table == nullptr ? 8 : table->valueLen;
-  const unsigned length = right + call.tooLong;
-  const bool refused = IsRefused(id, keys) || length != right;
-  const Bytes absent = call.writes ? ValueFor(call.bytes, 0, right) : Bytes(right);
+void CallRunner::BatchGather(const Step& step) {
+  const std::vector<long> keys = KeysFor(step);
+  const unsigned right = step.RightLen();
+  const bool refused = IsRefused(step, keys) || step.tooLong != 0;
+  const Bytes absent = step.writes ? ValueFor(step.bytes, 0, right) : Bytes(right);
   Bytes rows(keys.size() * right, 0xA5);
   Bytes wanted = rows;
   for (std::size_t i = 0; i < keys.size() && !refused; ++i) {
-    const ModelEntry* const entry = table->Find(keys[i]);
+    const ModelEntry* const entry = step.model->Find(keys[i]);
     const Bytes& row = entry == nullptr || !entry->admitted ? absent : entry->bytes;
     std::copy(row.begin(), row.end(), &wanted[i * right]);
   }
   rows.reserve(1);  // as in KeysFor
-  CompareBatch(call, refused, [&] {
-    return KavoBatchGather(id, keys.data(), keys.size(), rows.data(), length, call.writes ? absent.data() : nullptr);
+  CompareBatch(step, refused, [&] {
+    return KavoBatchGather(step.id, keys.data(), keys.size(), rows.data(), right + step.tooLong,
+                           step.writes ? absent.data() : nullptr);
   });
   Expect(rows == wanted, "wrong rows");
 }
 
-void CallRunner::BatchLookupOrInsert(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysFor(call);
-  const bool refused = IsRefused(id, keys);
+void CallRunner::BatchLookupOrInsert(const Step& step) {
+  const std::vector<long> keys = KeysFor(step);
+  const std::size_t served = IsRefused(step, keys) ? 0 : keys.size();
   std::vector<unsigned char*> values(keys.size() + 1, &g_noValue);
   std::vector<unsigned> isFind(keys.size() + 1, NO_NUMBER);
   unsigned long long done = NO_COUNT;
-  CompareBatch(call, refused, [&] {
-    return KavoBatchLookupOrInsert(id, keys.data(), keys.size(), values.data(), isFind.data(), call.number, &done);
+  CompareBatch(step, IsRefused(step, keys), [&] {
+    return KavoBatchLookupOrInsert(step.id, keys.data(), keys.size(), values.data(), isFind.data(), step.number, &done);
   });
-  ExpectEqual(done, refused ? 0 : keys.size(), "done");
-  for (std::size_t i = 0; i < keys.size() && !refused; ++i) {
-    const auto answer = m_model.LookupOrInsert(id, keys[i], call.number);
+  ExpectEqual(done, served, "done");
+  for (std::size_t i = 0; i < served; ++i) {
+    const auto answer = m_model.LookupOrInsert(step.id, keys[i], step.number);
     ExpectEqual(isFind[i], answer.isFind, "isFind");
-    CheckValue(*m_model.Table(id), keys[i], *answer.entry, values[i]);
+    CheckValue(*step.model, keys[i], *answer.entry, values[i]);
   }
-  for (std::size_t i = 0; i < keys.size() && !refused && call.writes; ++i) {
+  for (std::size_t i = 0; i < served && step.writes; ++i) {
     if (values[i] != nullptr) {
-      ModelTable& table = *m_model.Table(id);
-      Bytes& bytes = table.Find(keys[i])->bytes;
-      bytes = ValueFor(call.bytes, keys[i], table.valueLen);
+      Bytes& bytes = step.model->Find(keys[i])->bytes;
+      bytes = ValueFor(step.bytes, keys[i], step.model->valueLen);
       std::copy(bytes.begin(), bytes.end(), values[i]);
     }
   }
-  const std::size_t behind = refused ? 0 : keys.size();
-  Expect(values[behind] == &g_noValue && isFind[behind] == NO_NUMBER, "outputs were written that should not be");
+  Expect(values[served] == &g_noValue && isFind[served] == NO_NUMBER, "outputs were written that should not be");
 }
 
-void CallRunner::BatchInsertOrUpdate(const Call& call, unsigned id) {
-  const std::vector<long> keys = KeysFor(call);
-  const ModelTable* const table = m_model.Table(id);
-  const unsigned right = table == nullptr ? 8 : table->valueLen;
-  const unsigned length = right + call.tooLong;
-  const bool refused = IsRefused(id, keys) || length != right;
+void CallRunner::BatchInsertOrUpdate(const Step& step) {
+  const std::vector<long> keys = KeysFor(step);
+  const bool refused = IsRefused(step, keys) || step.tooLong != 0;
   Bytes rows;
   rows.reserve(1);  // as in KeysFor
   for (std::size_t i = 0; i < keys.size(); ++i) {
-    const Bytes row = ValueFor(static_cast<unsigned char>(call.bytes + i), keys[i], right);
+    const Bytes row = ValueFor(static_cast<unsigned char>(step.bytes + i), keys[i], step.RightLen());
     rows.insert(rows.end(), row.begin(), row.end());
     if (!refused) {
-      static_cast<void>(m_model.InsertOrUpdate(id, keys[i], row.data(), right, call.number));
+      static_cast<void>(m_model.InsertOrUpdate(step.id, keys[i], row.data(), step.RightLen(), step.number));
     }
   }
   unsigned long long done = NO_COUNT;
-  CompareBatch(call, refused, [&] {
-    return KavoBatchInsertOrUpdate(id, keys.data(), keys.size(), rows.data(), length, call.number, &done);
+  CompareBatch(step, refused, [&] {
+    return KavoBatchInsertOrUpdate(step.id, keys.data(), keys.size(), rows.data(), step.RightLen() + step.tooLong,
+                                   step.number, &done);
   });
   ExpectEqual(done, refused ? 0 : keys.size(), "done");
 }

@@ -1,26 +1,31 @@
-// The runner's calls for exports and the partition map.
+// The runner's calls for exports.
 #include <algorithm>
 #include <cstring>
-#include <numeric>
 #include <utility>
 
 #include "model/call_runner.h"
 
 namespace KavoTest {
 
-void CallRunner::SizeAndLength(const Call& call, unsigned id) {
-  const bool admittedOnly = call.kind % 2 != 0;
+void CallRunner::SizeAndLength(const Step& step) {
+  const bool admittedOnly = step.kind % 2 != 0;
   unsigned long long wanted = NO_COUNT;
-  const int status = m_model.GetHtSizeAndVl(id, admittedOnly, wanted);
+  const int status = m_model.GetHtSizeAndVl(step.id, admittedOnly, wanted);
   unsigned long long size = NO_COUNT;
   unsigned length = NO_NUMBER;
-  Compare(Function::SIZE_AND_LENGTH, status, [&] { return KavoGetHtSizeAndVl(id, &size, &length, admittedOnly); });
+  Compare(Function::SIZE_AND_LENGTH, status, [&] { return KavoGetHtSizeAndVl(step.id, &size, &length, admittedOnly); });
   ExpectEqual(size, wanted, "size");
-  ExpectEqual(length, status == KAVO_SUCCESS ? m_model.Table(id)->valueLen : NO_NUMBER, "length");
+  ExpectEqual(length, status == KAVO_SUCCESS ? step.model->valueLen : NO_NUMBER, "length");
 }
 
-void CallRunner::BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, void*& cursor) {
-  ModelTable* const table = m_model.Table(id);
+void CallRunner::BatchGetNext(const Step& step) {
+  ExportBatch(step, m_cursors[step.cursor]);
+}
+
+void CallRunner::ExportBatch(const Step& step, void*& cursor) {
+  ModelTable* const table = step.model;
+  const unsigned eleNum = step.number;
+  const unsigned mode = step.kind;
   // Room for what may come, and then for what must not.
   const std::size_t room = std::min<std::size_t>(eleNum, table == nullptr ? 0 : table->entries.size() + 1) + 1;
   KavoHtBatchElement untouched;
@@ -30,8 +35,8 @@ void CallRunner::BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, void*
   KavoHtBatchInfo batch{elements.data(), eleNum, mode, NO_NUMBER};
   unsigned realNum = NO_NUMBER;
   void* const before = cursor;
-  const int status = eleNum == 0 ? KAVO_SUCCESS : m_model.BatchGetNext(id, cursor);
-  Compare(Function::BATCH_GET_NEXT, status, [&] { return KavoBatchGetNext(id, &batch, &realNum, &cursor); });
+  const int status = eleNum == 0 ? KAVO_SUCCESS : m_model.BatchGetNext(step.id, cursor);
+  Compare(Function::BATCH_GET_NEXT, status, [&] { return KavoBatchGetNext(step.id, &batch, &realNum, &cursor); });
   ExpectEqual(batch.eleNum, eleNum, "eleNum");
   ExpectEqual(batch.exportMode, mode, "exportMode");
   if (status != KAVO_SUCCESS || eleNum == 0) {
@@ -60,68 +65,20 @@ void CallRunner::BatchGetNext(unsigned id, unsigned eleNum, unsigned mode, void*
   }
 }
 
-void CallRunner::Walk(unsigned id, unsigned eleNum, unsigned mode) {
-  ModelTable* const table = m_model.Table(id);
+void CallRunner::Walk(const Step& step) {
   // Each batch but the last brings at least one entry that was not reported before.
-  const std::size_t most = table == nullptr ? 1 : table->entries.size() + 2;
+  const std::size_t most = step.model == nullptr ? 1 : step.model->entries.size() + 2;
   void* cursor = nullptr;
   std::size_t batches = 0;
   do {
     Expect(++batches <= most, "the iteration does not end");
-    BatchGetNext(id, eleNum, mode, cursor);
+    ExportBatch(step, cursor);
   } while (cursor != nullptr);
 }
 
-void CallRunner::SpoilCursor(const Call& call) {
-  void*& cursor = m_cursors[call.cursor];
-  switch (call.kind % 4) {
-    case 0:
-      cursor = nullptr;
-      break;
-    case 1:
-      cursor = &g_noValue;
-      break;
-    case 2:
-      cursor = m_endedCursor;
-      break;
-    default:
-      cursor = m_cursors[(call.cursor + 1) % CURSOR_COUNT];
-  }
-}
-
-void CallRunner::InitPartitionMap(const Call& call) {
-  std::vector<unsigned> psIds;
-  for (unsigned i = 0; i < call.number; ++i) {
-    psIds.push_back((call.bytes + i) % call.number);
-  }
-  psIds.reserve(1);  // an empty list is not null
-  Compare(call.function, m_model.InitPartitionMap(call.kind, psIds),
-          [&] { return ::InitPartitionMap(call.kind, call.number, psIds.data()); });
-}
-
-void CallRunner::QueryPsId(const Call& call, unsigned long long key) {
-  unsigned wanted = NO_NUMBER;
-  const int status = m_model.QueryPartitionMapPsId(key, wanted);
-  unsigned psId = NO_NUMBER;
-  Compare(call.function, status, [&] { return QueryPartitionMapPsId(key, &psId); });
-  ExpectEqual(psId, wanted, "psId");
-}
-
-void CallRunner::BatchPsIds(const Call& call) {
-  std::vector<unsigned long long> keys(call.number);
-  std::iota(keys.begin(), keys.end(), call.wide);
-  std::vector<unsigned> wanted(call.number, NO_NUMBER);
-  int status = KAVO_INVALID;
-  for (unsigned i = 0; i < call.number; ++i) {
-    status = m_model.QueryPartitionMapPsId(keys[i], wanted[i]);
-  }
-  std::vector<unsigned> psIds(call.number, NO_NUMBER);
-  keys.reserve(1);  // an empty array is not null
-  psIds.reserve(1);
-  unsigned* out = psIds.data();
-  Compare(call.function, status, [&] { return GetBatchPsIds(keys.data(), &out, call.number); });
-  Expect(out == psIds.data(), "the pointer to the array has changed");
-  Expect(psIds == wanted, "wrong psIds");
+void CallRunner::SpoilCursor(const Step& step) {
+  void* const strange[]{nullptr, &g_noValue, m_endedCursor, m_cursors[(step.cursor + 1) % CURSOR_COUNT]};
+  m_cursors[step.cursor] = strange[step.kind % 4];
 }
 
 }  // namespace KavoTest

@@ -1,5 +1,5 @@
-// Random sequences of all exported functions, on one thread, against the reference model. A failing sequence is made as
-// short and simple as possible before it is printed; the printed seed repeats a run.
+// Random sequences of all functions of tables, on one thread, against the reference model. A failing sequence is made
+// as short and simple as possible before it is printed; the printed seed repeats a run.
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
