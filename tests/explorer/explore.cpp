@@ -217,34 +217,24 @@ std::string StepsText(const std::vector<Step>& steps, const ScenarioRun& run) {
 
 class Exploration {
  public:
-  explicit Exploration(const std::function<std::unique_ptr<ScenarioRun>()>& make)
-      : m_make(make), m_scheduler(std::make_unique<Scheduler>()) {}
-  ~Exploration() {
-    if (m_scheduler->IsStuck()) {
-      static_cast<void>(m_scheduler.release());  // its threads still use it
-    }
-  }
-  Exploration(const Exploration&) = delete;
-  Exploration& operator=(const Exploration&) = delete;
+  explicit Exploration(const std::function<std::unique_ptr<ScenarioRun>()>& make) : m_make(make) {}
 
-  // False when the run breaks a promise.
+  // False when the run breaks a promise. One whose threads cannot go on ends the process: they use all that is here.
   bool Run(Chooser& chooser) {
-    std::unique_ptr<ScenarioRun> run = m_make();
-    std::string failure = m_scheduler->Run(run->threads, chooser);
+    const std::unique_ptr<ScenarioRun> run = m_make();
+    std::string failure = m_scheduler.Run(run->threads, chooser);
     if (failure.empty()) {
       failure = run->Check();
     }
-    if (failure.empty()) {
-      return true;
+    if (!failure.empty()) {
+      report.failure = failure + "\nschedule, for KAVO_EXPLORE_REPLAY: \"" + ScheduleText(m_scheduler.Choices()) +
+                       "\"\n" + StepsText(m_scheduler.Steps(), *run);
     }
-    std::ostringstream text;
-    text << failure << "\nschedule, for KAVO_EXPLORE_REPLAY: \"" << ScheduleText(m_scheduler->Choices()) << "\"\n"
-         << StepsText(m_scheduler->Steps(), *run);
-    report.failure = text.str();
-    if (m_scheduler->IsStuck()) {
-      static_cast<void>(run.release());
+    if (m_scheduler.IsStuck()) {
+      std::fputs(report.failure.c_str(), stderr);
+      std::_Exit(1);
     }
-    return false;
+    return failure.empty();
   }
 
   // Bound by bound, as far as the budget reaches. Counts each order once.
@@ -258,7 +248,7 @@ class Exploration {
           return;
         }
         report.schedules += search.IsNew() ? 1 : 0;
-      } while (search.Advance(m_scheduler->Steps()));
+      } while (search.Advance(m_scheduler.Steps()));
       ++report.complete;
     } while (report.schedules > before);
     report.exhausted = true;
@@ -267,7 +257,7 @@ class Exploration {
   void RunRandom(unsigned long seed, unsigned long long budget) {
     RandomSearch search(seed);
     for (; report.schedules < budget; ++report.schedules) {
-      search.Begin(m_scheduler->Choices().size());
+      search.Begin(m_scheduler.Choices().size());
       if (!Run(search)) {
         return;
       }
@@ -278,7 +268,7 @@ class Exploration {
 
  private:
   const std::function<std::unique_ptr<ScenarioRun>()>& m_make;
-  std::unique_ptr<Scheduler> m_scheduler;
+  Scheduler m_scheduler;
 };
 
 }  // namespace

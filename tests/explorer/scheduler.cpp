@@ -129,11 +129,7 @@ void PassTestPoint(const char* point) {
 
 }  // namespace
 
-Scheduler::Scheduler() : m_places(PLACE_COUNT) {
-  m_steps.reserve(MAX_STEPS);
-  m_choices.reserve(MAX_STEPS);
-}
-
+Scheduler::Scheduler() = default;
 Scheduler::~Scheduler() = default;
 
 bool Scheduler::IsStuck() const noexcept {
@@ -156,7 +152,7 @@ std::string Scheduler::Run(const std::vector<std::function<void()>>& bodies, Cho
   m_failure.clear();
   m_steps.clear();
   m_choices.clear();
-  ++m_run;
+  m_readAt.clear();
   m_over.store(false);
   PassBaton(nullptr);
   m_over.wait(false);
@@ -215,19 +211,6 @@ void Scheduler::Stop(std::string failure) {
   m_over.notify_one();
 }
 
-Scheduler::Place& Scheduler::PlaceOf(const void* where) {
-  std::size_t slot = (reinterpret_cast<std::uintptr_t>(where) * 0x9E3779B97F4A7C15ULL) >> 52;
-  for (;; slot = (slot + 1) % PLACE_COUNT) {
-    Place& place = m_places[slot];
-    if (place.run != m_run) {
-      place = Place{where, m_run, {}};
-    }
-    if (place.where == where) {
-      return place;
-    }
-  }
-}
-
 // What the step means to the others.
 void Scheduler::Note(Worker& self, std::uint64_t before, std::uint64_t after) {
   m_steps.push_back({self.index, self.op, self.where, before, after, self.point});
@@ -237,15 +220,15 @@ void Scheduler::Note(Worker& self, std::uint64_t before, std::uint64_t after) {
     self.changeSeen = false;
     return;
   }
-  Place& place = PlaceOf(self.where);
-  place.readAt[self.index] = now;
+  auto& readAt = m_readAt[self.where];
+  readAt[self.index] = now;
   const bool changed = before != after;
   for (unsigned i = 0; i < m_threadCount; ++i) {
     Worker& other = *m_workers[i];
     if (&other == &self) {
       continue;
     }
-    other.changeSeen = other.changeSeen || (changed && place.readAt[i] > other.pausedAt);
+    other.changeSeen = other.changeSeen || (changed && readAt[i] > other.pausedAt);
     if (other.asleep && other.where == self.where && (changed || MayWrite(other.op))) {
       other.asleep = false;
     }

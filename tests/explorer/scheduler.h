@@ -21,11 +21,13 @@
 // a scenario, and differs from run to run.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace KavoExplorer {
@@ -77,8 +79,7 @@ class Scheduler {
   // Runs the bodies, each on a thread of its own, to their end. Empty, or what went wrong.
   std::string Run(const std::vector<std::function<void()>>& bodies, Chooser& chooser);
 
-  // Threads of the last run could not end. They stay where they are for ever, and all that they use must stay too, this
-  // object included.
+  // Threads of the last run could not end. They stay where they are for ever, and use what they use.
   bool IsStuck() const noexcept;
 
   // Of the last run: its steps, and who was chosen for each. (A run that failed may lack the last steps.)
@@ -90,19 +91,11 @@ class Scheduler {
   friend bool BeginStep(Op op, const void* where, const LockState* lock) noexcept;
   friend void EndStep(std::uint64_t before, std::uint64_t after) noexcept;
 
-  // Which threads have read a place, and when.
-  struct Place {
-    const void* where = nullptr;
-    unsigned long long run = 0;
-    std::uint32_t readAt[MAX_THREADS] = {};
-  };
-  static constexpr std::size_t PLACE_COUNT = 1 << 12;
   static constexpr std::size_t MAX_STEPS = 20'000;
 
   void PassBaton(Worker* self);
   void Stop(std::string failure);
   Worker& TheWorker(unsigned index);
-  Place& PlaceOf(const void* where);
   void Note(Worker& self, std::uint64_t before, std::uint64_t after);
 
   std::vector<std::unique_ptr<Worker>> m_workers;
@@ -111,8 +104,7 @@ class Scheduler {
   std::string m_failure;
   std::vector<Step> m_steps;
   std::vector<std::uint8_t> m_choices;
-  std::vector<Place> m_places;
-  unsigned long long m_run = 0;
+  std::unordered_map<const void*, std::array<std::uint32_t, MAX_THREADS>> m_readAt;  // when which thread read a place
   std::atomic<bool> m_over{false};
 };
 

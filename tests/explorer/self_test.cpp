@@ -55,7 +55,7 @@ class TwoLocks final : public ScenarioRun {
 };
 
 TEST(Explorer, FindsADeadlock) {
-  EXPECT_NE(std::string::npos, Explore([] { return std::make_unique<TwoLocks>(true); }).failure.find("deadlock"));
+  EXPECT_EXIT(Explore([] { return std::make_unique<TwoLocks>(true); }), testing::ExitedWithCode(1), "deadlock");
   EXPECT_EQ("", Explore([] { return std::make_unique<TwoLocks>(false); }).failure);
 }
 

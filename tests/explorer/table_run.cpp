@@ -1,5 +1,7 @@
 #include "explorer/table_run.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -7,14 +9,20 @@
 #include <utility>
 
 #include "explorer/explore.h"
-#include "explorer/explored_table.h"
 #include "explorer/ledger.h"
 #include "explorer/scheduler.h"
 #include "hash/hcore.h"
+#include "hash/test_table.h"
 #include "platform/log_sink.h"
 #include "platform/test_hooks.h"
 
 namespace KavoExplorer {
+
+using KavoTest::Core;
+using Qen::HCore::BUCKET_MOVED;
+using Qen::HCore::BUCKET_MOVING;
+using Qen::HCore::EMPTY_KEY;
+using Qen::HCore::MAP_BUILDING;
 
 void Silence() {
   static const bool done = [] {
@@ -30,42 +38,86 @@ void Silence() {
 
 class TableRun final : public ScenarioRun {
  public:
-  explicit TableRun(unsigned long long cells);
-  ~TableRun() override;
+  explicit TableRun(unsigned long long cells) : table(cells) {
+    Silence();
+    WatchTestPoints([this](unsigned thread, const char* point) {
+      if (failsMove[thread] && point == std::string_view("Mover.Copied")) {
+        failsMove[thread] = false;
+        throw std::runtime_error("a lock reports an error");
+      }
+    });
+  }
+  ~TableRun() override { WatchTestPoints(); }
   TableRun(const TableRun&) = delete;
   TableRun& operator=(const TableRun&) = delete;
 
-  std::string Check() override;
-  std::string NameOf(const void* where) const override { return table.NameOf(where); }
+  std::string Check() override {
+    if (ledger.Failure().empty()) {
+      if (std::string leftovers = Leftovers(); !leftovers.empty()) {
+        return leftovers;
+      }
+      ledger.CheckAtRest([this](long key) { return table.BlockOf(key); }, WalkedKeys());
+    }
+    return ledger.Failure();
+  }
 
-  ExploredTable table;
+  std::string NameOf(const void* where) const override {
+    unsigned generation = 0;
+    for (const Core* core = table.FirstGeneration(); core != nullptr; core = core->Next(), ++generation) {
+      const std::size_t offset =
+          reinterpret_cast<std::uintptr_t>(where) - reinterpret_cast<std::uintptr_t>(&core->CellAt(0));
+      if (offset < core->TableSize() * sizeof(Core::Cell)) {
+        return "generation " + std::to_string(generation) + " cell " + std::to_string(offset / sizeof(Core::Cell)) +
+               " byte " + std::to_string(offset % sizeof(Core::Cell));
+      }
+    }
+    return {};
+  }
+
+  Core* Generation(unsigned index) const {
+    Core* core = table.FirstGeneration();
+    for (; index > 0; --index) {
+      core = core->Next();
+    }
+    return core;
+  }
+
+  std::multiset<long> WalkedKeys() {
+    std::multiset<long> keys;
+    for (KavoTest::Walk walk(table); !walk.AtEnd(); walk.Next()) {
+      keys.insert(walk.EntryKey());
+    }
+    return keys;
+  }
+
+  KavoTest::TestTable table;
   Ledger ledger;
   bool failsMove[MAX_THREADS] = {};  // the thread's next move of a bucket ends with an exception
-};
 
-TableRun::TableRun(unsigned long long cells) : table(cells) {
-  Silence();
-  WatchTestPoints([this](unsigned thread, const char* point) {
-    if (failsMove[thread] && point == std::string_view("Mover.Copied")) {
-      failsMove[thread] = false;
-      throw std::runtime_error("a lock reports an error");
+ private:
+  // Empty, or what somebody has left half done.
+  std::string Leftovers() const {
+    for (const Core* core = table.FirstGeneration(); core != nullptr; core = core->Next()) {
+      if (core->Next() != nullptr && core->Next()->TableSize() != 2 * core->TableSize()) {
+        return "a generation that was built twice";
+      }
+      if (core->IsDeleted()) {
+        continue;  // its cells may be zero
+      }
+      for (unsigned long long i = 0; i < core->TableSize(); ++i) {
+        const Core::Cell& cell = core->CellAt(i);
+        const unsigned flags = cell.flags.Load();
+        if ((flags & (BUCKET_MOVING | BUCKET_MOVED)) == BUCKET_MOVING || (flags & MAP_BUILDING) != 0) {
+          return "flags " + std::to_string(flags) + ", " + NameOf(&cell);
+        }
+        if (cell.LoadKey() != EMPTY_KEY && cell.value.State() == Qen::RecordState::FILLING) {
+          return "a record that nobody fills, " + NameOf(&cell);
+        }
+      }
     }
-  });
-}
-
-TableRun::~TableRun() {
-  WatchTestPoints();
-}
-
-std::string TableRun::Check() {
-  if (ledger.Failure().empty()) {
-    if (std::string leftovers = table.Leftovers(); !leftovers.empty()) {
-      return leftovers;
-    }
-    ledger.CheckAtRest([this](long key) { return table.BlockOf(key); }, table.WalkedKeys());
+    return {};
   }
-  return ledger.Failure();
-}
+};
 
 Call Offer(long key) {
   return [key](TableRun& run) {
@@ -76,7 +128,8 @@ Call Offer(long key) {
 
 Call OfferFailing(long key) {
   return [key](TableRun& run) {
-    if (run.table.OfferFailing(key) == Qen::ENTRY_INSERTED) {
+    const auto noBlock = [](Qen::HashValue&) { return static_cast<int>(KAVO_NO_MEMORY); };
+    if (run.table.InsertOrFind(key, noBlock, [](unsigned char&) { return 0; }) == Qen::ENTRY_INSERTED) {
       run.ledger.Fail(key, "an insert without a block succeeded");
     }
   };
@@ -95,7 +148,7 @@ Call OfferWithout(long key, unsigned long long nth) {
 
 Call Claim(long key) {
   return [key](TableRun& run) {
-    if (const KavoTest::Core::Entry entry = run.table.Claim(key); entry.record != nullptr) {
+    if (const Core::Entry entry = run.table.Claim(key); entry.record != nullptr) {
       run.ledger.Offered(key, Qen::ENTRY_INSERTED, entry.block);
     }
   };
@@ -104,7 +157,7 @@ Call Claim(long key) {
 Call Walk() {
   return [](TableRun& run) {
     const std::set<long> before = run.ledger.CompletedKeys();
-    run.ledger.Walked(before, run.table.WalkedKeys());
+    run.ledger.Walked(before, run.WalkedKeys());
   };
 }
 
@@ -125,8 +178,8 @@ Call Fill(std::vector<long> keys) {
 
 Call FillGeneration(unsigned generation, long key) {
   return [=](TableRun& run) {
-    for (long next = key; !run.table.Generation(generation)->IsOverMapThreshold(); ++next) {
-      const KavoTest::Core::Entry entry = run.table.Claim(next);
+    for (long next = key; !run.Generation(generation)->IsOverMapThreshold(); ++next) {
+      const Core::Entry entry = run.table.Claim(next);
       run.ledger.Offered(next, Qen::ENTRY_INSERTED, entry.record != nullptr ? entry.block : nullptr);
     }
   };
@@ -137,14 +190,15 @@ Call Grow() {
 }
 
 Call MoveGeneration(unsigned generation) {
-  return [generation](TableRun& run) { static_cast<void>(run.table.MoveGeneration(run.table.Generation(generation))); };
+  return [generation](TableRun& run) { static_cast<void>(run.table.MoveGeneration(run.Generation(generation))); };
 }
 
 Call MoveBucket(unsigned generation, unsigned long long bucket) {
   return [=](TableRun& run) {
-    KavoTest::Core* const core = run.table.Generation(generation);
-    static_cast<void>(run.table.BuildNext(core));
-    static_cast<void>(run.table.MoveBucket(core, bucket, core->Next()));
+    Core* const core = run.Generation(generation);
+    Core* next = nullptr;
+    static_cast<void>(run.table.Build(core, next));
+    run.table.MoveOne(core, bucket, core->Next());
   };
 }
 
@@ -161,15 +215,14 @@ Call WithFailingMove(unsigned thread, Call call) {
 }
 
 Call MoveBucketOverMiddle(unsigned long long bucket) {
-  return [=](TableRun& run) {
-    static_cast<void>(run.table.MoveBucket(run.table.Generation(0), bucket, run.table.Generation(2)));
-  };
+  return [=](TableRun& run) { run.table.MoveOne(run.Generation(0), bucket, run.Generation(2)); };
 }
 
 Call BuildGenerations(unsigned count) {
   return [count](TableRun& run) {
+    Core* newest = run.Generation(0);
     for (unsigned built = 1; built < count; ++built) {
-      static_cast<void>(run.table.BuildNext(run.table.Generation(built - 1)));
+      static_cast<void>(run.table.Build(newest, newest));
     }
   };
 }

@@ -98,6 +98,11 @@ class TestTable : public TestBlocks, public Table {
     return MakeNewTable(old, next);
   }
 
+  void MoveOne(Core* core, unsigned long long bucket, Core* destination) {
+    MovedCount moved{core};
+    static_cast<void>(MoveBucket(core, bucket, destination, moved));
+  }
+
   unsigned char* BlockOf(long key) const { return Find(key); }
 
   unsigned long long BackstopCompletions() const { return m_backstopCompletions.load(); }
