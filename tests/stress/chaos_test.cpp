@@ -6,15 +6,14 @@
 #include <array>
 #include <atomic>
 #include <random>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
 #include "kavo.h"
 #include "platform/test_hooks.h"
+#include "support/held.h"
 #include "support/hold_up.h"
 #include "support/seed.h"
+#include "support/threads.h"
 
 namespace KavoTest {
 namespace {
@@ -133,28 +132,22 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
   const unsigned long seed = TestSeed();
   const KavoLogSink quiet{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
   KavoSetLogSink(&quiet);
-  const long long held = Hooks::HeapBytesInUse() + Hooks::MappedBytesInUse();
+  const Held before;
   unsigned failures = 0;
   for (unsigned n = 0; n < 100 && !HasFailure(); ++n) {
     SCOPED_TRACE(testing::Message() << "round " << n);
     ChaosRound round(type, mode, failing);
     Hooks::SetPointHandler([](const char*) { HoldUpNowAndThen(t_dice, 64, 8, 50); });
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < THREADS; ++t) {
-      threads.emplace_back([&round, seed, n, t] {
-        t_dice.seed(static_cast<unsigned>(seed + n * 100 + t));
-        round.Work();
-      });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    InThreads(THREADS, [&round, seed, n](unsigned thread) {
+      t_dice.seed(static_cast<unsigned>(seed + n * 100 + thread));
+      round.Work();
+    });
     Hooks::SetPointHandler(nullptr);
     failures += round.Check();
   }
   KavoSetLogSink(nullptr);
   EXPECT_EQ(failing != 0, failures != 0);
-  EXPECT_EQ(held, Hooks::HeapBytesInUse() + Hooks::MappedBytesInUse());
+  EXPECT_EQ(before, Held());
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Chaos,

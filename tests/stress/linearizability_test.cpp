@@ -9,13 +9,10 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <barrier>
 #include <cstdint>
-#include <memory>
 #include <random>
 #include <shared_mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "kavo.h"
@@ -23,6 +20,7 @@
 #include "stress/history.h"
 #include "support/hold_up.h"
 #include "support/seed.h"
+#include "support/threads.h"
 
 namespace KavoTest {
 namespace {
@@ -205,31 +203,14 @@ TEST_P(Linearizability, EachKeysHistoryHasAnOrderThatExplainsIt) {
                          &growths};
   ASSERT_EQ(KAVO_SUCCESS, KavoSetLogSink(&sink));
   Qen::TestHooks::SetPointHandler(heldUp ? &HoldUp : nullptr);
-  std::unique_ptr<Round> round;
-  std::barrier step(static_cast<std::ptrdiff_t>(threads) + 1);
-  std::atomic<bool> over{false};
-  std::vector<std::thread> workers;
-  for (unsigned t = 0; t < threads; ++t) {
-    workers.emplace_back([&, t] {
-      t_random.seed(seed + 1 + t);
-      for (step.arrive_and_wait(); !over; step.arrive_and_wait()) {
-        round->Work(t);
-        step.arrive_and_wait();
-      }
-    });
-  }
   for (unsigned n = 0; n < rounds && !HasFailure(); ++n) {
     SCOPED_TRACE(testing::Message() << "round " << n);
-    round = std::make_unique<Round>(mode, threads, random);
-    step.arrive_and_wait();
-    step.arrive_and_wait();
-    round->Check();
-    round.reset();
-  }
-  over = true;
-  step.arrive_and_wait();
-  for (std::thread& worker : workers) {
-    worker.join();
+    Round round(mode, threads, random);
+    InThreads(threads, [&, threads = threads](unsigned thread) {
+      t_random.seed(seed + 1 + n * threads + thread);
+      round.Work(thread);
+    });
+    round.Check();
   }
   Qen::TestHooks::SetPointHandler(nullptr);
   KavoSetLogSink(nullptr);

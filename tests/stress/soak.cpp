@@ -1,5 +1,5 @@
-// All exported functions at once, for as long as asked: many tables of all shapes are made, grow, are exported and
-// destroyed, and every answer that is known beforehand is checked. A line a minute; the exit status is 0 only when no
+// All functions of tables at once, for as long as asked: many tables of all shapes are made, grow, are exported and
+// destroyed, and every answer is checked. A line a minute; the exit status is 0 only when no
 // answer was wrong and memory stayed within its bound and came back at the end.
 #include <malloc.h>
 #include <unistd.h>
@@ -8,7 +8,6 @@
 #include <CLI/Formatter.hpp>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <deque>
@@ -67,37 +66,6 @@ void SetSink(SoakTotals& totals) {
   ExpectEqual(KavoSetLogSink(&sink), KAVO_SUCCESS, "status of a new sink");
 }
 
-// Two maps take turns; each answer must be right for one of them, and a batch for one alone.
-void VisitPartitionMap(Random& random) {
-  static constexpr std::array<unsigned, 3> SMALL{100, 101, 102};
-  static constexpr std::array<unsigned, 5> LARGE{200, 201, 202, 203, 204};
-  const bool large = random() % 2 == 0;
-  const unsigned dice = static_cast<unsigned>(random() % 16);
-  if (dice == 0) {
-    const int ret = UninitPartitionMap();
-    Expect(ret == KAVO_SUCCESS || ret == KAVO_UNSUPPORTED, "partition map removed: ", ret);
-  } else if (dice < 4) {
-    const int ret = large ? InitPartitionMap(1, 5, LARGE.data()) : InitPartitionMap(1, 3, SMALL.data());
-    Expect(ret == KAVO_SUCCESS || ret == KAVO_EXISTS || ret == KAVO_FAILED, "partition map installed: ", ret);
-  }
-  const auto owner = [](unsigned long long key, unsigned psId) {
-    return psId >= 200 ? LARGE[key % LARGE.size()] : SMALL[key % SMALL.size()];
-  };
-  std::array<unsigned long long, 32> keys;
-  std::generate(keys.begin(), keys.end(), random);
-  std::array<unsigned, keys.size()> psIds{};
-  unsigned psId = 0;
-  unsigned* out = psIds.data();
-  if (const int ret = QueryPartitionMapPsId(keys[0], &psId); ret != KAVO_FAILED) {
-    Expect(ret == KAVO_SUCCESS && psId == owner(keys[0], psId), "owner of a key: ", psId);
-  }
-  if (const int ret = GetBatchPsIds(keys.data(), &out, keys.size()); ret != KAVO_FAILED) {
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      Expect(ret == KAVO_SUCCESS && psIds[i] == owner(keys[i], psIds[0]), "owner in a batch: ", psIds[i]);
-    }
-  }
-}
-
 void Report(const char* what, double minutes, const SoakTotals& totals, unsigned resident, unsigned bound) {
   std::printf("%s %.1f: %llu calls, %llu tables destroyed, %llu growths, %u mismatches, resident %u MiB (%s %u)\n",
               what, minutes, totals.calls.load(), totals.tables.load(), totals.growths.load(), totals.mismatches.load(),
@@ -122,7 +90,6 @@ bool Run(const Options& options) {
     try {
       while (!over) {
         tables[random() % tables.size()].Visit(thread, random);
-        VisitPartitionMap(random);
         if (random() % 4096 == 0) {
           SetSink(totals);
         }
@@ -131,7 +98,7 @@ bool Run(const Options& options) {
       Report(totals, mismatch.what());
     }
   };
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (unsigned t = 0; t < options.threads; ++t) {
     threads.emplace_back(work, t);
   }
@@ -149,9 +116,7 @@ bool Run(const Options& options) {
     }
   }
   over = true;
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   for (SoakTable& table : tables) {
     try {
       table.End();
@@ -160,7 +125,6 @@ bool Run(const Options& options) {
     }
   }
   tables.clear();
-  UninitPartitionMap();
   malloc_trim(0);
   const unsigned after = ResidentMiB();
   const bool isBack = !BOUNDED || after <= before + options.rest;
@@ -181,7 +145,7 @@ bool Run(const Options& options) {
 
 int main(int argc, char** argv) {
   KavoTest::Options options;
-  CLI::App app("All exported functions at once on many tables; every answer is checked");
+  CLI::App app("All functions of tables at once; every answer is checked");
   app.add_option("--minutes", options.minutes, "How long")->check(CLI::PositiveNumber)->capture_default_str();
   app.add_option("--seed", options.seed, "Seed of the random choices; none: a new one");
   app.add_option("--threads", options.threads)->check(CLI::Range(1U, 256U))->capture_default_str();
