@@ -12,7 +12,7 @@
 #include <tuple>
 #include <vector>
 
-#include "kavo.h"
+#include "kavo.hpp"
 #include "platform/test_hooks.h"
 #include "support/held.h"
 #include "support/log_capture.h"
@@ -192,29 +192,19 @@ class FaultLoop : public testing::TestWithParam<std::tuple<Kind, unsigned, Fault
   }
 
   void CheckTable() {
-    std::array<KavoHtBatchElement, 50> elements{};
-    KavoHtBatchInfo batch{elements.data(), elements.size(), KAVO_EXPORT_ALL, 0};
-    void* iter = nullptr;
     std::size_t seen = 0;
-    long last = -1;
     unsigned long long withValue = 0;
-    do {
-      unsigned num = 0;
-      ASSERT_EQ(KAVO_SUCCESS, KavoBatchGetNext(id, &batch, &num, &iter));
-      for (unsigned i = num > 0 && elements[0].key == last ? 1 : 0; i < num; ++i) {
-        const auto& [key, value, count] = elements[i];
-        const auto found = m_entries.find(key);
-        ASSERT_NE(m_entries.end(), found) << key;
-        const Entry& entry = found->second;
-        ASSERT_EQ(entry.hasValue, value != nullptr) << key;
-        ASSERT_EQ(value, AddressOf(id, key)) << key;
-        ASSERT_TRUE(value == nullptr || (value[0] == entry.byte && value[LEN - 1] == entry.byte)) << key;
-        ASSERT_TRUE(!isFilter || entry.count == count) << key << " counts " << count << ", not " << entry.count;
-        ++seen;
-        withValue += entry.hasValue ? 1 : 0;
-        last = key;
-      }
-    } while (iter != nullptr);
+    for (const auto& [key, value, count] : kavo::Entries(id, kavo::ExportMode::ALL, 50)) {
+      const auto found = m_entries.find(key);
+      ASSERT_NE(m_entries.end(), found) << key;
+      const Entry& entry = found->second;
+      ASSERT_EQ(entry.hasValue, value != nullptr) << key;
+      ASSERT_EQ(value, AddressOf(id, key)) << key;
+      ASSERT_TRUE(value == nullptr || (value[0] == entry.byte && value[LEN - 1] == entry.byte)) << key;
+      ASSERT_TRUE(!isFilter || entry.count == count) << key << " counts " << count << ", not " << entry.count;
+      ++seen;
+      withValue += entry.hasValue ? 1 : 0;
+    }
     ASSERT_EQ(m_entries.size(), seen);
     KavoTableStats stats{};
     stats.size = sizeof(stats);

@@ -12,6 +12,7 @@
 #include "explorer/explore.h"
 #include "explorer/ledger.h"
 #include "explorer/table_run.h"
+#include "kavo.hpp"
 #include "platform/test_hooks.h"
 
 namespace KavoExplorer {
@@ -114,12 +115,12 @@ class BatchRun final : public ScenarioRun {
   void Walk() {
     const std::set<long> before = m_ledger.CompletedKeys();
     std::multiset<long> walked;
-    ForEachEntry(2, [&](const KavoHtBatchElement& element) {
+    for (const KavoHtBatchElement& element : kavo::Entries(m_id, kavo::ExportMode::ALL, 2)) {
       if (element.value != nullptr) {
         m_ledger.LookedUp(element.key, nullptr, element.value);
         walked.insert(element.key);
       }
-    });
+    }
     m_ledger.Walked(before, walked);
   }
 
@@ -188,28 +189,16 @@ class BatchRun final : public ScenarioRun {
     return value;
   }
 
-  template <class Visit>
-  void ForEachEntry(unsigned atATime, const Visit& visit) {
-    std::vector<KavoHtBatchElement> elements(atATime);
-    KavoHtBatchInfo batch{elements.data(), atATime, KAVO_EXPORT_ALL, 0};
-    void* cursor = nullptr;
-    do {
-      unsigned count = 0;
-      KavoBatchGetNext(m_id, &batch, &count, &cursor);
-      std::for_each_n(elements.begin(), count, visit);
-    } while (cursor != nullptr);
-  }
-
   void CheckEntries() {
     std::multiset<long> walked;
-    ForEachEntry(64, [&](const KavoHtBatchElement& element) {
+    for (const KavoHtBatchElement& element : kavo::Entries(m_id, kavo::ExportMode::ALL, 64)) {
       if (m_isFilter && element.count != m_told[element.key].occurrences) {
         m_ledger.Fail(element.key, "occurrences were lost, or counted twice");
       }
       if (element.value != nullptr) {
         walked.insert(element.key);
       }
-    });
+    }
     std::set<const void*> values;
     for (const auto& [key, told] : m_told) {
       if (told.value != nullptr && !values.insert(told.value).second) {

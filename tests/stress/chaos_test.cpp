@@ -2,13 +2,13 @@
 // and memory that runs out: the rare interleavings, and what failures leave behind.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
+#include <map>
 #include <random>
 #include <tuple>
 
-#include "kavo.h"
+#include "kavo.hpp"
 #include "platform/test_hooks.h"
 #include "support/held.h"
 #include "support/hold_up.h"
@@ -30,13 +30,13 @@ thread_local std::mt19937 t_dice;
 
 class ChaosRound {
  public:
-  ChaosRound(unsigned type, unsigned mode, unsigned failing)
-      : m_isFilter(type == KAVO_TABLE_TYPE_FILTER), m_failing(failing) {
-    EXPECT_EQ(KAVO_SUCCESS, KavoInitHashTable(TABLE, 8, LEN, type));
-    EXPECT_EQ(KAVO_SUCCESS, KavoSetRehashMode(TABLE, mode));
-    EXPECT_EQ(m_isFilter ? KAVO_SUCCESS : KAVO_INVALID, KavoSetFilterFreq(TABLE, FREQUENCY));
+  ChaosRound(kavo::TableType type, kavo::RehashMode mode, unsigned failing)
+      : m_isFilter(type == kavo::TableType::FILTER), m_failing(failing), m_table(TABLE, 8, LEN, type) {
+    m_table.SetRehashMode(mode);
+    if (m_isFilter) {
+      m_table.SetFilterFrequency(FREQUENCY);
+    }
   }
-  ~ChaosRound() { EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(TABLE)); }
 
   void Work() {
     for (std::size_t n = 0; n < 2 * KEYS; ++n) {
@@ -65,17 +65,15 @@ class ChaosRound {
       LookUp(i);
     }
     Hooks::SetWaitLimit(0);
-    std::array<KavoHtBatchElement, KEYS + 1> elements{};
-    KavoHtBatchInfo batch{elements.data(), KEYS + 1, KAVO_EXPORT_ALL, 0};
-    unsigned num = 0;
-    void* cursor = nullptr;
-    EXPECT_EQ(KAVO_SUCCESS, KavoBatchGetNext(TABLE, &batch, &num, &cursor));
-    EXPECT_EQ(KEYS, num);
+    std::map<const unsigned char*, unsigned> counts;
+    for (const KavoHtBatchElement& entry : m_table.Export(kavo::ExportMode::ALL)) {
+      counts.emplace(entry.value, entry.count);
+    }
+    EXPECT_EQ(KEYS, counts.size());
     for (const Key& key : m_keys) {
-      const auto is = [&](const KavoHtBatchElement& element) { return element.value == key.value; };
-      const auto element = std::find_if(elements.begin(), elements.end(), is);
       // A call that failed has counted its occurrences if the key had a record by then.
-      EXPECT_TRUE(!m_isFilter || (element->count >= key.counted && element->count <= key.counted + key.failed));
+      const unsigned count = counts[key.value];
+      EXPECT_TRUE(!m_isFilter || (count >= key.counted && count <= key.counted + key.failed));
     }
     EXPECT_EQ(0U, m_wrong.load());
     return failures;
@@ -112,20 +110,19 @@ class ChaosRound {
   }
 
   void LookUp(std::size_t i) {
-    unsigned char* const known = m_keys[i].value;
-    unsigned char* value = nullptr;
-    unsigned length = 0;
-    static_cast<void>(KavoLookup(TABLE, KeyOf(i), &value, &length));
-    m_wrong += known != nullptr && value != known;
+    const unsigned char* const known = m_keys[i].value;
+    const auto row = m_table.TryLookup(KeyOf(i));
+    m_wrong += known != nullptr && (!row || row->data() != known);
   }
 
   const bool m_isFilter;
   const unsigned m_failing;  // of 100 offers
+  const kavo::Table m_table;
   std::array<Key, KEYS> m_keys;
   std::atomic<unsigned> m_wrong{0};
 };
 
-class Chaos : public testing::TestWithParam<std::tuple<unsigned, unsigned, unsigned>> {};
+class Chaos : public testing::TestWithParam<std::tuple<kavo::TableType, kavo::RehashMode, unsigned>> {};
 
 TEST_P(Chaos, PromisesHoldWhateverFails) {
   const auto [type, mode, failing] = GetParam();
@@ -151,8 +148,8 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Chaos,
-                         testing::Combine(testing::Values(KAVO_TABLE_TYPE_BASIC, KAVO_TABLE_TYPE_FILTER),
-                                          testing::Values(KAVO_REHASH_WHOLE_TABLE, KAVO_REHASH_GRADUAL),
+                         testing::Combine(testing::Values(kavo::TableType::BASIC, kavo::TableType::FILTER),
+                                          testing::Values(kavo::RehashMode::WHOLE_TABLE, kavo::RehashMode::GRADUAL),
                                           testing::Values(0U, 30U)));
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "kavo.hpp"
 #include "model/call_runner.h"
 
 namespace KavoTest {
@@ -168,17 +169,13 @@ class SoakTable {
 
   // It may give some keys twice, but none without a value, and ends or is given up.
   void WalkBesideInserts() {
-    std::array<KavoHtBatchElement, 200> elements;
-    KavoHtBatchInfo batch{elements.data(), elements.size(), KAVO_EXPORT_ALL, 9};
-    void* cursor = nullptr;
-    unsigned batches = 0;
-    do {
-      unsigned num = 0;
-      ExpectEqual(KavoBatchGetNext(m_id, &batch, &num, &cursor), KAVO_SUCCESS, "status of an export");
-      for (unsigned i = 0; i < num; ++i) {
-        Expect(elements[i].value != nullptr || m_shape.IsFilter(), "key ", elements[i].key, " without a value");
+    unsigned given = 0;
+    for (const KavoHtBatchElement& entry : kavo::Entries(m_id, kavo::ExportMode::ALL, 200)) {
+      Expect(entry.value != nullptr || m_shape.IsFilter(), "key ", entry.key, " without a value");
+      if (++given == 64 * 200) {
+        return;
       }
-    } while (cursor != nullptr && ++batches < 64);
+    }
   }
 
   const unsigned m_place;
