@@ -33,12 +33,16 @@ inline double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The program: reads the arguments as `app` declares them, and does run(), which throws when anything is wrong.
-template <class Run>
-int Main(CLI::App& app, int argc, char** argv, const Run& run) {
+// The program: declare(app, arguments), then run(arguments), which throws when anything is wrong. The help shows what
+// options are without being given.
+template <class Arguments, class Run>
+int Main(CLI::App& app, int argc, char** argv, void (&declare)(CLI::App&, Arguments&), const Run& run) {
   try {
+    Arguments arguments;
+    app.option_defaults()->always_capture_default();
+    declare(app, arguments);
     app.parse(argc, argv);
-    run();
+    run(arguments);
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
       throw std::runtime_error("standard output: cannot be written");
     }

@@ -54,41 +54,29 @@ void Declare(CLI::App& app, Arguments& arguments) {
   CLI::Option* log = app.add_option("log", arguments.log, "Click log to train on; none: a generated one");
   app.add_option("--rows", arguments.rows, "Rows of the generated log")
       ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40))
-      ->excludes(log)
-      ->capture_default_str();
-  app.add_option("--seed", arguments.seed, "Seed of the generated log")->excludes(log)->capture_default_str();
+      ->excludes(log);
+  app.add_option("--seed", arguments.seed, "Seed of the generated log")->excludes(log);
   app.add_option("--write-log", arguments.writeLog, "Write the generated log to this file, and stop")->excludes(log);
-  app.add_option("--threads", training.threads, "Training threads")
-      ->check(CLI::Range(1U, 1024U))
-      ->capture_default_str();
+  app.add_option("--threads", training.threads, "Training threads")->check(CLI::Range(1U, 1024U));
   app.add_option("--epochs", training.epochs, "Passes over the log; the report is about the first")
-      ->check(CLI::Range(1U, 1000U))
-      ->capture_default_str();
+      ->check(CLI::Range(1U, 1000U));
   app.add_option("--table-size", model.tableSize, "Rows that the embeddings are first made for")
-      ->check(CLI::Range(1U, 1U << 30))
-      ->capture_default_str();
+      ->check(CLI::Range(1U, 1U << 30));
   CLI::Option* admit =
       app.add_option("--admit", model.admitAt,
                      "Train again with vectors for features from this offer on only, and compare; 1: do not")
-          ->check(CLI::Range(1U, 1U << 30))
-          ->capture_default_str();
-  app.add_option("--dim", model.dim, "Coordinates of a feature's vector")
-      ->check(CLI::Range(1U, 256U))
-      ->capture_default_str();
+          ->check(CLI::Range(1U, 1U << 30));
+  app.add_option("--dim", model.dim, "Coordinates of a feature's vector")->check(CLI::Range(1U, 256U));
   app.add_option("--optimiser", arguments.optimiser, "How vectors learn (weights learn by FTRL)")
-      ->check(CLI::IsMember(&OPTIMISERS))
-      ->capture_default_str();
-  app.add_option("--weight-rate", model.weightRate, "Learning rate of the weights")
-      ->check(CLI::PositiveNumber)
-      ->capture_default_str();
+      ->check(CLI::IsMember(&OPTIMISERS));
+  app.add_option("--weight-rate", model.weightRate, "Learning rate of the weights")->check(CLI::PositiveNumber);
   app.add_option("--vector-rate", model.vectorRate, "Learning rate of the vectors; none: one for the optimiser")
       ->check(CLI::PositiveNumber);
   CLI::Option* save =
       app.add_option("--save", arguments.save, "Folder to save snapshots in; made if need be")->excludes(admit);
   app.add_option("--every", arguments.every, "Rows from one snapshot to the next, rounded up to whole batches")
       ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40))
-      ->needs(save)
-      ->capture_default_str();
+      ->needs(save);
   app.add_option("--resume", arguments.resume, "Folder of snapshots, to go on from the newest")
       ->check(CLI::ExistingDirectory)
       ->excludes(admit);
@@ -118,27 +106,23 @@ Outcome TrainOnce(RowSource& source, const Arguments& arguments) {
   outcome.model = arguments.model;
   outcome.firstEvaluated = source.RowCount() / 2;
   outcome.truthKnown = source.KnowsTruth();
-  outcome.residentBefore = ResidentBytes();
 
   const Model model(arguments.model);
-  ProgressDisplay display;
   if (!arguments.resume.empty()) {
     outcome.state = Resume(arguments.resume, model, source.Identity());
-    display.Say(
-        fmt::format("resumed at row {} of epoch {}", Examples::Count(outcome.state.nextRow), outcome.state.epoch));
+    fmt::print("resumed at row {} of epoch {}\n", Examples::Count(outcome.state.nextRow), outcome.state.epoch);
   }
   TrainingOptions training = arguments.training;
   training.firstEvaluated = outcome.firstEvaluated;
-  training.report = [&display](const TrainingState& state) { display.Show(state); };
+  training.report = PrintProgress;
   std::optional<Checkpoints> checkpoints;
   if (!arguments.save.empty()) {
     std::error_code ignored;  // other folders, then
     checkpoints.emplace(arguments.save, std::filesystem::equivalent(arguments.save, arguments.resume, ignored));
     training.saveEvery = arguments.every;
-    training.save = [&](const TrainingState& state) { display.Say(checkpoints->Save(model, state)); };
+    training.save = [&](const TrainingState& state) { fmt::print("{}\n", checkpoints->Save(model, state)); };
   }
   Train(source, model, training, outcome.state);
-  outcome.residentAfter = ResidentBytes();
   outcome.weights = StatsOf(model.Weights());
   outcome.vectors = StatsOf(model.Vectors());
   return outcome;
@@ -177,7 +161,5 @@ void Run(Arguments& arguments) {
 
 int main(int argc, char** argv) {
   CLI::App app("Trains a click-through model whose parameters are the rows of two embeddings.", "ctr_training");
-  CtrTraining::Arguments arguments;
-  CtrTraining::Declare(app, arguments);
-  return Examples::Main(app, argc, argv, [&arguments] { CtrTraining::Run(arguments); });
+  return Examples::Main<CtrTraining::Arguments>(app, argc, argv, CtrTraining::Declare, CtrTraining::Run);
 }

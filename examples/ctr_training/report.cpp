@@ -1,11 +1,8 @@
 #include "ctr_training/report.h"
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <fstream>
+#include <initializer_list>
 #include <optional>
-#include <stdexcept>
 
 #include "program.h"
 
@@ -67,9 +64,19 @@ std::string GapText(const Outcome& outcome) {
   return text;
 }
 
-// Bytes that training made resident.
-std::uint64_t Grown(const Outcome& outcome) {
-  return outcome.residentAfter > outcome.residentBefore ? outcome.residentAfter - outcome.residentBefore : 0;
+// Of both embeddings, by the library's own account.
+std::uint64_t Sum(const Outcome& outcome, std::initializer_list<unsigned long long KavoTableStats::*> fields) {
+  std::uint64_t bytes = 0;
+  for (const auto field : fields) {
+    bytes += outcome.weights.table.*field + outcome.vectors.table.*field;
+  }
+  return bytes;
+}
+std::uint64_t CellBytes(const Outcome& outcome) {
+  return Sum(outcome, {&KavoTableStats::cellBytes, &KavoTableStats::mapBytes});
+}
+std::uint64_t RowBytes(const Outcome& outcome) {
+  return Sum(outcome, {&KavoTableStats::valueBytes, &KavoTableStats::filterRecordBytes});
 }
 
 // The intercept is no feature.
@@ -98,62 +105,10 @@ void PrintQuality(const Outcome& outcome) {
 
 }  // namespace
 
-ProgressDisplay::ProgressDisplay() : m_terminal(isatty(STDOUT_FILENO) == 1) {}
-
-// After a failure the bar stands unfinished; what follows gets a line of its own.
-ProgressDisplay::~ProgressDisplay() {
-  EndBar();
-}
-
-void ProgressDisplay::EndBar() {
-  if (m_barOpen) {
-    fmt::print("\n");
-    m_barOpen = false;
-  }
-}
-
-void ProgressDisplay::Say(const std::string& text) {
-  EndBar();
-  fmt::print("{}\n", text);
-  std::fflush(stdout);
-}
-
-void ProgressDisplay::Show(const TrainingState& state) {
-  m_terminal ? ShowBar(state) : ShowLine(state);
-  std::fflush(stdout);
-}
-
-void ProgressDisplay::ShowBar(const TrainingState& state) {
-  constexpr std::uint64_t WIDTH = 30;
-  const std::uint64_t done = state.nextRow * WIDTH / state.log.rows;
-  m_barOpen = state.nextRow < state.log.rows;
-  fmt::print("\repoch {} [{:#<{}}{:.<{}}] {:3} %  {:>9} rows/s  log loss {:.4f}{}", state.epoch, "", done, "",
-             WIDTH - done, state.nextRow * 100 / state.log.rows, CountRate(state.rows, state.seconds), MeanLoss(state),
-             m_barOpen ? "" : "\n");
-}
-
-void ProgressDisplay::ShowLine(const TrainingState& state) {
-  if (m_epoch != state.epoch) {
-    m_epoch = state.epoch;
-    m_tenths = 0;
-  }
-  const std::uint64_t tenths = state.nextRow * 10 / state.log.rows;
-  if (tenths == m_tenths) {
-    return;
-  }
-  m_tenths = tenths;
+void PrintProgress(const TrainingState& state) {
   fmt::print("epoch {}: {:>10} of {} rows, {:>9} rows/s, log loss so far {:.4f}\n", state.epoch, Count(state.nextRow),
              Count(state.log.rows), CountRate(state.rows, state.seconds), MeanLoss(state));
-}
-
-std::uint64_t ResidentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::uint64_t total = 0;
-  std::uint64_t resident = 0;
-  if (!(statm >> total >> resident)) {
-    throw std::runtime_error("/proc/self/statm: cannot be read");
-  }
-  return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  std::fflush(stdout);
 }
 
 bool GoalMet(const Outcome& outcome) {
@@ -164,8 +119,6 @@ bool GoalMet(const Outcome& outcome) {
 
 void PrintReport(const Outcome& outcome) {
   const TrainingState& state = outcome.state;
-  const KavoTableStats& weights = outcome.weights.table;
-  const KavoTableStats& vectors = outcome.vectors.table;
   Rule();
   Line("rows learned", fmt::format("{} in {:.1f} s, {} a second", Count(state.rows), state.seconds,
                                    CountRate(state.rows, state.seconds)));
@@ -179,18 +132,15 @@ void PrintReport(const Outcome& outcome) {
   Rule();
   PrintQuality(outcome);
   Rule();
-  Line("growths", fmt::format("{}, both embeddings together, from {} rows each", weights.growths + vectors.growths,
-                              outcome.model.tableSize));
-  Line("resident memory", Mib(outcome.residentAfter));
-  // Where the embeddings' memory is, by the library's own account: of what was taken from the system, touched or not.
-  Line("both embeddings' cells", Mib(weights.cellBytes + weights.mapBytes + vectors.cellBytes + vectors.mapBytes));
-  Line("both embeddings' rows",
-       Mib(weights.valueBytes + vectors.valueBytes + weights.filterRecordBytes + vectors.filterRecordBytes));
-  Line("taken, but not in use",
-       Mib(weights.stockBytes + weights.leftCellBytes + vectors.stockBytes + vectors.leftCellBytes));
+  Line("growths", fmt::format("{}, both embeddings together, from {} rows each",
+                              Sum(outcome, {&KavoTableStats::growths}), outcome.model.tableSize));
+  Line("both embeddings' cells", Mib(CellBytes(outcome)));
+  Line("both embeddings' rows", Mib(RowBytes(outcome)));
+  Line("taken, but not in use", Mib(Sum(outcome, {&KavoTableStats::stockBytes, &KavoTableStats::leftCellBytes})));
   if (Features(outcome) > 0) {
+    const std::uint64_t bytes = CellBytes(outcome) + RowBytes(outcome);
     Line("memory per feature", fmt::format("{:.1f} bytes, of which {} are its rows",
-                                           static_cast<double>(Grown(outcome)) / static_cast<double>(Features(outcome)),
+                                           static_cast<double>(bytes) / static_cast<double>(Features(outcome)),
                                            outcome.weights.rowBytes + outcome.vectors.rowBytes));
   }
   Rule();
@@ -205,7 +155,7 @@ void PrintComparison(const Outcome& all, const Outcome& filtered) {
   const auto five = [](double number) { return fmt::format("{:.5f}", number); };
   row("", "every feature", fmt::format("admitted at {}", filtered.model.admitAt));
   row("features with a vector", Count(all.vectors.rows), Count(filtered.vectors.rows));
-  row("memory made resident", Mib(Grown(all)), Mib(Grown(filtered)));
+  row("memory", Mib(CellBytes(all) + RowBytes(all)), Mib(CellBytes(filtered) + RowBytes(filtered)));
   row("log loss of the trained model", five(first.MeanLogLoss()), five(second.MeanLogLoss()));
   row("AUC", five(first.Auc()), five(second.Auc()));
   Rule();

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -29,11 +28,9 @@ class Leg {
     m_source.Seek(m_state.nextRow);
     {
       std::vector<std::jthread> threads;
-      m_running = m_options.threads;
       for (unsigned i = 0; i < m_options.threads; ++i) {
         threads.emplace_back([this] { Work(); });
       }
-      ReportWhileRunning();
     }
     if (m_failure) {
       std::rethrow_exception(m_failure);
@@ -41,18 +38,6 @@ class Leg {
   }
 
  private:
-  void ReportWhileRunning() {
-    const auto interval = std::chrono::duration<double>(m_options.reportInterval);
-    std::unique_lock lock(m_mutex);
-    while (m_running > 0) {
-      m_ended.wait_for(lock, interval, [this] { return m_running == 0; });
-      m_state.seconds = m_secondsBefore + Examples::SecondsSince(m_start);
-      if (m_options.report && !m_failure) {
-        m_options.report(m_state);
-      }
-    }
-  }
-
   void Work() noexcept {
     RowBlock block;
     try {
@@ -63,9 +48,6 @@ class Leg {
     } catch (...) {
       AddFailure(block.firstRow, std::current_exception());
     }
-    const std::lock_guard lock(m_mutex);
-    --m_running;
-    m_ended.notify_one();
   }
 
   bool Stopped() {
@@ -76,6 +58,7 @@ class Leg {
   // Block by block, so that the sums of one thread do not depend on where legs begin and end.
   void Add(const RowBlock& block, std::span<const float> logits) {
     const std::lock_guard lock(m_mutex);
+    const std::uint64_t tenths = m_state.nextRow * 10 / m_state.log.rows;
     for (std::size_t i = 0; i < block.rows.size(); ++i) {
       const bool clicked = block.rows[i].clicked;
       m_state.lossSum += LogLoss(logits[i], clicked);
@@ -86,6 +69,10 @@ class Leg {
     }
     m_state.nextRow += block.rows.size();
     m_state.rows += block.rows.size();
+    m_state.seconds = m_secondsBefore + Examples::SecondsSince(m_start);
+    if (m_options.report && m_state.nextRow * 10 / m_state.log.rows != tenths) {
+      m_options.report(m_state);
+    }
   }
 
   // Blocks are handed out in order and a thread finishes the one it has, so the earliest bad line is always among the
@@ -106,8 +93,6 @@ class Leg {
   const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 
   std::mutex m_mutex;  // guards what follows, m_state's target included
-  std::condition_variable m_ended;
-  unsigned m_running = 0;
   std::exception_ptr m_failure;
   std::uint64_t m_failedRow = 0;
   TrainingState& m_state;

@@ -26,10 +26,8 @@ struct TrainingOptions {
   unsigned threads = 1;
   unsigned epochs = 1;
   std::uint64_t firstEvaluated = 0;  // rows from here on are evaluated, in the first epoch
-  double reportInterval = 0.1;       // seconds
   std::uint64_t saveEvery = 0;       // rows, rounded up to whole blocks; 0: save is not called
-  // Called on the calling thread, the first at the interval, the other where the state is to be saved and no thread
-  // trains.
+  // Called at each tenth of an epoch; and on the calling thread where the state is to be saved, when no thread trains.
   std::function<void(const TrainingState&)> report{};
   std::function<void(const TrainingState&)> save{};
 };

@@ -33,14 +33,11 @@ struct Arguments {
 
 void Declare(CLI::App& app, Arguments& arguments) {
   app.add_option("--rows", arguments.rows, "Rows that the model begins with")
-      ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 31))
-      ->capture_default_str();
-  app.add_option("--dim", arguments.dim, "Floats of a row")->check(CLI::Range(1U, 65536U))->capture_default_str();
-  app.add_option("--rounds", arguments.rounds, "Increments")->check(CLI::Range(0U, 1000U))->capture_default_str();
-  app.add_option("--seed", arguments.seed, "Seed of keys and gradients")->capture_default_str();
-  app.add_option("--compress", arguments.compress, "Level of compression; 0: none")
-      ->check(CLI::Range(0U, 19U))
-      ->capture_default_str();
+      ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 31));
+  app.add_option("--dim", arguments.dim, "Floats of a row")->check(CLI::Range(1U, 65536U));
+  app.add_option("--rounds", arguments.rounds, "Increments")->check(CLI::Range(0U, 1000U));
+  app.add_option("--seed", arguments.seed, "Seed of keys and gradients");
+  app.add_option("--compress", arguments.compress, "Level of compression; 0: none")->check(CLI::Range(0U, 19U));
   app.add_option("--directory", arguments.directory, "Keep the snapshots in this directory; none: they are removed")
       ->check(CLI::ExistingDirectory);
 }
@@ -169,12 +166,15 @@ class Demonstration {
   std::uint64_t m_differences = 0;
 };
 
+void Run(const Arguments& arguments) {
+  Demonstration(arguments).Run();
+}
+
 }  // namespace
 }  // namespace IncrementalExport
 
 int main(int argc, char** argv) {
   CLI::App app("Saves a model as snapshots, restores it onto several shards, and compares.", "incremental_export");
-  IncrementalExport::Arguments arguments;
-  IncrementalExport::Declare(app, arguments);
-  return Examples::Main(app, argc, argv, [&arguments] { IncrementalExport::Demonstration(arguments).Run(); });
+  return Examples::Main<IncrementalExport::Arguments>(app, argc, argv, IncrementalExport::Declare,
+                                                      IncrementalExport::Run);
 }

@@ -32,18 +32,12 @@ struct Arguments {
 
 void Declare(CLI::App& app, Arguments& arguments) {
   app.add_option("--rows", arguments.plan.rows, "Rows of the full snapshot; an increment trains a tenth, and adds one")
-      ->check(CLI::Range(std::uint64_t{10}, std::uint64_t{1} << 30))
-      ->capture_default_str();
-  app.add_option("--dim", arguments.plan.dim, "Floats of a row")->check(CLI::Range(1U, 1024U))->capture_default_str();
-  app.add_option("--increments", arguments.plan.rounds, "Increments that arrive")
-      ->check(CLI::Range(1U, 1000U))
-      ->capture_default_str();
-  app.add_option("--threads", arguments.threads, "Threads that serve")
-      ->check(CLI::Range(1U, 1024U))
-      ->capture_default_str();
+      ->check(CLI::Range(std::uint64_t{10}, std::uint64_t{1} << 30));
+  app.add_option("--dim", arguments.plan.dim, "Floats of a row")->check(CLI::Range(1U, 1024U));
+  app.add_option("--increments", arguments.plan.rounds, "Increments that arrive")->check(CLI::Range(1U, 1000U));
+  app.add_option("--threads", arguments.threads, "Threads that serve")->check(CLI::Range(1U, 1024U));
   app.add_option("--seconds", arguments.seconds, "Time to serve without increments, and that they are spread over")
-      ->check(CLI::Range(0.01, 3600.0))
-      ->capture_default_str();
+      ->check(CLI::Range(0.01, 3600.0));
   app.add_option("--directory", arguments.directory, "Keep the snapshots in this directory; none: they are removed")
       ->check(CLI::ExistingDirectory);
 }
@@ -136,7 +130,5 @@ void Run(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
   CLI::App app("Serves a trained snapshot while increments arrive and are applied.", "serving");
-  Serving::Arguments arguments;
-  Serving::Declare(app, arguments);
-  return Examples::Main(app, argc, argv, [&arguments] { Serving::Run(arguments); });
+  return Examples::Main<Serving::Arguments>(app, argc, argv, Serving::Declare, Serving::Run);
 }

@@ -6,18 +6,25 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <kavo.hpp>
+#include <span>
 #include <vector>
 
 namespace ShardedLookup {
 
 using Key = unsigned long long;
 
-// One server's values are 8 bytes: here the key itself, so that a mix-up shows.
-void Store(const kavo::Table& server, Key key);
+struct Verification {
+  std::uint64_t found = 0;      // on the owner, with the right value
+  std::uint64_t misrouted = 0;  // the map names another server than the remainder does
+  std::uint64_t lost = 0;       // not on the owner
+  std::uint64_t garbled = 0;    // on the owner, with another value
+  std::uint64_t strays = 0;     // found on a server that is not the owner
+  std::uint64_t absent = 0;     // lookups on other servers that missed, as they should
 
-enum class Answer { ABSENT, PRESENT, OTHER_VALUE };
-Answer Find(const kavo::Table& server, Key key);
+  bool Passed() const { return misrouted + lost + garbled + strays == 0; }
+};
 
 class Cluster {
  public:
@@ -27,14 +34,19 @@ class Cluster {
 
   Cluster(unsigned servers, std::size_t keys);
 
-  unsigned Servers() const { return static_cast<unsigned>(m_tables.size()); }
-  // By index, 0 to Servers() - 1.
-  const kavo::Table& Table(std::size_t server) const { return m_tables[server]; }
-  const kavo::PartitionMap& Map() const { return m_map; }
-
-  static std::size_t ServerOf(unsigned psId) { return psId - FIRST_PS_ID; }
+  // Each thread takes a batch of keys, asks the map for all of their owners at once, groups the keys by owner and hands
+  // each server its group.
+  void Store(std::span<const Key> keys, unsigned threads) const;
+  // How many keys each server got.
+  std::vector<std::uint64_t> Stored() const;
+  // Looks each key up on every server.
+  Verification Verify(std::span<const Key> keys, unsigned threads) const;
 
  private:
+  template <class Work>
+  void ForBatches(std::span<const Key> keys, unsigned threads, const Work& work) const;
+  void VerifyKey(Key key, unsigned psId, Verification& result) const;
+
   std::vector<kavo::Table> m_tables;
   kavo::PartitionMap m_map;
 };
