@@ -3,6 +3,8 @@
 //   1  keys are scattered into partitions, equal ones found, and the rows of the distinct ones looked up;
 //   2  what memory the rest needs is known, and had. Nothing has changed so far;
 //   3  gradients of equal keys are added, while the rows are asked for; then each row takes its step.
+#include <numeric>
+
 #include "embedding/add_rows.h"
 #include "embedding/embedding.h"
 #include "embedding/partitions.h"
@@ -76,6 +78,54 @@ void StepRow(unsigned char* row, const float* sums, const RowLayout& layout, con
   head.EndWrite(seen, std::max(number, RowHead::Step(seen)));
 }
 
+// The three parts of a partition's work. What their loops need stands in variables of their own: what a closure refers
+// to would be read again for each key.
+
+// Adds gradients of equal keys up, while the rows are asked for.
+template <class Source>
+void AddUp(std::span<const Element> elements, std::span<unsigned char* const> rows, const Source source,
+           const RowLayout& layout, float* sums) noexcept {
+  const std::size_t dim = layout.Dim();
+  const std::size_t bytes = layout.Bytes();
+  std::fill_n(sums, rows.size() * dim, 0.0F);
+  for (std::size_t e = 0; e < elements.size(); ++e) {
+    if (e < rows.size()) {  // there are no more distinct keys than elements
+      PrefetchRow(rows[e], bytes);
+    }
+    if (e + GRADIENTS_AHEAD < elements.size()) {
+      PrefetchForRead(source.Of(elements[e + GRADIENTS_AHEAD].index));
+    }
+    const float* const gradient = source.Of(elements[e].index);
+    const float factor = source.Factor(elements[e].index);
+    AddRows(sums + elements[e].slot * dim, &gradient, source.HasFactors() ? &factor : nullptr, 1, dim);
+  }
+}
+
+// Makes rows null that are none (yet, or any more). Answers how many of the elements have no row.
+unsigned long long DropRowless(std::span<const Element> elements, std::span<unsigned char*> rows) noexcept {
+  bool any = false;
+  for (unsigned char*& row : rows) {
+    row = row != nullptr && HasRowNow(row) ? row : nullptr;
+    any = any || row == nullptr;
+  }
+  return !any ? 0
+              : static_cast<unsigned long long>(
+                    std::count_if(elements.begin(), elements.end(),
+                                  [rows](const Element& element) { return rows[element.slot] == nullptr; }));
+}
+
+template <class Optimiser>
+void StepRows(std::span<unsigned char* const> rows, const float* sums, const RowLayout& layout,
+              const Optimiser optimiser, std::uint64_t number, float* scratch) noexcept {
+  const std::size_t dim = layout.Dim();
+  for (unsigned char* const row : rows) {
+    if (row != nullptr) {
+      StepRow(row, sums, layout, optimiser, number, scratch);
+    }
+    sums += dim;
+  }
+}
+
 }  // namespace
 
 template <class Source>
@@ -127,54 +177,36 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
   const OptimiserInput input{call.Rates(), m_options.initialAccumulator, call.Number(), scale};
   ForOptimiser(m_options.optimiser, input, [&](const auto& optimiser) {
     forEachPartition([&](std::size_t worker, std::size_t partition) {
-      const std::span<const Element> elements = all.Of(partition);
-      const std::span<unsigned char*> rows = all.RowsOf(partition);
       float* const sums = ofWorkers[worker].sums.Take(sumFloats).data();
       float* const copy = ofWorkers[worker].row.Take(m_layout.Floats()).data();
-      std::fill_n(sums, rows.size() * dim, 0.0F);
-      for (std::size_t e = 0; e < elements.size(); ++e) {
-        const std::size_t index = elements[e].index;
-        if (e < rows.size()) {  // there are no more distinct keys than elements
-          PrefetchRow(rows[e], m_layout.Bytes());
-        }
-        if (e + GRADIENTS_AHEAD < elements.size()) {
-          PrefetchForRead(source.Of(elements[e + GRADIENTS_AHEAD].index));
-        }
-        const float* const gradient = source.Of(index);
-        const float factor = source.Factor(index);
-        AddRows(&sums[elements[e].slot * dim], &gradient, source.HasFactors() ? &factor : nullptr, 1, dim);
+      AddUp(all.Of(partition), all.RowsOf(partition), source, m_layout, sums);
+      const unsigned long long rowless =
+          DropRowless(all.Of(partition), all.RowsOf(partition));  // before any gradient of weights, and any step
+      if (weightGradients != nullptr) {
+        AddWeightGradients(keys, all.Of(partition), all.RowsOf(partition), source, scale, copy, weightGradients);
       }
-      for (unsigned char*& row : rows) {
-        if (row != nullptr && !HasRowNow(row)) {
-          row = nullptr;
-        }
-      }
-      unsigned long long rowless = 0;
-      for (const Element& element : elements) {
-        unsigned char* const row = rows[element.slot];
-        rowless += row == nullptr ? 1 : 0;
-        if (weightGradients != nullptr) {
-          RowHead::Word seen = 0;
-          if (row == nullptr || !ReadRow(row, dim, copy, seen)) {
-            m_start.Fill(keys[element.index], copy, dim);
-          }
-          const float* const gradient = source.Of(element.index);
-          float product = 0;
-          for (std::size_t i = 0; i < dim; ++i) {
-            product += copy[i] * gradient[i];
-          }
-          weightGradients[element.index] = product * scale;
-        }
-      }
-      for (std::size_t k = 0; k < rows.size(); ++k) {
-        if (rows[k] != nullptr) {
-          StepRow(rows[k], &sums[k * dim], m_layout, optimiser, call.Number(), copy);
-        }
-      }
+      StepRows(all.RowsOf(partition), sums, m_layout, optimiser, call.Number(), copy);
       passedOver.fetch_add(rowless, std::memory_order_relaxed);  // read once the workers were joined
     });
   });
   return passedOver.load(std::memory_order_relaxed);
+}
+
+// From the rows as they are. A key without a row counts as its start.
+template <class Source>
+void Embedding::AddWeightGradients(std::span<const long> keys, std::span<const Element> elements,
+                                   std::span<unsigned char* const> rows, const Source& source, float scale, float* copy,
+                                   float* weightGradients) const {
+  const std::size_t dim = m_layout.Dim();
+  for (const Element& element : elements) {
+    unsigned char* const row = rows[element.slot];
+    RowHead::Word seen = 0;
+    if (row == nullptr || !ReadRow(row, dim, copy, seen)) {
+      m_start.Fill(keys[element.index], copy, dim);
+    }
+    const float* const gradient = source.Of(element.index);
+    weightGradients[element.index] = std::inner_product(copy, copy + dim, gradient, 0.0F) * scale;
+  }
 }
 
 unsigned long long Embedding::Backward(std::span<const long> keys, const float* gradients, float scale) {

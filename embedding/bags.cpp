@@ -48,21 +48,24 @@ bool AddRun(std::span<const long> keys, const KavoBags& bags, std::size_t first,
             unsigned char* const* rows, const unsigned char* const* rowsEnd, const RowLayout& layout, float* sum,
             float* copy, const Without& without) {
   const std::size_t num = end - first;
+  const std::size_t dim = layout.Dim();
+  const std::size_t bytes = layout.WeightBytes();
+  const float* const weights = bags.weights;
+  const long* const padding = bags.hasPadding != 0 ? &bags.padding : nullptr;
   RowHead::Word heads[RUN];
   const float* floats[RUN];
   std::size_t added = 0;
   // In the order of the keys, as many together as stand in the table.
   const auto addUpTo = [&](std::size_t i) {
-    const float* const factors = bags.weights == nullptr ? nullptr : bags.weights + first + added;
-    AddRows(sum, floats + added, factors, i - added, layout.Dim());
+    AddRows(sum, floats + added, weights == nullptr ? nullptr : weights + first + added, i - added, dim);
     added = i;
   };
   for (std::size_t i = 0; i < num; ++i) {
     if (rows + i + ROWS_AHEAD < rowsEnd) {
-      PrefetchRow(rows[i + ROWS_AHEAD], layout.WeightBytes());
+      PrefetchRow(rows[i + ROWS_AHEAD], bytes);
     }
-    const bool padding = IsPadding(bags, keys[first + i]);
-    heads[i] = padding ? 0 : WholeHead(rows[i]);
+    const bool isPadding = padding != nullptr && keys[first + i] == *padding;
+    heads[i] = isPadding ? 0 : WholeHead(rows[i]);
     if (heads[i] != 0) {
       floats[i] = RowLayout::Weights(rows[i]);
 #ifndef KAVO_ATOMIC_FLOATS
@@ -71,10 +74,10 @@ bool AddRun(std::span<const long> keys, const KavoBags& bags, std::size_t first,
     }
     addUpTo(i);
     if (heads[i] != 0) {
-      LoadFloats(floats[i], copy, layout.Dim());
+      LoadFloats(floats[i], copy, dim);
       floats[i] = copy;
     } else {
-      floats[i] = padding ? nullptr : without(first + i, rows[i], copy);
+      floats[i] = isPadding ? nullptr : without(first + i, rows[i], copy);
     }
     if (floats[i] == nullptr) {
       added = i + 1;
@@ -92,45 +95,53 @@ bool AddRun(std::span<const long> keys, const KavoBags& bags, std::size_t first,
 
 }  // namespace
 
+// Some of the bags. What the loops need stands in variables of their own: what a closure refers to would be read again
+// for each key.
+template <class Find, class Without>
+int Embedding::PoolPiece(std::span<const long> keys, KavoBags bags, std::size_t firstBag, std::size_t numBags,
+                         float* pooled, Scratch& scratch, const Find& find, const Without& without) const {
+  const std::size_t dim = m_layout.Dim();
+  float* const before = scratch.floats.data() + m_layout.Floats();
+  float* const copy = before + dim;
+  std::fill_n(pooled + firstBag * dim, numBags * dim, 0.0F);
+  const std::size_t last = bags.offsets[firstBag + numBags];
+  std::size_t bag = firstBag;
+  for (std::size_t first = bags.offsets[firstBag]; first < last;) {
+    const std::size_t end = std::min(last, first + KeyTables::BLOCK);
+    unsigned char* rows[KeyTables::BLOCK];
+    const int status = find(first, end - first, rows);
+    if (status != KAVO_SUCCESS) {
+      return status;
+    }
+    PrefetchFirstRows(rows, end - first, m_layout.WeightBytes());
+    for (std::size_t key = first; key < end;) {
+      while (bags.offsets[bag + 1] <= key) {
+        ++bag;
+      }
+      float* const sum = pooled + bag * dim;
+      const std::size_t runEnd = std::min({end, key + RUN, static_cast<std::size_t>(bags.offsets[bag + 1])});
+      std::copy_n(sum, dim, before);
+      while (!AddRun(keys, bags, key, runEnd, rows + (key - first), rows + (end - first), m_layout, sum, copy,
+                     [&](std::size_t missing, unsigned char* row, float* out) {
+                       return without(missing, row, scratch.floats.data(), out);
+                     })) {
+        std::copy_n(before, dim, sum);
+      }
+      key = runEnd;
+    }
+    first = end;
+  }
+  for (std::size_t b = firstBag; bags.pool == KAVO_POOL_MEAN && b < firstBag + numBags; ++b) {
+    Share(keys, bags, b, pooled + b * dim, dim);
+  }
+  return KAVO_SUCCESS;
+}
+
 template <class Find, class Without>
 void Embedding::PoolBags(std::span<const long> keys, const KavoBags& bags, float* pooled, const Find& find,
                          const Without& without) const {
-  const std::size_t dim = m_layout.Dim();
   ForBlocks(bags.num, BAGS_A_PIECE, [&](std::size_t firstBag, std::size_t numBags, Scratch& scratch) {
-    float* const before = scratch.floats.data() + m_layout.Floats();
-    float* const copy = before + dim;
-    std::fill_n(pooled + firstBag * dim, numBags * dim, 0.0F);
-    const std::size_t last = bags.offsets[firstBag + numBags];
-    std::size_t bag = firstBag;
-    for (std::size_t first = bags.offsets[firstBag]; first < last;) {
-      const std::size_t end = std::min(last, first + KeyTables::BLOCK);
-      unsigned char* rows[KeyTables::BLOCK];
-      const int status = find(first, end - first, rows);
-      if (status != KAVO_SUCCESS) {
-        return status;
-      }
-      PrefetchFirstRows(rows, end - first, m_layout.WeightBytes());
-      for (std::size_t key = first; key < end;) {
-        while (bags.offsets[bag + 1] <= key) {
-          ++bag;
-        }
-        float* const sum = pooled + bag * dim;
-        const std::size_t runEnd = std::min({end, key + RUN, static_cast<std::size_t>(bags.offsets[bag + 1])});
-        std::copy_n(sum, dim, before);
-        while (!AddRun(keys, bags, key, runEnd, rows + (key - first), rows + (end - first), m_layout, sum, copy,
-                       [&](std::size_t missing, unsigned char* row, float* out) {
-                         return without(missing, row, scratch.floats.data(), out);
-                       })) {
-          std::copy_n(before, dim, sum);
-        }
-        key = runEnd;
-      }
-      first = end;
-    }
-    for (std::size_t b = firstBag; bags.pool == KAVO_POOL_MEAN && b < firstBag + numBags; ++b) {
-      Share(keys, bags, b, pooled + b * dim, dim);
-    }
-    return static_cast<int>(KAVO_SUCCESS);
+    return PoolPiece(keys, bags, firstBag, numBags, pooled, scratch, find, without);
   });
 }
 

@@ -95,6 +95,10 @@ class Embedding {
   template <class Body>
   void ForBlocks(std::size_t num, std::size_t blockItems, const Body& body) const;
 
+  // Lookup and forward of up to a block of keys.
+  int LookupBlock(std::span<const long> keys, Absent absent, float* rows, unsigned char* found) const;
+  int ForwardBlock(std::span<const long> keys, const unsigned* occurrences, std::uint64_t number, float* scratch,
+                   float* rows, unsigned long long& rowless);
   // Finds the rows of up to a block of keys.
   int FindBlock(std::span<const long> keys, unsigned char** rows) const;
   // The same, and offers what has none, or what is to be counted; not the padding key, if there is one.
@@ -107,12 +111,19 @@ class Embedding {
   // find(first, count, rows) gives the rows of a block of keys. without(index, row, scratch, out) gives the floats of a
   // key that has none (null for zeros): its row is null, or in the table and not yet created, or forgotten.
   template <class Find, class Without>
+  int PoolPiece(std::span<const long> keys, KavoBags bags, std::size_t firstBag, std::size_t numBags, float* pooled,
+                Scratch& scratch, const Find& find, const Without& without) const;
+  template <class Find, class Without>
   void PoolBags(std::span<const long> keys, const KavoBags& bags, float* pooled, const Find& find,
                 const Without& without) const;
 
   template <class Source>
   unsigned long long Train(std::span<const long> keys, const Source& source, const long* padding, float scale,
                            float* weightGradients, StepMemory& memory);
+  template <class Source>
+  void AddWeightGradients(std::span<const long> keys, std::span<const Element> elements,
+                          std::span<unsigned char* const> rows, const Source& source, float scale, float* copy,
+                          float* weightGradients) const;
 
   // Where a walk over all keys stands; used by one thread at a time.
   struct KeyWalk {

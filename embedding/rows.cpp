@@ -127,69 +127,86 @@ void Embedding::ReadOrCreate(unsigned char* row, long key, std::uint64_t number,
   }
 }
 
-void Embedding::Lookup(std::span<const long> keys, const Absent& absent, float* rows, unsigned char* found) const {
+// What the loop needs stands in variables of its own: what a closure refers to would be read again for each key.
+int Embedding::LookupBlock(std::span<const long> keys, Absent absent, float* rows, unsigned char* found) const {
+  unsigned char* at[KeyTables::BLOCK];
+  const int status = FindBlock(keys, at);
+  if (status != KAVO_SUCCESS) {
+    return status;
+  }
   const std::size_t dim = m_layout.Dim();
+  const std::size_t bytes = m_layout.WeightBytes();
+  const std::size_t count = keys.size();
+  PrefetchFirstRows(at, count, bytes);
+  for (std::size_t i = 0; i < count; ++i, rows += dim) {
+    if (i + ROWS_AHEAD < count) {
+      PrefetchRow(at[i + ROWS_AHEAD], bytes);
+    }
+    RowHead::Word seen = 0;
+    const bool there = at[i] != nullptr && ReadRow(at[i], dim, rows, seen);
+    if (!there) {
+      switch (absent.kind) {
+        case KAVO_ABSENT_ROW:
+          std::copy_n(absent.row, dim, rows);
+          break;
+        case KAVO_ABSENT_START:
+          m_start.Fill(keys[i], rows, dim);
+          break;
+        default:
+          std::fill_n(rows, dim, 0.0F);
+      }
+    }
+    if (found != nullptr) {
+      found[i] = there ? 1 : 0;
+    }
+  }
+  return KAVO_SUCCESS;
+}
+
+void Embedding::Lookup(std::span<const long> keys, const Absent& absent, float* rows, unsigned char* found) const {
   ForBlocks(keys.size(), KeyTables::BLOCK, [&](std::size_t first, std::size_t count, Scratch&) {
-    unsigned char* at[KeyTables::BLOCK];
-    const int status = FindBlock(keys.subspan(first, count), at);
-    if (status != KAVO_SUCCESS) {
-      return status;
-    }
-    PrefetchFirstRows(at, count, m_layout.WeightBytes());
-    for (std::size_t i = 0; i < count; ++i) {
-      if (i + ROWS_AHEAD < count) {
-        PrefetchRow(at[i + ROWS_AHEAD], m_layout.WeightBytes());
-      }
-      float* const out = rows + (first + i) * dim;
-      RowHead::Word seen = 0;
-      const bool there = at[i] != nullptr && ReadRow(at[i], dim, out, seen);
-      if (!there) {
-        switch (absent.kind) {
-          case KAVO_ABSENT_ROW:
-            std::copy_n(absent.row, dim, out);
-            break;
-          case KAVO_ABSENT_START:
-            m_start.Fill(keys[first + i], out, dim);
-            break;
-          default:
-            std::fill_n(out, dim, 0.0F);
-        }
-      }
-      if (found != nullptr) {
-        found[first + i] = there ? 1 : 0;
-      }
-    }
-    return static_cast<int>(KAVO_SUCCESS);
+    return LookupBlock(keys.subspan(first, count), absent, rows + first * m_layout.Dim(),
+                       found == nullptr ? nullptr : found + first);
   });
+}
+
+// Adds to `rowless` how many of the keys had no row at their turn.
+int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurrences, std::uint64_t number,
+                            float* scratch, float* rows, unsigned long long& rowless) {
+  unsigned char* at[KeyTables::BLOCK];
+  const int status = OfferBlock(keys, occurrences, at);
+  if (status != KAVO_SUCCESS) {
+    return status;
+  }
+  const std::size_t dim = m_layout.Dim();
+  const std::size_t bytes = m_layout.WeightBytes();
+  const std::size_t count = keys.size();
+  unsigned long long without = 0;
+  PrefetchFirstRows(at, count, bytes);
+  for (std::size_t i = 0; i < count; ++i, rows += dim) {
+    if (i + ROWS_AHEAD < count) {
+      PrefetchRow(at[i + ROWS_AHEAD], bytes);
+    }
+    if (at[i] == nullptr) {
+      m_start.Fill(keys[i], rows, dim);
+      ++without;
+    } else {
+      ReadOrCreate(at[i], keys[i], number, scratch, rows);
+    }
+  }
+  rowless += without;
+  return KAVO_SUCCESS;
 }
 
 unsigned long long Embedding::Forward(std::span<const long> keys, const unsigned* occurrences, float* rows) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::WRITE);
-  const std::size_t dim = m_layout.Dim();
   Atomic<unsigned long long> without{0};
   ForBlocks(keys.size(), KeyTables::BLOCK, [&](std::size_t first, std::size_t count, Scratch& scratch) {
-    unsigned char* at[KeyTables::BLOCK];
-    const int status =
-        OfferBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first, at);
-    if (status != KAVO_SUCCESS) {
-      return status;
-    }
-    PrefetchFirstRows(at, count, m_layout.WeightBytes());
     unsigned long long rowless = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      if (i + ROWS_AHEAD < count) {
-        PrefetchRow(at[i + ROWS_AHEAD], m_layout.WeightBytes());
-      }
-      float* const out = rows + (first + i) * dim;
-      if (at[i] == nullptr) {
-        m_start.Fill(keys[first + i], out, dim);
-        ++rowless;
-      } else {
-        ReadOrCreate(at[i], keys[first + i], call.Number(), scratch.floats.data(), out);
-      }
-    }
+    const int status = ForwardBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first,
+                                    call.Number(), scratch.floats.data(), rows + first * m_layout.Dim(), rowless);
     without.fetch_add(rowless, std::memory_order_relaxed);  // read once the workers were joined
-    return static_cast<int>(KAVO_SUCCESS);
+    return status;
   });
   return without.load(std::memory_order_relaxed);
 }
