@@ -12,8 +12,8 @@ const Keys ONE_A_BUCKET = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}
 const Keys ALL_BUT_ONE_BLOCK = {1, 2, 3, 4, 5, 6, 7};
 
 constexpr BatchTable BASIC = {};
-constexpr BatchTable FILTER = {.type = KAVO_TABLE_TYPE_FILTER};
-constexpr BatchTable GRADUAL = {.mode = KAVO_REHASH_GRADUAL};
+constexpr BatchTable FILTER = {.type = kavo::TableType::FILTER};
+constexpr BatchTable GRADUAL = {.mode = kavo::RehashMode::GRADUAL};
 
 TEST(BatchScenarios, KeysThatTwoBatchesShareAreCreatedOnce) {
   ExpectBatchesHold({}, {Offers({0, 16, 0}), Offers({16, 0, 16}), Looks({0, 16, 0})});

@@ -44,4 +44,20 @@ Report Explore(const std::function<std::unique_ptr<ScenarioRun>()>& make);
 // Explores and prints what was seen; a failure fails the test.
 void ExpectHolds(const std::function<std::unique_ptr<ScenarioRun>()>& make);
 
+// The same, where each run is a Run: the calls of `before` have happened, and each thread makes one of `threads`.
+template <class Run, class... Arguments>
+void ExpectCallsHold(const std::vector<std::function<void(Run&)>>& before,
+                     const std::vector<std::function<void(Run&)>>& threads, const Arguments&... arguments) {
+  ExpectHolds([&] {
+    auto run = std::make_unique<Run>(arguments...);
+    for (const auto& call : before) {
+      call(*run);
+    }
+    for (const auto& call : threads) {
+      run->threads.emplace_back([&call, &self = *run] { call(self); });
+    }
+    return run;
+  });
+}
+
 }  // namespace KavoExplorer

@@ -4,10 +4,11 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-
-#include "model/export_walk.h"
+#include <vector>
 
 namespace KavoTest {
+
+using Bytes = std::vector<unsigned char>;
 
 // The library did something else than the reference model said.
 class Mismatch : public std::runtime_error {
