@@ -214,7 +214,7 @@ class BatchRun final : public ScenarioRun {
 
   static constexpr unsigned ID = 0;
   const bool m_isFilter;
-  const KavoTest::Held m_before;
+  const KavoTest::Held m_before{};
   kavo::Table m_table;
   Ledger m_ledger;
   std::map<long, Told> m_told;

@@ -36,7 +36,7 @@ class Allocation : public ::testing::Test {
   long long MappedTaken() const { return KavoTest::Held().mapped - m_before.mapped; }
 
  private:
-  const KavoTest::Held m_before;
+  const KavoTest::Held m_before{};
 };
 
 TEST_F(Allocation, ARangeIsZeroAlignedWritableAndAccountedWhateverItsSize) {
