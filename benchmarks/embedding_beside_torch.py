@@ -2,13 +2,13 @@
 """Training steps of Kavo embeddings beside PyTorch's, on one stream: what a user would pick instead on this machine.
 
 Both sum bags of heavy-tailed ids over tables that hold all rows, and train them with the same gradients; the steps of
-the two alternate, and medians are compared. Prints one JSON object. Needs Debian's python3-torch, and libkavo_embedding
-at the path that is given. The environment should have OMP_WAIT_POLICY=PASSIVE, or PyTorch's idle threads hold a core.
+the two alternate. Prints JSON as embedding_benchmarks does: a list of rows, what was measured and every sample. Needs
+Debian's python3-torch, and libkavo_embedding at the path that is given. The environment should have
+OMP_WAIT_POLICY=PASSIVE, or PyTorch's idle threads hold a core.
 """
 
 import argparse
 import json
-import statistics
 import time
 
 import numpy
@@ -55,10 +55,8 @@ def main() -> None:
     starts = torch.from_numpy(offsets[:-1].astype(numpy.int64))
     out = numpy.empty((options.bags, options.dim), dtype=numpy.float32)
     times: dict[str, list[float]] = {"kavo forward": [], "kavo step": [], "torch forward": [], "torch step": []}
-    distinct = 0
     for step in range(options.steps + 3):  # the first are warm-up
         keys = stream(options.rows, num, random)
-        distinct = len(numpy.unique(keys))
         gradients = random.standard_normal((options.bags, options.dim), dtype=numpy.float32) * 0.01
         bags = kavo.bags(offsets)
         begin = time.perf_counter()
@@ -81,19 +79,22 @@ def main() -> None:
             times["kavo step"].append(end - begin)
             times["torch forward"].append(torch_middle - torch_begin)
             times["torch step"].append(torch_end - torch_middle)
-    medians = {name: statistics.median(each) for name, each in times.items()}
-    result = {
-        "optimiser": options.optimiser,
-        "threads": options.threads,
-        "rows": options.rows,
-        "dim": options.dim,
-        "keys": num,
-        "distinct": distinct,
-        "milliseconds": {name: round(1000 * each, 3) for name, each in medians.items()},
-        "step, times as fast": round(medians["torch step"] / medians["kavo step"], 2),
-        "forward, times as slow": round(medians["kavo forward"] / medians["torch forward"], 2),
-    }
-    print(json.dumps(result, indent=1))
+    threads = f"{options.threads} thread{'' if options.threads == 1 else 's'}"
+    name = {"sgd": "SGD", "adagrad": "Adagrad", "adam": "Adam"}[options.optimiser]
+    rows = [
+        {
+            "title": f"{what}, {name}, {threads}",
+            "unit": "ns a key",
+            "beside": beside,
+            "kavo": [1e9 * time / num for time in times[f"kavo {key}"]],
+            "other": [1e9 * time / num for time in times[f"torch {key}"]],
+        }
+        for what, key, beside in (
+            ("training step", "step", "PyTorch's whole step"),
+            ("forward alone", "forward", "PyTorch's under no_grad"),
+        )
+    ]
+    print(json.dumps(rows))
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Tables and plots of what table_benchmarks measured."""
+"""Tables and plots of what table_benchmarks, embedding_benchmarks and embedding_beside_torch.py measured."""
 import argparse
 import json
 import os
@@ -8,6 +8,7 @@ import statistics
 import subprocess
 import sys
 import textwrap
+import time
 from pathlib import Path
 from typing import Any, Callable, NamedTuple, Optional
 
@@ -210,7 +211,30 @@ def memory(results: Results) -> Section:
     )
 
 
-SECTIONS = [operations, memory_limits, growth, memory]
+def embeddings(results: Results) -> Section:
+    def cells(row: Results) -> list[str]:
+        kavo, other = (statistics.median(row[name]) for name in ("kavo", "other"))
+        return [row["title"], f"{kavo:.2f}", f"{other:.2f}", row["unit"], f"{kavo / other:.2f}", row["beside"]]
+
+    return Section(
+        "Embeddings",
+        ["", "Kavo", "the other", "unit", "Kavo / other", "the other is"],
+        [cells(row) for row in results["embeddings"]],
+        [
+            f"{results['embeddingRows']:,} rows of 16 floats (a quarter of that of 64), keys heavy-tailed: the r-th "
+            "most frequent comes up in proportion to 1 / r. Medians of samples that alternate.",
+            "A step is forward and backward over 4,096 bags of 26 keys, sums. PyTorch's is "
+            "`nn.EmbeddingBag(sparse=True)` over a table that has all rows already, with `optim.SGD`, `Adagrad` or `SparseAdam`: a row there is one "
+            "cache line found by its number, here three found by a key. Ratios of times are good below 1, ratios of "
+            "rates (GB/s) above.",
+            "Saving and loading are those of one full snapshot with its checks; beside them as many bytes are written "
+            "to a file of that folder and brought to the disk, and read back, most of them from the system's cache.",
+        ],
+        [],
+    )
+
+
+SECTIONS = [operations, memory_limits, growth, memory, embeddings]
 
 
 def in_words(section: Section, padded: bool) -> str:
@@ -367,15 +391,39 @@ def machine_in_words() -> str:
     )
 
 
-def measure(program: str, options: list[str]) -> Results:
-    run = subprocess.run([program, *options], stdout=subprocess.PIPE, check=False)
+def output(command: list[str]) -> Any:
+    # PyTorch's idle threads would hold the cores that others are measured on.
+    run = subprocess.run(command, stdout=subprocess.PIPE, check=False, env={**os.environ, "OMP_WAIT_POLICY": "PASSIVE"})
     if run.returncode != 0:
         sys.exit(run.returncode)
-    return {"machine": machine_in_words(), **json.loads(run.stdout)}
+    return json.loads(run.stdout)
+
+
+def measure(build: Path, options: list[str], rows: int) -> Results:
+    results: Results = {
+        "machine": machine_in_words(),
+        **output([str(build / "benchmarks" / "table_benchmarks"), *options]),
+    }
+    threads = str(results["threads"])
+    begin = time.monotonic()
+    measured: list[Any] = []
+    for count in dict.fromkeys(("1", threads)):
+        for optimiser in ("sgd", "adagrad", "adam"):
+            print(f"beside PyTorch: {optimiser}, {count} thread(s)", file=sys.stderr)
+            script = str(Path(__file__).with_name("embedding_beside_torch.py"))
+            library = str(build / "embedding" / "libkavo_embedding.so")
+            common = ["--rows", str(rows), "--threads", count, "--optimiser", optimiser]
+            measured += output(["/usr/bin/python3", script, library, *common])
+    print("embeddings", file=sys.stderr)
+    program = str(build / "benchmarks" / "embedding_benchmarks")
+    measured += output([program, "--rows", str(rows), "--threads", threads, "--rounds", str(results["rounds"])])
+    results["seconds"] += time.monotonic() - begin
+    return {**results, "embeddingRows": rows, "embeddings": measured}
 
 
 def page(results: Results, sections: list[Section]) -> str:
-    command = "./run bench --entries {entries} --threads {threads} --rounds {rounds} --report".format(**results)
+    command = "./run bench --entries {entries} --threads {threads} --rounds {rounds}"
+    command = (command + " --embedding-rows {embeddingRows} --report").format(**results)
     head = (
         f"# Performance\n\nMeasured and written by\n\n```sh\n{command}\n```\n\n"
         "against the maps that one would use instead, in one process and in the same rounds.\n"
@@ -410,14 +458,18 @@ def write_report(results: Results, sections: list[Section], folder: Path) -> Non
 
 def main() -> None:
     parser = argparse.ArgumentParser(
-        usage="./run bench [--entries N] [--threads T] [--rounds R] [--report] [--report-to FOLDER]\n"
+        usage="./run bench [--entries N] [--threads T] [--rounds R] [--embedding-rows N] [--report] "
+        "[--report-to FOLDER]\n"
         "       benchmarks/report.py docs/performance/results.json [--report] [--report-to FOLDER]",
         description="Kavo's tables beside the maps that one would use instead, and beside what the memory allows.",
         epilog="Measures 1,000,000 entries with 2 threads in 5 rounds (3 of more than 4,000,000) unless N, T and R say "
         "otherwise; or shows again what an earlier run measured.",
         allow_abbrev=False,
     )
-    parser.add_argument("source", help="the program that measures, which ./run bench names, or a results.json")
+    parser.add_argument(
+        "source", help="the build of the programs that measure, which ./run bench names; or results.json"
+    )
+    parser.add_argument("--embedding-rows", metavar="N", type=int, default=10_000_000, help="rows of the embeddings")
     parser.add_argument("--report", action="store_true", help="write performance.md, the numbers and the plots")
     parser.add_argument(
         "--report-to", metavar="FOLDER", type=Path, default=DOCS, help="the folder that the report goes to"
@@ -428,7 +480,7 @@ def main() -> None:
             parser.error("nothing is measured for a results.json: " + " ".join(measuring))
         results = json.loads(Path(options.source).read_text())
     else:
-        results = measure(options.source, measuring)
+        results = measure(Path(options.source), measuring, options.embedding_rows)
     sections = [section(results) for section in SECTIONS]
     for section in sections:
         print(in_words(section, padded=True), end="\n\n")
