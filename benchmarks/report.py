@@ -224,9 +224,9 @@ def embeddings(results: Results) -> Section:
             f"{results['embeddingRows']:,} rows of 16 floats (a quarter of that of 64), keys heavy-tailed: the r-th "
             "most frequent comes up in proportion to 1 / r. Medians of samples that alternate.",
             "A step is forward and backward over 4,096 bags of 26 keys, sums. PyTorch's is "
-            "`nn.EmbeddingBag(sparse=True)` over a table that has all rows already, with `optim.SGD`, `Adagrad` or `SparseAdam`: a row there is one "
-            "cache line found by its number, here three found by a key. Ratios of times are good below 1, ratios of "
-            "rates (GB/s) above.",
+            "`nn.EmbeddingBag(sparse=True)` over a table that has all rows already, with `optim.SGD`, `Adagrad` or "
+            "`SparseAdam`: a row there is one cache line found by its number, here three found by a key. Ratios of "
+            "times are good below 1, ratios of rates (GB/s) above.",
             "Saving and loading are those of one full snapshot with its checks; beside them as many bytes are written "
             "to a file of that folder and brought to the disk, and read back, most of them from the system's cache.",
         ],
