@@ -56,6 +56,7 @@ OWN_OPTIONS = {
     "serving",
     "sharded_lookup",
     "kavo_c_test",
+    "embedding_page",
 }  # not GoogleTest's
 
 
