@@ -37,13 +37,6 @@ class FilterTableTest : public testing::Test {
     const int status = m_table.InsertOrFindWithCounter(info);
     return {status, info.rawPtr, info.memKind};
   }
-  unsigned char* PrepareOne() {
-    unsigned long long count = 0;
-    unsigned char* prepared = nullptr;
-    EXPECT_EQ(KAVO_SUCCESS, m_table.PrepareMemForValues(count));
-    EXPECT_EQ(KAVO_SUCCESS, m_table.GetMemForValue(0, prepared));
-    return prepared;
-  }
   // Without a block in stock the next one must be allocated.
   void UseUpStock() {
     for (long key = 1000; key < 1008; ++key) {
@@ -57,7 +50,10 @@ class FilterTableTest : public testing::Test {
 };
 
 TEST_F(FilterTableTest, TheCommonInsertOrFindCountsOneOccurrence) {
-  const unsigned char* const prepared = PrepareOne();
+  unsigned long long count = 0;
+  unsigned char* prepared = nullptr;
+  ASSERT_EQ(KAVO_SUCCESS, m_table.PrepareMemForValues(count));
+  ASSERT_EQ(KAVO_SUCCESS, m_table.GetMemForValue(0, prepared));
   m_table.SetFilterFreq(3);
   for (int occurrence = 1; occurrence <= 4; ++occurrence) {
     FilterTable::OperationInfo info{7, nullptr, MemKind::PREPARED};
