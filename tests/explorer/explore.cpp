@@ -219,6 +219,27 @@ class Exploration {
  public:
   explicit Exploration(const std::function<std::unique_ptr<ScenarioRun>()>& make) : m_make(make) {}
 
+  std::string Explore() {
+    if (const char* const schedule = std::getenv("KAVO_EXPLORE_REPLAY")) {
+      Replay replay(schedule);
+      Run(replay);
+      return m_failure;
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const char* const given = std::getenv("KAVO_EXPLORE_SCHEDULES");
+    const unsigned long long budget = given != nullptr ? std::strtoull(given, nullptr, 10) : DEFAULT_SCHEDULES;
+    // A quarter is for random orders, where there are more than the budget holds.
+    const bool isAll = RunBounded(budget - budget / 4);
+    if (m_failure.empty() && !isAll) {
+      RunRandom(budget);
+    }
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+    std::printf("explored %llu schedules in %.1f s, among them all with fewer than %u preemptions%s\n", m_schedules,
+                seconds.count(), m_complete, isAll ? ": there are no others" : "");
+    return m_failure;
+  }
+
+ private:
   // False when the run breaks a promise. One whose threads cannot go on ends the process: they use all that is here.
   bool Run(Chooser& chooser) {
     const std::unique_ptr<ScenarioRun> run = m_make();
@@ -227,82 +248,57 @@ class Exploration {
       failure = run->Check();
     }
     if (!failure.empty()) {
-      report.failure = failure + "\nschedule, for KAVO_EXPLORE_REPLAY: \"" + ScheduleText(m_scheduler.Choices()) +
-                       "\"\n" + StepsText(m_scheduler.Steps(), *run);
+      m_failure = failure + "\nschedule, for KAVO_EXPLORE_REPLAY: \"" + ScheduleText(m_scheduler.Choices()) + "\"\n" +
+                  StepsText(m_scheduler.Steps(), *run);
     }
     if (m_scheduler.IsStuck()) {
-      std::fputs(report.failure.c_str(), stderr);
+      std::fputs(m_failure.c_str(), stderr);
       std::_Exit(1);
     }
     return failure.empty();
   }
 
-  // Bound by bound, as far as the budget reaches. Counts each order once.
-  void RunBounded(unsigned long long budget) {
+  // Bound by bound, as far as the budget reaches. Counts each order once. True when there are no others.
+  bool RunBounded(unsigned long long budget) {
     unsigned long long before = 0;
     do {
-      before = report.schedules;
-      BoundedSearch search(report.complete);
+      before = m_schedules;
+      BoundedSearch search(m_complete);
       do {
-        if (report.schedules >= budget || !Run(search)) {
-          return;
+        if (m_schedules >= budget || !Run(search)) {
+          return false;
         }
-        report.schedules += search.IsNew() ? 1 : 0;
+        m_schedules += search.IsNew() ? 1 : 0;
       } while (search.Advance(m_scheduler.Steps()));
-      ++report.complete;
-    } while (report.schedules > before);
-    report.exhausted = true;
+      ++m_complete;
+    } while (m_schedules > before);
+    return true;
   }
 
-  void RunRandom(unsigned long seed, unsigned long long budget) {
-    RandomSearch search(seed);
-    for (; report.schedules < budget; ++report.schedules) {
+  void RunRandom(unsigned long long budget) {
+    RandomSearch search(KavoTest::TestSeed());
+    for (bool holds = true; holds && m_schedules < budget; ++m_schedules) {
       search.Begin(m_scheduler.Choices().size());
-      if (!Run(search)) {
-        return;
-      }
+      holds = Run(search);
     }
   }
 
-  Report report;
-
- private:
   const std::function<std::unique_ptr<ScenarioRun>()>& m_make;
   Scheduler m_scheduler;
+  unsigned long long m_schedules = 0;
+  unsigned m_complete = 0;  // all orders with fewer preemptions than this were seen
+  std::string m_failure;
 };
 
 }  // namespace
 
-Report Explore(const std::function<std::unique_ptr<ScenarioRun>()>& make) {
-  Exploration exploration(make);
-  if (const char* const schedule = std::getenv("KAVO_EXPLORE_REPLAY")) {
-    Replay replay(schedule);
-    exploration.report.schedules = 1;
-    exploration.Run(replay);
-    return exploration.report;
-  }
-  const char* const given = std::getenv("KAVO_EXPLORE_SCHEDULES");
-  const unsigned long long budget = given != nullptr ? std::strtoull(given, nullptr, 10) : DEFAULT_SCHEDULES;
-  // A quarter is for random orders, where there are more than the budget holds.
-  exploration.RunBounded(budget - budget / 4);
-  if (exploration.report.failure.empty() && !exploration.report.exhausted) {
-    exploration.RunRandom(KavoTest::TestSeed(), budget);
-  }
-  return exploration.report;
+std::string Explore(const std::function<std::unique_ptr<ScenarioRun>()>& make) {
+  return Exploration(make).Explore();
 }
 
 void ExpectHolds(const std::function<std::unique_ptr<ScenarioRun>()>& make) {
-  const auto begin = std::chrono::steady_clock::now();
-  const Report report = Explore(make);
-  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
-  if (report.exhausted) {
-    std::printf("explored all %llu schedules in %.1f s\n", report.schedules, seconds.count());
-  } else {
-    std::printf("explored %llu schedules in %.1f s, among them all with fewer than %u preemptions\n", report.schedules,
-                seconds.count(), report.complete);
-  }
-  if (!report.failure.empty()) {
-    ADD_FAILURE() << report.failure;
+  if (const std::string failure = Explore(make); !failure.empty()) {
+    ADD_FAILURE() << failure;
   }
 }
 

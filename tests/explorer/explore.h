@@ -32,16 +32,10 @@ class ScenarioRun {
   virtual std::string NameOf(const void* /* where */) const { return {}; }
 };
 
-struct Report {
-  unsigned long long schedules = 0;
-  unsigned complete = 0;   // all orders with fewer preemptions than this are among them
-  bool exhausted = false;  // there are no others
-  std::string failure;     // empty: none
-};
+// Explores and prints how far; what was found wrong, with its schedule and steps, or nothing.
+std::string Explore(const std::function<std::unique_ptr<ScenarioRun>()>& make);
 
-Report Explore(const std::function<std::unique_ptr<ScenarioRun>()>& make);
-
-// Explores and prints what was seen; a failure fails the test.
+// Fails the test if something is.
 void ExpectHolds(const std::function<std::unique_ptr<ScenarioRun>()>& make);
 
 // The same, where each run is a Run: the calls of `before` have happened, and each thread makes one of `threads`.
