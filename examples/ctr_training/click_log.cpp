@@ -6,6 +6,7 @@
 #include <charconv>
 #include <iterator>
 #include <optional>
+#include <string_view>
 
 namespace CtrTraining {
 namespace {
@@ -44,6 +45,7 @@ Columns Split(std::string_view text, const std::string& file, std::uint64_t line
   return columns;
 }
 
+// None of an empty text too.
 template <typename Number>
 std::optional<Number> ParseNumber(std::string_view text, int base = 10) {
   Number number{};
@@ -54,28 +56,8 @@ std::optional<Number> ParseNumber(std::string_view text, int base = 10) {
   return number;
 }
 
-Columns HeaderColumns() {
-  return Split(ClickLogHeader(), "header", 1);
-}
-
-}  // namespace
-
-const std::string& ClickLogHeader() {
-  static const std::string header = [] {
-    std::string names = "Id,Label";
-    for (std::size_t i = 1; i <= INTEGER_FIELDS; ++i) {
-      names += fmt::format(",I{}", i);
-    }
-    for (std::size_t i = 1; i <= CATEGORY_FIELDS; ++i) {
-      names += fmt::format(",C{}", i);
-    }
-    return names;
-  }();
-  return header;
-}
-
 void CheckHeader(std::string_view text, const std::string& file) {
-  const Columns expected = HeaderColumns();
+  const Columns expected = Split(ClickLogHeader(), "header", 1);
   const Columns found = Split(WithoutLineEnd(text), file, 1);
   for (std::size_t i = 0; i < COLUMNS; ++i) {
     if (found[i] != expected[i]) {
@@ -93,7 +75,6 @@ ClickRow ParseRow(std::string_view text, const std::string& file, std::uint64_t 
     Fail(file, line, fmt::format("Id '{}' is not an unsigned number", columns[0]));
   }
   row.id = *id;
-
   if (columns[1] != "0" && columns[1] != "1") {
     Fail(file, line, fmt::format("Label '{}' is neither 0 nor 1", columns[1]));
   }
@@ -101,25 +82,35 @@ ClickRow ParseRow(std::string_view text, const std::string& file, std::uint64_t 
 
   for (std::size_t i = 0; i < INTEGER_FIELDS; ++i) {
     const std::string_view column = columns[2 + i];
-    if (column.empty()) {
-      continue;
-    }
     row.integers[i] = ParseNumber<std::int64_t>(column);
-    if (!row.integers[i]) {
+    if (!column.empty() && !row.integers[i]) {
       Fail(file, line, fmt::format("I{} '{}' is not a 64-bit integer", i + 1, column));
     }
   }
   for (std::size_t i = 0; i < CATEGORY_FIELDS; ++i) {
     const std::string_view column = columns[2 + INTEGER_FIELDS + i];
-    if (column.empty()) {
-      continue;
-    }
     row.categories[i] = ParseNumber<std::uint32_t>(column, 16);
-    if (!row.categories[i] || column.size() > 8) {
+    if (!column.empty() && (!row.categories[i] || column.size() > 8)) {
       Fail(file, line, fmt::format("C{} '{}' is not a category of up to 8 hexadecimal digits", i + 1, column));
     }
   }
   return row;
+}
+
+}  // namespace
+
+const std::string& ClickLogHeader() {
+  static const std::string header = [] {
+    std::string names = "Id,Label";
+    for (std::size_t i = 1; i <= INTEGER_FIELDS; ++i) {
+      names += fmt::format(",I{}", i);
+    }
+    for (std::size_t i = 1; i <= CATEGORY_FIELDS; ++i) {
+      names += fmt::format(",C{}", i);
+    }
+    return names;
+  }();
+  return header;
 }
 
 std::string FormatRow(const ClickRow& row) {

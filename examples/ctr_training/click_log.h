@@ -8,7 +8,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 
 #include "ctr_training/click_row.h"
 
@@ -23,11 +22,7 @@ class ClickLogError : public std::runtime_error {
 // The 41 column names, comma-separated.
 const std::string& ClickLogHeader();
 
-// Both throw ClickLogError; `file` and `line` (counted from 1) only serve the message.
-void CheckHeader(std::string_view text, const std::string& file);
-ClickRow ParseRow(std::string_view text, const std::string& file, std::uint64_t line);
-
-// The line of a row, without a line end. ParseRow of it gives the row back.
+// The line of a row, without a line end.
 std::string FormatRow(const ClickRow& row);
 
 // A log file. Reading lines is serialised; parsing them, the larger part of the work, is done by each thread for its

@@ -23,7 +23,7 @@ struct ClickRow {
 };
 
 // Rows that are learned together, one step of the optimisers.
-inline constexpr std::uint64_t BLOCK_ROWS = 32;
+inline constexpr std::uint64_t BLOCK_ROWS = 64;
 
 struct RowBlock {
   std::uint64_t firstRow = 0;  // counted from 0 within the log

@@ -4,6 +4,7 @@
 #include <cmath>
 
 namespace CtrTraining {
+
 double LogLoss(double logit, bool clicked) {
   const double margin = clicked ? logit : -logit;
   return std::log1p(std::exp(-std::abs(margin))) + std::max(0.0, -margin);

@@ -1,5 +1,5 @@
-// How good predictions are: mean log loss and the area under the ROC curve, in plain bytes that a
-// snapshot can keep.
+// How good predictions are: mean log loss and the area under the ROC curve, in plain bytes that a snapshot
+// can keep.
 #pragma once
 
 #include <array>

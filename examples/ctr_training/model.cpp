@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 
 namespace CtrTraining {
 namespace {
@@ -98,9 +99,11 @@ void Learner::Interact(std::size_t row, bool clicked) {
   float* const gradients = &m_gradients[row * FIELDS * m_dim];
   std::fill(m_sum.begin(), m_sum.end(), 0.0F);
   float squares = 0.0F;
-  for (std::size_t i = 0; i < FIELDS * m_dim; ++i) {
-    m_sum[i % m_dim] += vectors[i];
-    squares += vectors[i] * vectors[i];
+  for (const float* vector = vectors; vector != vectors + FIELDS * m_dim; vector += m_dim) {
+    for (unsigned d = 0; d < m_dim; ++d) {
+      m_sum[d] += vector[d];
+      squares += vector[d] * vector[d];
+    }
   }
   // The sum over all pairs in one pass: half of (square of the sum - sum of the squares).
   float interactions = -squares;
@@ -108,9 +111,14 @@ void Learner::Interact(std::size_t row, bool clicked) {
     interactions += coordinate * coordinate;
   }
   m_logits[row] += interactions / 2.0F;
+  if (!std::isfinite(m_logits[row])) {
+    throw std::runtime_error("the model diverges: smaller rates may help");
+  }
   m_errors[row] = 1.0F / (1.0F + std::exp(-m_logits[row])) - (clicked ? 1.0F : 0.0F);
-  for (std::size_t i = 0; i < FIELDS * m_dim; ++i) {
-    gradients[i] = m_errors[row] * (m_sum[i % m_dim] - vectors[i]);
+  for (std::size_t first = 0; first < FIELDS * m_dim; first += m_dim) {
+    for (unsigned d = 0; d < m_dim; ++d) {
+      gradients[first + d] = m_errors[row] * (m_sum[d] - vectors[first + d]);
+    }
   }
 }
 

@@ -15,13 +15,13 @@ using Examples::Rule;
 constexpr double MIB = 1024.0 * 1024.0;
 
 // The share of the gap that the model is meant to close, by the number of rows; none for shorter logs. Of 60,000 rows
-// it closes 43.6 to 58.9 % (seeds 1 to 9): of seed 1 49.6 %, and 42.6 % where vectors do not learn, 40.3 % where
+// it closes 45.1 to 59.4 % (seeds 1 to 9): of seed 1 48.3 %, and 42.6 % where vectors do not learn, 40.6 % where
 // weights do not.
 std::optional<double> GoalFor(std::uint64_t rows) {
   if (rows >= 1'000'000) {
     return 0.70;
   }
-  return rows >= 60'000 ? std::optional(0.43) : std::nullopt;
+  return rows >= 60'000 ? std::optional(0.44) : std::nullopt;
 }
 
 double MeanTrueLoss(const TrainingState& state) {
