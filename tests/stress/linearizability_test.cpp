@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <random>
 #include <shared_mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,6 @@ namespace KavoTest {
 namespace {
 
 constexpr unsigned TABLE = 79;
-constexpr unsigned LEN = sizeof(std::uint64_t);
 constexpr std::size_t WINDOW = 4;  // keys that all threads are at, at about the same time
 constexpr std::size_t WINDOWS = 6;
 constexpr std::size_t KEYS = WINDOW * WINDOWS;
@@ -38,8 +38,8 @@ void HoldUp(const char*) {
   HoldUpNowAndThen(t_random, 256, 4, 20);
 }
 
-std::atomic_ref<std::uint64_t> Word(unsigned char* address) {
-  return std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t*>(address));
+std::atomic_ref<std::uint64_t> Word(std::uint64_t* address) {
+  return std::atomic_ref<std::uint64_t>(*address);
 }
 
 class Round {
@@ -75,7 +75,6 @@ class Round {
         histories[i].push_back(operation);
       }
     }
-    ASSERT_EQ(0U, m_wrongStatus.load());
     CheckOthers();
     for (History& history : histories) {
       std::sort(history.begin(), history.end(),
@@ -94,57 +93,49 @@ class Round {
 
   void Call(unsigned thread, std::size_t i, unsigned dice) {
     Log& log = m_logs[thread];
-    std::uint64_t id = (static_cast<std::uint64_t>(thread) << 32 | log.size()) + 1;  // never written twice
-    auto* const bytes = reinterpret_cast<unsigned char*>(&id);
+    const std::uint64_t id = (static_cast<std::uint64_t>(thread) << 32 | log.size()) + 1;  // never written twice
+    const std::span row(&id, 1);
     const long key = m_keys[i];
     std::unique_lock<std::shared_mutex> copying(m_values[i], std::defer_lock);
     if (dice < 4) {
       copying.lock();
     }
     Operation operation{Kind::ABSENT, id, Now(), 0};
-    unsigned char* found = nullptr;
-    unsigned length = 0;
-    unsigned isFind = 1;
-    switch (dice) {
-      case 0:
-      case 1:
-      case 2:
-        Ended(operation, KavoInsertOrUpdate(TABLE, key, bytes, LEN, 0), Kind::PUT, Kind::PUT);
-        break;
-      case 3:
-        Ended(operation, KavoUpdate(TABLE, key, bytes, LEN), Kind::WRITE, Kind::ABSENT);
-        break;
-      case 4:
-      case 5:
-      case 6:
-        Ended(operation, KavoInsert(TABLE, key, bytes, LEN, 0, 0), Kind::CREATE, Kind::REFUSED);
-        break;
-      case 7:
-      case 8:
-        if (Ended(operation, KavoLookupForUpdate(TABLE, key, &found, &length), Kind::WRITE, Kind::ABSENT)) {
-          const std::shared_lock<std::shared_mutex> accessing(m_values[i]);
-          Word(found).store(id, std::memory_order_relaxed);
-          operation.responded = Now();
-        }
-        break;
-      default: {
-        const int ret = dice < 12 ? KavoLookupOrInsert(TABLE, key, &found, &length, &isFind, 0)
-                                  : KavoLookup(TABLE, key, &found, &length);
-        if (Ended(operation, ret, isFind == 0 ? Kind::CREATE : Kind::READ, dice < 12 ? Kind::READ : Kind::ABSENT)) {
-          const std::shared_lock<std::shared_mutex> accessing(m_values[i]);
-          operation.value = isFind == 0 ? 0 : Word(found).load(std::memory_order_relaxed);
-          operation.responded = isFind == 0 ? operation.responded : Now();
-        }
+    const auto ended = [&](Kind kind) {
+      operation.responded = Now();
+      operation.kind = kind;
+    };
+    if (dice < 3) {
+      m_table.InsertOrUpdate(key, row);
+      ended(Kind::PUT);
+    } else if (dice == 3) {
+      ended(m_table.TryUpdate(key, row) ? Kind::WRITE : Kind::ABSENT);
+    } else if (dice < 7) {
+      ended(m_table.TryInsert(key, row) ? Kind::CREATE : Kind::REFUSED);
+    } else if (dice < 9) {
+      const auto found = m_table.TryLookupForUpdate<std::uint64_t>(key);
+      ended(found ? Kind::WRITE : Kind::ABSENT);
+      if (found) {
+        const std::shared_lock<std::shared_mutex> accessing(m_values[i]);
+        Word(found->data()).store(id, std::memory_order_relaxed);
+        operation.responded = Now();
+      }
+    } else {
+      kavo::FoundOrNew<std::uint64_t> found{};
+      if (dice < 12) {
+        found = m_table.LookupOrInsert<std::uint64_t>(key);
+      } else if (const auto present = m_table.TryLookup<std::uint64_t>(key)) {
+        found.row = *present;
+      }
+      ended(found.created ? Kind::CREATE : found.row ? Kind::READ : Kind::ABSENT);
+      operation.value = 0;
+      if (found.row && !found.created) {
+        const std::shared_lock<std::shared_mutex> accessing(m_values[i]);
+        operation.value = Word(found.row.data()).load(std::memory_order_relaxed);
+        operation.responded = Now();
       }
     }
     log.emplace_back(i, operation);
-  }
-
-  bool Ended(Operation& operation, int ret, Kind done, Kind refused) {
-    operation.responded = Now();
-    operation.kind = ret == KAVO_SUCCESS ? done : refused;
-    m_wrongStatus += ret != KAVO_SUCCESS && (ret != KAVO_INVALID || done == refused);
-    return ret == KAVO_SUCCESS;
   }
 
   // What makes the table grow, a part of it in a bucket that is looked at.
@@ -153,7 +144,7 @@ class Round {
       const bool near = t_random() % 4 == 0;
       long key = static_cast<long>(near ? t_random() >> 34 << 32 : t_random() >> 2);
       key |= near ? m_keys[window * WINDOW] & 0xFFFFFFFF : 0;
-      if (KavoInsert(TABLE, key, reinterpret_cast<unsigned char*>(&key), LEN, 0, 0) == KAVO_SUCCESS) {
+      if (m_table.TryInsert(key, std::span(&key, 1))) {
         m_others[thread].push_back(key);
       }
     }
@@ -168,13 +159,12 @@ class Round {
     }
   }
 
-  const kavo::Table m_table{TABLE, 8, LEN};
+  const kavo::Table m_table{TABLE, 8, sizeof(std::uint64_t)};
   std::array<long, KEYS> m_keys{};
   std::array<std::shared_mutex, KEYS> m_values;
   std::vector<Log> m_logs;  // by thread
   std::vector<std::vector<long>> m_others;
   std::atomic<std::uint64_t> m_clock{1};
-  std::atomic<unsigned> m_wrongStatus{0};
 };
 
 struct Setting {
