@@ -7,42 +7,37 @@
 #include <string>
 #include <tuple>
 
-#include "kavo.h"
-#include "support/log_capture.h"
+#include "kavo.hpp"
 #include "support/parking.h"
 
 namespace KavoTest {
 namespace {
 
-class NewValue : public testing::TestWithParam<std::tuple<unsigned, bool>> {};
+class NewValue : public testing::TestWithParam<std::tuple<kavo::TableType, bool>> {};
 INSTANTIATE_TEST_SUITE_P(TypesAndCalls, NewValue,
-                         testing::Combine(testing::Values(KAVO_TABLE_TYPE_BASIC, KAVO_TABLE_TYPE_FILTER),
+                         testing::Combine(testing::Values(kavo::TableType::BASIC, kavo::TableType::FILTER),
                                           testing::Bool()));
 
 TEST_P(NewValue, IsThereAsSoonAsTheKeyIs) {
   constexpr unsigned LEN = 24;
   const auto [type, orUpdate] = GetParam();
-  ASSERT_EQ(KAVO_SUCCESS, KavoInitHashTable(1, 8, LEN, type));
+  const kavo::Table table(1, 8, LEN, type);
   Parking growing("Mover.Joined");
   std::atomic<long> last{-1};
   auto inserter = std::async(std::launch::async, [&, update = orUpdate] {
-    unsigned char value[LEN];
     for (long key = 0; key < 100; ++key) {
-      std::fill(value, value + LEN, static_cast<unsigned char>(key + 1));
       last = key;
-      EXPECT_EQ(KAVO_SUCCESS,
-                update ? KavoInsertOrUpdate(1, key, value, LEN, 0) : KavoInsert(1, key, value, LEN, 0, 7));
+      const std::string value(LEN, static_cast<char>(key + 1));
+      update ? table.InsertOrUpdate(key, value) : table.Insert(key, value);
     }
   });
   ASSERT_TRUE(growing.WaitUntilParked());
   const long key = last;
-  unsigned char* address = nullptr;
-  unsigned len = 0;
-  ASSERT_EQ(KAVO_SUCCESS, KavoLookup(1, key, &address, &len)) << "the insert that grows the table has stored its key";
-  EXPECT_EQ(std::string(LEN, static_cast<char>(key + 1)), std::string(address, address + LEN));
+  const auto row = table.TryLookup<char>(key);
+  ASSERT_TRUE(row) << "the insert that grows the table has stored its key";
+  EXPECT_EQ(std::string(LEN, static_cast<char>(key + 1)), std::string(row->begin(), row->end()));
   growing.Release();
   inserter.get();
-  EXPECT_EQ(KAVO_SUCCESS, KavoUninitHashTable(1));
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include "kavo.hpp"
 #include "platform/test_hooks.h"
 #include "support/held.h"
-#include "support/hold_up.h"
 #include "support/seed.h"
 #include "support/threads.h"
 

@@ -19,7 +19,6 @@
 #include "kavo.hpp"
 #include "platform/test_hooks.h"
 #include "stress/history.h"
-#include "support/hold_up.h"
 #include "support/seed.h"
 #include "support/threads.h"
 

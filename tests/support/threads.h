@@ -1,5 +1,7 @@
-// Work that several threads begin at the same moment.
+// Work that several threads begin at the same moment, and what holds one of them up.
 #pragma once
+
+#include <unistd.h>
 
 #include <cstddef>
 #include <latch>
@@ -18,6 +20,18 @@ void InThreads(unsigned threads, const Work& work) {
       ready.arrive_and_wait();
       work(i);
     });
+  }
+}
+
+// Holds the calling thread up now and then, to be called at test points of the library: of `sides` throws of the dice,
+// `moments` hold it up for a moment and one for `microseconds`.
+template <class Random>
+void HoldUpNowAndThen(Random& random, unsigned sides, unsigned moments, unsigned microseconds) {
+  const unsigned dice = static_cast<unsigned>(random() % sides);
+  if (dice < moments) {
+    std::this_thread::yield();
+  } else if (dice == moments) {
+    ::usleep(microseconds);
   }
 }
 
