@@ -46,27 +46,24 @@ void Declare(CLI::App& app, Arguments& arguments) {
 class Demonstration {
  public:
   explicit Demonstration(const Arguments& arguments)
-      : m_arguments(arguments), m_folder(arguments.directory), m_live(NewModel()) {}
+      : m_arguments(arguments), m_folder(arguments.directory), m_live(NewShards(1)) {}
 
   void Run() {
     Examples::Rule();
     fmt::print("{:<36}{:>10}{:>14}{:>10}{:>10}\n", "phase", "rows", "bytes", "seconds", "MB/s");
     Examples::Rule();
-    TrainRound("train", 0, [this](auto keys, auto salt) { m_live.Train(keys, salt); });
-    SaveLive("save, full", KAVO_SNAPSHOT_FULL);
+    TrainRound("train", 0, m_live);
+    Save("save, full", KAVO_SNAPSHOT_FULL, m_live);
     for (unsigned round = 1; round <= m_arguments.rounds; ++round) {
-      TrainRound(fmt::format("train, round {}", round), round,
-                 [this](auto keys, auto salt) { m_live.Train(keys, salt); });
-      SaveLive(fmt::format("save, increment {}", round), KAVO_SNAPSHOT_INCREMENT);
+      TrainRound(fmt::format("train, round {}", round), round, m_live);
+      Save(fmt::format("save, increment {}", round), KAVO_SNAPSHOT_INCREMENT, m_live);
     }
     RestoreAndCompare(1);
     RestoreAndCompare(2);
     const Shards shards = RestoreAndCompare(3);
-
-    const unsigned next = m_arguments.rounds + 1;
-    TrainRound("train on, live", next, [this](auto keys, auto salt) { m_live.Train(keys, salt); });
-    TrainRound("train on, 3 shards", next, [&shards](auto keys, auto salt) { Train(shards, keys, salt); });
-    SaveShards("save, increment of 3 parts", shards);
+    TrainRound("train on, live", m_arguments.rounds + 1, m_live);
+    TrainRound("train on, 3 shards", m_arguments.rounds + 1, shards);
+    Save("save, increment of 3 parts", KAVO_SNAPSHOT_INCREMENT, shards);
     RestoreAndCompare(2);
     Examples::Rule();
     fmt::print("verdict: {}\n", m_differences == 0 ? "all equal" : "THEY DIFFER");
@@ -76,12 +73,16 @@ class Demonstration {
   }
 
  private:
-  Model NewModel() { return Model(++m_lastTable, m_arguments.dim, m_arguments.rows); }
+  Shards NewShards(unsigned num) {
+    Shards shards;
+    for (unsigned shard = 0; shard < num; ++shard) {
+      shards.emplace_back(++m_lastTable, m_arguments.dim, m_arguments.rows);
+    }
+    return shards;
+  }
 
-  // action(keys, salt) for each batch of a round: in round 0 of the rows to begin with, then of a tenth of all there
-  // are and of a twentieth as many new ones.
-  template <class Action>
-  void TrainRound(const std::string& name, unsigned round, const Action& action) {
+  // Round 0 makes the rows to begin with, later ones train a tenth of all there are and make a twentieth as many.
+  void TrainRound(const std::string& name, unsigned round, const Shards& shards) {
     constexpr std::size_t BATCH = 4096;
     const std::uint64_t perRound = m_arguments.rows / 20;
     const std::uint64_t known = round == 0 ? 0 : m_arguments.rows + (round - 1) * perRound;
@@ -96,7 +97,7 @@ class Demonstration {
         keys.push_back(static_cast<long>(PseudoRandom::Mix(number + PseudoRandom::Mix(m_arguments.seed))));
       }
       if (keys.size() == BATCH || number + 1 == end) {
-        action(std::span<const long>(keys), salt);
+        Train(shards, keys, salt);
         rows += keys.size();
         keys.clear();
       }
@@ -104,19 +105,11 @@ class Demonstration {
     Print(name, rows, 0, start);
   }
 
-  void SaveLive(const std::string& name, unsigned kind) {
-    const KavoSaveOptions options{sizeof(options), kind, 1, 2, m_arguments.compress};
-    const auto items = m_live.Items();
-    const auto start = std::chrono::steady_clock::now();
-    Check(
-        KavoSnapshotSave(m_folder.Path(), &options, items.data(), items.size(), nullptr, 0, nullptr, nullptr, nullptr));
-    Print(name, 0, Examples::NewestIn(m_folder.Path()).bytes, start);
-  }
-
-  // Here one process writes all parts. Processes of their own join the save first (KavoSnapshotJoin).
-  void SaveShards(const std::string& name, const Shards& shards) {
+  // A part for each shard. Here one process writes all of them; processes of their own join the save first
+  // (KavoSnapshotJoin), and for one part there is one call (KavoSnapshotSave).
+  void Save(const std::string& name, unsigned kind, const Shards& shards) {
     const auto parts = static_cast<unsigned>(shards.size());
-    const KavoSaveOptions options{sizeof(options), KAVO_SNAPSHOT_INCREMENT, parts, 2, m_arguments.compress};
+    const KavoSaveOptions options{sizeof(options), kind, parts, 2, m_arguments.compress};
     const auto start = std::chrono::steady_clock::now();
     KavoSave* save = nullptr;
     Check(KavoSnapshotBegin(m_folder.Path(), &options, &save));
@@ -133,18 +126,17 @@ class Demonstration {
   }
 
   Shards RestoreAndCompare(unsigned num) {
-    Shards shards;
     auto start = std::chrono::steady_clock::now();
+    Shards shards = NewShards(num);
     std::uint64_t rows = 0;
     for (unsigned shard = 0; shard < num; ++shard) {
-      shards.push_back(NewModel());
-      const auto items = shards.back().Items();
+      const auto items = shards[shard].Items();
       Check(KavoSnapshotLoad(m_folder.Path(), 0, items.data(), items.size(), shard, num, nullptr, nullptr));
-      rows += Examples::StatsOf(shards.back().Rows()).rows;
+      rows += Examples::StatsOf(shards[shard].Rows()).rows;
     }
     Print(fmt::format("restore onto {}", num), rows, 0, start);
     start = std::chrono::steady_clock::now();
-    const Comparison comparison = Compare(m_live, shards);
+    const Comparison comparison = Compare(m_live.front(), shards);
     Print(fmt::format("compare: {} differences", Count(comparison.differences)), comparison.rows, 0, start);
     m_differences += comparison.differences;
     return shards;
@@ -162,7 +154,7 @@ class Demonstration {
   const Arguments& m_arguments;
   const Examples::Folder m_folder;
   unsigned m_lastTable = 0;
-  const Model m_live;
+  const Shards m_live;  // one, with all keys
   std::uint64_t m_differences = 0;
 };
 
