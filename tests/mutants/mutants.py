@@ -18,6 +18,7 @@ with 0 when every fault was found.
 """
 
 import argparse
+import concurrent.futures
 import dataclasses
 import os
 import pathlib
@@ -27,7 +28,6 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import threading
 import tomllib
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -170,17 +170,7 @@ def summary(done: subprocess.CompletedProcess[str]) -> str:
 
 
 def try_all(chosen: list[Mutant], workers: int) -> int:
-    work: queue.SimpleQueue[Mutant] = queue.SimpleQueue()
-    for mutant in sorted(chosen, key=lambda mutant: mutant.finder):  # neighbours share what was built
-        work.put(mutant)
-    wrong: list[str] = []
-    lock = threading.Lock()
     sound: dict[str, str] = {}  # what each finder says of the unbroken code
-
-    def report(mutant: Mutant, result: str, detail: str) -> None:
-        with lock:
-            print(f"{result:<10} {mutant.name}   [{mutant.finder}] {detail}", flush=True)
-            wrong.extend([] if result == "found" else [mutant.name])
 
     def judge(workshop: Workshop, mutant: Mutant) -> tuple[str, str]:
         calls = CALLS.get(mutant.finder, PLAIN)
@@ -195,28 +185,26 @@ def try_all(chosen: list[Mutant], workers: int) -> int:
         found = workshop.find(mutant.finder, mutant.filter, calls * (TRIES_OF_RACES if mutant.racy else 1))
         return ("found", found) if found else ("NOT FOUND", "")
 
-    def worker(folder: pathlib.Path) -> None:
-        workshop = Workshop(folder, max(1, (os.cpu_count() or 2) // workers))
-        while True:
-            try:
-                mutant = work.get_nowait()
-            except queue.Empty:
-                return
-            try:
-                report(mutant, *judge(workshop, mutant))
-            except Exception as error:  # a worker that dies must not pass for one that found everything
-                report(mutant, "ERROR", repr(error))
-            restore(workshop.tree, mutant)
-
     with tempfile.TemporaryDirectory(prefix="kavo-mutants-") as scratch:
-        threads = [threading.Thread(target=worker, args=(pathlib.Path(scratch) / str(i),)) for i in range(workers)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
-    left = work.qsize()
-    print(f"{len(chosen) - len(wrong) - left} found, {len(wrong) + left} not found")
-    return 1 if wrong or left else 0
+        free: queue.SimpleQueue[Workshop] = queue.SimpleQueue()
+        for number in range(workers):
+            free.put(Workshop(pathlib.Path(scratch) / str(number), max(1, (os.cpu_count() or 2) // workers)))
+
+        def is_found(mutant: Mutant) -> bool:
+            workshop = free.get()
+            try:
+                result, detail = judge(workshop, mutant)
+            finally:
+                restore(workshop.tree, mutant)
+                free.put(workshop)
+            print(f"{result:<10} {mutant.name}   [{mutant.finder}] {detail}", flush=True)
+            return result == "found"
+
+        with concurrent.futures.ThreadPoolExecutor(workers) as pool:
+            # Neighbours share what was built. Whatever is raised ends the program.
+            found = list(pool.map(is_found, sorted(chosen, key=lambda mutant: mutant.finder)))
+    print(f"{found.count(True)} found, {found.count(False)} not found")
+    return 0 if all(found) else 1
 
 
 def main() -> int:
