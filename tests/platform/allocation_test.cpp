@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <stdexcept>
 #include <vector>
@@ -72,11 +72,9 @@ TEST_F(Allocation, OverflowAndMoreThanPhysicalMemoryAreRefused) {
 TEST_F(Allocation, UntouchedPagesCostAddressSpaceOnlyAndNoMoreOfItThanTheRangesThemselves) {
   constexpr std::size_t RANGES = 64;
   const auto used = [](bool resident) {
-    long pages[2] = {};
-    std::FILE* const file = std::fopen("/proc/self/statm", "r");
-    EXPECT_EQ(std::fscanf(file, "%ld %ld", &pages[0], &pages[1]), 2);
-    std::fclose(file);
-    return static_cast<std::size_t>(pages[resident ? 1 : 0]) * PageBytes();
+    std::size_t pages[2] = {};
+    std::ifstream("/proc/self/statm") >> pages[0] >> pages[1];
+    return pages[resident ? 1 : 0] * PageBytes();
   };
   const std::size_t mapped = used(false);
   const std::size_t resident = used(true);
