@@ -4,8 +4,8 @@ all rows after each step. Needs Debian's python3-torch, and libkavo_embedding at
 
 Rows and gradients begin as small multiples of 1/64, weights are powers of two, means are of 1, 2, 4 or 8 keys, and
 SGD's rate is 1/32: sums, products and SGD's steps have too few bits to be rounded, so both must agree to the last bit.
-Adagrad and Adam take roots and quotients, in another order there than here: a step may differ by some roundings of its
-own, which is a tenth of the row or so, and so the row by one rounding of 2^-24 a step. Twice that is let pass. No gradient
+Adagrad and Adam take roots and quotients, in another order there than here: a step, a tenth of the row or so, may
+differ by some roundings of its own, and so the row by one rounding of 2^-24 a step. Twice that is let pass. No gradient
 is tiny, so that no rounding decides a step.
 """
 
