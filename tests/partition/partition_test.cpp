@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "kavo.h"
+#include "kavo.hpp"
 #include "partition/partition_map.h"
 #include "partition/writer_priority_mutex.h"
 #include "support/parking.h"
@@ -56,14 +56,11 @@ struct Batch {
 
 class PartitionMapTest : public testing::Test {
  protected:
-  PartitionMapTest() {
-    const KavoLogSink sink{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
-    KavoSetLogSink(&sink);  // refused queries write many
-  }
-  ~PartitionMapTest() override {
-    UninitPartitionMap();
-    KavoSetLogSink(nullptr);
-  }
+  ~PartitionMapTest() override { UninitPartitionMap(); }
+
+ private:
+  // Refused queries write many.
+  const kavo::LogSink<void (*)(const kavo::LogLine&)> m_quiet{[](const kavo::LogLine&) {}};
 };
 
 TEST_F(PartitionMapTest, BatchUnderWayKeepsItsMapAndQueriesBehindAWaitingUninitSeeNone) {

@@ -126,8 +126,7 @@ class Chaos : public testing::TestWithParam<std::tuple<kavo::TableType, kavo::Re
 TEST_P(Chaos, PromisesHoldWhateverFails) {
   const auto [type, mode, failing] = GetParam();
   const unsigned long seed = TestSeed();
-  const KavoLogSink quiet{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
-  KavoSetLogSink(&quiet);
+  const kavo::LogSink quiet([](const kavo::LogLine&) {});
   const Held before;
   unsigned failures = 0;
   for (unsigned n = 0; n < 100 && !HasFailure(); ++n) {
@@ -141,7 +140,6 @@ TEST_P(Chaos, PromisesHoldWhateverFails) {
     Hooks::SetPointHandler(nullptr);
     failures += round.Check();
   }
-  KavoSetLogSink(nullptr);
   EXPECT_EQ(failing != 0, failures != 0);
   EXPECT_EQ(before, Held());
 }

@@ -181,8 +181,7 @@ TEST_P(Linearizability, EachKeysHistoryHasAnOrderThatExplainsIt) {
   const unsigned long seed = TestSeed();
   std::mt19937_64 random(seed);
   unsigned long long growths = 0;
-  const KavoLogSink quiet{nullptr, [](void*, unsigned, int, const char*, va_list) {}, nullptr};
-  ASSERT_EQ(KAVO_SUCCESS, KavoSetLogSink(&quiet));
+  const kavo::LogSink quiet([](const kavo::LogLine&) {});
   Qen::TestHooks::SetPointHandler(heldUp ? &HoldUp : nullptr);
   for (unsigned n = 0; n < rounds && !HasFailure(); ++n) {
     SCOPED_TRACE(testing::Message() << "round " << n);
@@ -195,7 +194,6 @@ TEST_P(Linearizability, EachKeysHistoryHasAnOrderThatExplainsIt) {
     growths += round.Growths();
   }
   Qen::TestHooks::SetPointHandler(nullptr);
-  KavoSetLogSink(nullptr);
   if (!HasFailure()) {
     EXPECT_GT(growths, rounds * 4) << "the tables hardly grew";
   }
