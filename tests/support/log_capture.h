@@ -2,15 +2,16 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "kavo.h"
+#include "kavo.hpp"
 
 namespace KavoTest {
 
@@ -53,13 +54,9 @@ inline LogLine ParseLogLine(const std::string& raw) {
 class LogCapture {
  public:
   // Records every level, debug lines only when asked to.
-  explicit LogCapture(bool debug = false) : m_debug(debug) {
-    const KavoLogSink sink{&LogCapture::Enabled, &LogCapture::Write, this};
-    static_cast<void>(KavoSetLogSink(&sink));
+  explicit LogCapture(bool debug = false)
+      : m_sink([this](const kavo::LogLine& line) { Add(line); }, debug ? kavo::LogLevel::DEBUG : kavo::LogLevel::INFO) {
   }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-  ~LogCapture() { static_cast<void>(KavoSetLogSink(nullptr)); }
 
   std::vector<LogLine> Lines() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -83,25 +80,17 @@ class LogCapture {
   }
 
  private:
-  static int Enabled(void* context, unsigned channel, int level) {
-    const bool isDebug = channel == DEBUG_CHANNEL || level == KAVO_LOG_LEVEL_DEBUG;
-    return !isDebug || static_cast<LogCapture*>(context)->m_debug ? 1 : 0;
+  void Add(const kavo::LogLine& line) {
+    LogLine parsed = ParseLogLine(std::string(line.Text()));
+    parsed.channel = line.Channel();
+    parsed.level = static_cast<int>(line.Level());
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_lines.push_back(std::move(parsed));
   }
 
-  static void Write(void* context, unsigned channel, int level, const char* format, va_list arguments) {
-    char text[4096];
-    std::vsnprintf(text, sizeof(text), format, arguments);
-    LogLine line = ParseLogLine(text);
-    line.channel = channel;
-    line.level = level;
-    auto* const capture = static_cast<LogCapture*>(context);
-    const std::lock_guard<std::mutex> lock(capture->m_mutex);
-    capture->m_lines.push_back(std::move(line));
-  }
-
-  const bool m_debug;
   mutable std::mutex m_mutex;
   std::vector<LogLine> m_lines;
+  const kavo::LogSink<std::function<void(const kavo::LogLine&)>> m_sink;  // last: it uses the rest
 };
 
 }  // namespace KavoTest
