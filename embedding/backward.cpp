@@ -1,6 +1,7 @@
 // One step of the optimiser for each distinct key of a batch, partition by partition (partitions.h):
 //
-//   1  keys are scattered into partitions, equal ones found, and the rows of the distinct ones looked up;
+//   1  keys are scattered into partitions, equal ones found, and the rows of the distinct ones looked up, unless they
+//      are known from forward;
 //   2  what memory the rest needs is known, and had. Nothing has changed so far;
 //   3  gradients of equal keys are added, while the rows are asked for; then each row takes its step.
 #include <numeric>
@@ -133,6 +134,7 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
                                     float* weightGradients, StepMemory& memory) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::STEP);
   const std::size_t dim = m_layout.Dim();
+  const FoundRows::Reader found(m_found, keys);
   Partitions& all = memory.partitions;
   all.Scatter(m_pool, keys, padding);
   const std::size_t workers = std::min<std::size_t>(m_pool.Threads(), all.Num());
@@ -156,11 +158,13 @@ unsigned long long Embedding::Train(std::span<const long> keys, const Source& so
   }
   Atomic<int> failed{KAVO_SUCCESS};
   forEachPartition([&](std::size_t worker, std::size_t partition) {
-    all.Distinguish(partition, ofWorkers[worker].places.Take(places));
+    all.Distinguish(partition, ofWorkers[worker].places.Take(places), found.Rows());
     const std::span<const Tag> tags = all.TagsOf(partition);
-    for (std::size_t first = 0; first < tags.size(); first += KeyTables::BLOCK) {
+    const std::span<unsigned char*> rows = all.RowsOf(partition);
+    const bool known = std::find(rows.begin(), rows.end(), nullptr) == rows.end();
+    for (std::size_t first = 0; !known && first < tags.size(); first += KeyTables::BLOCK) {
       const std::size_t count = std::min(KeyTables::BLOCK, tags.size() - first);
-      const int status = m_tables->Find(&tags[first], count, &all.RowsOf(partition)[first]);
+      const int status = m_tables->Find(&tags[first], count, &rows[first]);
       if (status != KAVO_SUCCESS) {
         failed.store(status, std::memory_order_relaxed);  // read once the workers were joined
       }

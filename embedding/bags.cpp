@@ -167,6 +167,7 @@ void Embedding::LookupBags(std::span<const long> keys, const KavoBags& bags, con
 
 unsigned long long Embedding::ForwardBags(std::span<const long> keys, const KavoBags& bags, float* pooled) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::WRITE);
+  FoundRows::Writer found(m_found, keys);
   Atomic<unsigned long long> rowless{0};
   PoolBags(
       keys, bags, pooled,
@@ -177,6 +178,7 @@ unsigned long long Embedding::ForwardBags(std::span<const long> keys, const Kavo
         for (std::size_t i = 0; status == KAVO_SUCCESS && i < count; ++i) {
           ofBlock += at[i] == nullptr && !IsPadding(bags, keys[first + i]) ? 1 : 0;
         }
+        std::copy_n(at, status == KAVO_SUCCESS ? count : 0, found.Rows() + first);
         rowless.fetch_add(ofBlock, std::memory_order_relaxed);  // read once the workers were joined
         return status;
       },
@@ -188,6 +190,7 @@ unsigned long long Embedding::ForwardBags(std::span<const long> keys, const Kavo
         }
         return copy;
       });
+  found.Finish();
   return rowless.load(std::memory_order_relaxed);
 }
 

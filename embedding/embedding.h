@@ -6,6 +6,7 @@
 //   tables    safe by themselves (key_tables.h); rows by their heads (row_head.h)
 //   clock     numbers of steps, rates, calls at work (step_clock.h)
 //   memories  of backward calls, each used by one of them at a time (reused.h)
+//   found     what forward calls found, for backward (found_rows.h)
 //   pool      deals the blocks of a call out to threads (thread_pool.h)
 //   the rest  fixed after construction; seed and initialiser after loading
 //
@@ -22,6 +23,7 @@
 #include <span>
 #include <vector>
 
+#include "embedding/found_rows.h"
 #include "embedding/key_tables.h"
 #include "embedding/partitions.h"
 #include "embedding/reused.h"
@@ -97,8 +99,9 @@ class Embedding {
 
   // Lookup and forward of up to a block of keys.
   int LookupBlock(std::span<const long> keys, Absent absent, float* rows, unsigned char* found) const;
+  // Forward writes where the rows stand to `at`.
   int ForwardBlock(std::span<const long> keys, const unsigned* occurrences, std::uint64_t number, float* scratch,
-                   float* rows, unsigned long long& rowless);
+                   unsigned char** at, float* rows, unsigned long long& rowless);
   // Finds the rows of up to a block of keys.
   int FindBlock(std::span<const long> keys, unsigned char** rows) const;
   // The same, and offers what has none, or what is to be counted; not the padding key, if there is one.
@@ -143,6 +146,7 @@ class Embedding {
   mutable ThreadPool m_pool;
   Atomic<unsigned long long> m_rows{0};
   Spares<StepMemory> m_stepMemories;
+  FoundRows m_found;
   SnapshotState m_snapshots;
   Mutex m_walksMutex;  // guards the next two, not the walks
   std::map<std::uintptr_t, KeyWalk> m_walks;

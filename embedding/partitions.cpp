@@ -76,9 +76,11 @@ std::size_t Partitions::PlacesFor(std::size_t elements) noexcept {
   return std::bit_ceil(2 * elements);
 }
 
-void Partitions::Distinguish(std::size_t partition, std::span<std::uint32_t> places) noexcept {
+void Partitions::Distinguish(std::size_t partition, std::span<std::uint32_t> places,
+                             std::span<unsigned char* const> known) noexcept {
   const std::span<Element> elements = Of(partition);
   Tag* const tags = m_tags.data() + m_begins[partition];
+  unsigned char** const rows = m_rows.data() + m_begins[partition];
   const std::size_t mask = PlacesFor(elements.size()) - 1;
   std::fill_n(places.begin(), mask + 1, 0);  // 0: free; else a slot and 1
   std::uint32_t num = 0;
@@ -89,6 +91,7 @@ void Partitions::Distinguish(std::size_t partition, std::span<std::uint32_t> pla
     }
     if (places[place] == 0) {
       tags[num] = element.tag;
+      rows[num] = known.empty() ? nullptr : known[element.index];
       places[place] = ++num;
     }
     element.slot = places[place] - 1;

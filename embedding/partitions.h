@@ -43,8 +43,10 @@ class Partitions {
   std::span<unsigned char*> RowsOf(std::size_t partition) noexcept {
     return m_rows.subspan(m_begins[partition], m_distinct[partition]);
   }
-  // Numbers the distinct keys. `places` is room for a hash table: PlacesFor(Largest()) numbers.
-  void Distinguish(std::size_t partition, std::span<std::uint32_t> places) noexcept;
+  // Numbers the distinct keys, and gives them their rows: null, or those that `known`, if not empty, has for each key
+  // of the batch. `places` is room for a hash table: PlacesFor(Largest()) numbers.
+  void Distinguish(std::size_t partition, std::span<std::uint32_t> places,
+                   std::span<unsigned char* const> known) noexcept;
   static std::size_t PlacesFor(std::size_t elements) noexcept;
   std::size_t MostDistinct() const noexcept;
 

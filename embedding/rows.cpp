@@ -42,6 +42,7 @@ std::unique_ptr<KeyTables> Embedding::MakeSpare() const {
 
 void Embedding::Replace(std::unique_ptr<KeyTables> tables) noexcept {
   m_walks.clear();  // of the tables that go
+  m_found.Clear();
   m_tables = std::move(tables);
   m_rows.store(0, std::memory_order_relaxed);  // a statistic
 }
@@ -172,8 +173,7 @@ void Embedding::Lookup(std::span<const long> keys, const Absent& absent, float* 
 
 // Adds to `rowless` how many of the keys had no row at their turn.
 int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurrences, std::uint64_t number,
-                            float* scratch, float* rows, unsigned long long& rowless) {
-  unsigned char* at[KeyTables::BLOCK];
+                            float* scratch, unsigned char** at, float* rows, unsigned long long& rowless) {
   const int status = OfferBlock(keys, occurrences, at);
   if (status != KAVO_SUCCESS) {
     return status;
@@ -200,14 +200,17 @@ int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurren
 
 unsigned long long Embedding::Forward(std::span<const long> keys, const unsigned* occurrences, float* rows) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::WRITE);
+  FoundRows::Writer found(m_found, keys);
   Atomic<unsigned long long> without{0};
   ForBlocks(keys.size(), KeyTables::BLOCK, [&](std::size_t first, std::size_t count, Scratch& scratch) {
     unsigned long long rowless = 0;
-    const int status = ForwardBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first,
-                                    call.Number(), scratch.floats.data(), rows + first * m_layout.Dim(), rowless);
+    const int status =
+        ForwardBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first, call.Number(),
+                     scratch.floats.data(), found.Rows() + first, rows + first * m_layout.Dim(), rowless);
     without.fetch_add(rowless, std::memory_order_relaxed);  // read once the workers were joined
     return status;
   });
+  found.Finish();
   return without.load(std::memory_order_relaxed);
 }
 

@@ -30,7 +30,9 @@
  *  4. Rows are contiguous floats, row-major: row i of `dim` floats begins at float i * dim. Arrays are the caller's,
  * are not kept, must not overlap each other, and need no alignment beyond their type's.
  *  5. Memory. What an embedding needs is had before the first row changes. A call that answers KAVO_NO_MEMORY has
- *     trained no row; forward may have created some, which stand with their starts.
+ *     trained no row; forward may have created some, which stand with their starts. Working memory of forward and
+ *     backward calls is kept for the next ones, some 60 bytes for each key of the largest batch and a row of floats for
+ *     each of its bags or distinct keys of a part of it.
  *  6. Structs begin with their own size, sizeof as the caller knows it; fields will be added at the end only. A size
  *     smaller than the first version of the struct is refused. Fields that a caller does not know stand for their 0.
  *
