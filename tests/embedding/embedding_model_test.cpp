@@ -96,8 +96,13 @@ class Pair {
   }
 
  private:
-  std::vector<long> Keys() {
-    std::vector<long> keys(m_random() % 4 == 0 ? m_random() % 1500 : m_random() % 40);
+  // New ones, or those of the call before, as backward brings those of forward.
+  const std::vector<long>& Keys() {
+    if (m_random() % 2 == 0) {
+      return m_keys;
+    }
+    std::vector<long>& keys = m_keys;
+    keys.resize(m_random() % 4 == 0 ? m_random() % 1500 : m_random() % 40);
     for (long& key : keys) {
       constexpr long EXTREMES[] = {std::numeric_limits<long>::min(), std::numeric_limits<long>::max(), -1, 0};
       const auto drawn = static_cast<long>(m_random() % m_space);
@@ -369,6 +374,7 @@ class Pair {
     Load();
   }
 
+  std::vector<long> m_keys;
   std::mt19937_64 m_random;
   KavoEmbeddingOptions m_options;
   std::size_t m_dim;
