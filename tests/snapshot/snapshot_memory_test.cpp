@@ -16,10 +16,19 @@
   void* const memory = operator new(bytes, std::nothrow);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
+[[gnu::noinline]] void* operator new[](std::size_t bytes) {
+  return operator new(bytes);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
