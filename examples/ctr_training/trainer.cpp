@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -34,6 +35,9 @@ class Leg {
     }
     if (m_failure) {
       std::rethrow_exception(m_failure);
+    }
+    if (m_state.nextRow < m_end) {
+      throw std::runtime_error(fmt::format("the log ends after {} rows; it had {}", m_state.nextRow, m_state.log.rows));
     }
   }
 
