@@ -179,15 +179,14 @@ TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
   EXPECT_EQ(Qen::Folder(folder.Path()).Numbers(), (std::vector<std::uint64_t>{3, 4, 5, 6}));
   EXPECT_EQ(FilesIn(folder.Path()), 9) << "4 manifests, 4 parts, lock";
 
-  KavoSave* first = nullptr;
-  KavoSave* second = nullptr;
+  KavoSave* saves[2] = {};
   const KavoSaveOptions options = Options(KAVO_SNAPSHOT_INCREMENT);
-  Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &first));
-  EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &second), KAVO_BUSY);
-  Must(KavoSnapshotPart(first, 0, &item, 1, nullptr, nullptr));
+  Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[0]));
+  EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[1]), KAVO_BUSY);
+  Must(KavoSnapshotPart(saves[0], 0, &item, 1, nullptr, nullptr));
   const OwnFolder other;
   EXPECT_EQ(Save(other.Path(), KAVO_SNAPSHOT_FULL, live.get()), KAVO_BUSY) << "the embedding is in the first";
-  Must(KavoSnapshotAbort(first));
+  Must(KavoSnapshotAbort(saves[0]));
   EXPECT_EQ(FilesIn(folder.Path()), 9);
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
 }
@@ -205,8 +204,7 @@ TEST(Progress, EndsACallAndTheStateBeforeStays) {
   };
   const auto count = [](void* context, unsigned long long done, unsigned long long total) {
     auto& counter = *static_cast<Counter*>(context);
-    EXPECT_GT(done, counter.done);
-    counter.done = done;
+    EXPECT_GT(done, std::exchange(counter.done, done));
     counter.total = total;
     return counter.left-- == 0 ? 1 : 0;
   };
