@@ -16,7 +16,6 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -31,6 +30,7 @@
 #include "embedding/snapshot_state.h"
 #include "embedding/start.h"
 #include "embedding/step_clock.h"
+#include "embedding/table_walk.h"
 #include "embedding/thread_pool.h"
 #include "kavo_embedding.h"
 #include "snapshot/failure.h"
@@ -128,16 +128,6 @@ class Embedding {
                           std::span<unsigned char* const> rows, const Source& source, float scale, float* copy,
                           float* weightGradients) const;
 
-  // Where a walk over all keys stands; used by one thread at a time.
-  struct KeyWalk {
-    unsigned table = 0;
-    bool begun = false;  // in this table
-    void* baseCursor = nullptr;
-    unsigned next = 0;
-    unsigned filled = 0;
-    std::array<KavoHtBatchElement, 256> elements;
-  };
-
   KavoEmbeddingOptions m_options;  // but for the rates
   RowLayout m_layout;
   Start m_start;
@@ -149,7 +139,7 @@ class Embedding {
   FoundRows m_found;
   SnapshotState m_snapshots;
   Mutex m_walksMutex;  // guards the next two, not the walks
-  std::map<std::uintptr_t, KeyWalk> m_walks;
+  std::map<std::uintptr_t, TableWalk> m_walks;
   std::uintptr_t m_lastWalk = 0;
 };
 

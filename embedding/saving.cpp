@@ -3,6 +3,7 @@
 #include <array>
 
 #include "embedding/row.h"
+#include "embedding/table_walk.h"
 #include "platform/prefetch.h"
 
 namespace Qen {
@@ -10,50 +11,6 @@ namespace {
 
 constexpr std::size_t ELEMENTS_A_BATCH = 1024;
 constexpr unsigned MOST_MARK = 255;
-
-// The base's walk over the tables of an embedding, one after the other, shared by threads: each takes a batch at a
-// time.
-class TableWalk {
- public:
-  explicit TableWalk(const KeyTables& tables) : m_tables(tables), m_num(tables.Num()) {}
-
-  // Fills `elements` and answers how many there are, 0 at the end. `sign` is to be set in their tags.
-  std::size_t Next(std::span<KavoHtBatchElement> elements, Tag& sign) {
-    const std::lock_guard lock(m_mutex);
-    for (; m_table < m_num; ++m_table, m_begun = false, m_hasLast = false) {
-      if (m_begun && m_cursor == nullptr) {
-        continue;
-      }
-      m_begun = true;
-      KavoHtBatchInfo batch{elements.data(), static_cast<unsigned>(elements.size()), KAVO_EXPORT_ALL, 0};
-      unsigned num = 0;
-      CheckBase(KavoBatchGetNext(m_tables.Id(m_table), &batch, &num, &m_cursor), "KavoBatchGetNext");
-      if (num == 0) {
-        continue;
-      }
-      // The last entry of a full batch comes again.
-      const std::size_t repeated = m_hasLast && elements[0].key == m_last ? 1 : 0;
-      m_hasLast = true;
-      m_last = elements[num - 1].key;
-      std::copy(elements.data() + repeated, elements.data() + num, elements.data());
-      if (num > repeated) {
-        sign = m_table == 0 ? 0 : SIGN;
-        return num - repeated;
-      }
-    }
-    return 0;
-  }
-
- private:
-  const KeyTables& m_tables;
-  const unsigned m_num;  // a table that is made later has no key that must be in the save
-  Mutex m_mutex;         // guards the rest
-  unsigned m_table = 0;
-  bool m_begun = false;  // in this table
-  void* m_cursor = nullptr;
-  bool m_hasLast = false;
-  long m_last = 0;
-};
 
 template <class Work>
 void ForAllElements(const Embedding& embedding, const Work& work) {

@@ -297,7 +297,7 @@ int KavoEmbeddingSetRows(KavoEmbedding* embedding, const long* keys, unsigned lo
  * The keys that have rows, in batches, in no particular order. A walk begins with a null `*cursor`; a call that leaves
  * it null has reached the end. Each key that has its row before the first call, and keeps it, is given at least once;
  * beside calls that create rows some keys may be given twice. A walk may be given up at any time: its cursor is freed
- * with the embedding.
+ * with the embedding. A failure, but for a refusal, ends it, and leaves `*cursor` null.
  *
  *   keys  out: room for `capacity` keys, at least 1.
  *   num   out: how many were given.

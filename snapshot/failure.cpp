@@ -5,6 +5,7 @@
 #include <new>
 #include <system_error>
 
+#include "kavo.hpp"
 #include "kavo_embedding.h"
 
 namespace Qen {
@@ -39,6 +40,9 @@ int StatusOfException(const char* function) noexcept {
   } catch (const Failure& failure) {
     KeepText(function, failure.what());
     return failure.Status();
+  } catch (const kavo::Error& error) {
+    KeepText(function, error.what());
+    return static_cast<int>(error.Cause());
   } catch (const std::bad_alloc&) {
     KeepText(function, "no memory");
     return KAVO_NO_MEMORY;

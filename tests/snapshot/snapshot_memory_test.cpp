@@ -46,8 +46,10 @@ void FailEach(const Call& call, const Check& check) {
           Qen::TestHooks::FailAllocation(0);
           const std::string text = KavoEmbeddingLastError();
           // The base answers KAVO_FAILED, -1, when it has no memory for an overflow map.
-          EXPECT_TRUE(status == KAVO_SUCCESS || (status == KAVO_FAILED && text.ends_with("answered -1")) ||
-                      (status == KAVO_NO_MEMORY && (text.ends_with("answered -3") || text.ends_with("no memory"))))
+          EXPECT_TRUE(status == KAVO_SUCCESS ||
+                      (status == KAVO_FAILED && text.find("answered -1") != std::string::npos) ||
+                      (status == KAVO_NO_MEMORY &&
+                       (text.find("answered -3") != std::string::npos || text.ends_with("no memory"))))
               << status << ' ' << text;
           failures += status == KAVO_SUCCESS ? 0 : 1;
           check(status != KAVO_SUCCESS);
