@@ -4,7 +4,7 @@
 namespace Qen {
 
 inline void PrefetchForRead(const void* address) noexcept {
-  __builtin_prefetch(address, 0, 1);
+  __builtin_prefetch(address, 0, 3);
 }
 
 }  // namespace Qen
