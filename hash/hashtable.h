@@ -72,11 +72,22 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
     return nullptr;
   }
 
-  // The same without a log line, for many keys one after the other: of a key in its home cell, as most are, the search
-  // stands in the caller's loop. Its block is right, whatever the flags say.
+  // The same without a log line, for many keys one after the other: what a home cell can answer, as most can, is found in
+  // the caller's loop. A block is right, whatever the flags say. A home cell that was empty while its bucket had not
+  // moved (it does not move back, so the flags may be read later), in a generation that is not retired even after that,
+  // has no keys.
   Pointee* FindQuietly(const Key& key) const {
-    Pointee* const block = CurrentGeneration()->FindAtHome(key);
-    return block != nullptr ? block : FindFurther(key);
+    const Core* const core = CurrentGeneration();
+    const auto& home = core->CellAt(core->HomeIndex(key));
+    const Key homeKey = home.LoadKey();
+    if (homeKey == key) {
+      if (Pointee* const block = core->BlockOf(home.value); block != nullptr) {
+        return block;
+      }
+    } else if (homeKey == HCore::EMPTY_KEY && (home.flags.Load() & HCore::BUCKET_MOVED) == 0 && !core->IsDeleted()) {
+      return nullptr;
+    }
+    return FindFurther(key);
   }
 
   // Asks for the cells that Find will come to first.
