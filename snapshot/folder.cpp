@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <map>
 #include <optional>
 #include <string_view>
 
@@ -13,12 +14,13 @@ constexpr std::string_view MANIFEST_NAME = "manifest-";
 constexpr std::string_view PART_NAME = "part-";
 constexpr std::string_view PARTIAL = ".partial";
 constexpr std::size_t NUMBER_DIGITS = 10;
+constexpr std::size_t ID_DIGITS = 16;
 constexpr std::size_t PART_DIGITS = 5;
 
 // Takes a number of at least `digits` digits from the front of a name.
-std::optional<std::uint64_t> TakeNumber(std::string_view& name, std::size_t digits) {
+std::optional<std::uint64_t> TakeNumber(std::string_view& name, std::size_t digits, int base = 10) {
   std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number, base);
   const auto length = static_cast<std::size_t>(end - name.data());
   if (error != std::errc{} || length < digits) {
     return {};
@@ -38,19 +40,20 @@ bool TakeText(std::string_view& name, std::string_view text) {
 struct Name {
   enum class Kind { MANIFEST, PARTIAL_MANIFEST, PART, FOREIGN };
   Kind kind = Kind::FOREIGN;
-  std::uint64_t number = 0;
+  SaveIdentity save;  // the id of parts only
 };
 
 Name Parse(std::string_view name) {
   if (TakeText(name, MANIFEST_NAME)) {
     const auto number = TakeNumber(name, NUMBER_DIGITS);
     if (number && (name.empty() || name == PARTIAL)) {
-      return {name.empty() ? Name::Kind::MANIFEST : Name::Kind::PARTIAL_MANIFEST, *number};
+      return {name.empty() ? Name::Kind::MANIFEST : Name::Kind::PARTIAL_MANIFEST, {*number, 0}};
     }
   } else if (TakeText(name, PART_NAME)) {
     const auto number = TakeNumber(name, NUMBER_DIGITS);
-    if (number && TakeText(name, "-") && TakeNumber(name, PART_DIGITS) && name.empty()) {
-      return {Name::Kind::PART, *number};
+    const auto id = number && TakeText(name, "-") ? TakeNumber(name, ID_DIGITS, 16) : std::nullopt;
+    if (id && TakeText(name, "-") && TakeNumber(name, PART_DIGITS) && name.empty()) {
+      return {Name::Kind::PART, {*number, *id}};
     }
   }
   return {};
@@ -64,9 +67,10 @@ std::string Folder::ManifestPath(std::uint64_t number) const {
   return m_path + "/" + std::string(MANIFEST_NAME) + digits;
 }
 
-std::string Folder::PartPath(std::uint64_t number, std::uint32_t part) const {
-  char digits[40];
-  std::snprintf(digits, sizeof(digits), "%010llu-%05u", static_cast<unsigned long long>(number), part);
+std::string Folder::PartPath(const SaveIdentity& save, std::uint32_t part) const {
+  char digits[60];
+  std::snprintf(digits, sizeof(digits), "%010llu-%016llx-%05u", static_cast<unsigned long long>(save.number),
+                static_cast<unsigned long long>(save.id), part);
   return m_path + "/" + std::string(PART_NAME) + digits;
 }
 
@@ -74,7 +78,7 @@ std::vector<std::uint64_t> Folder::Numbers() const {
   std::vector<std::uint64_t> numbers;
   for (const std::string& name : ListFolder(m_path)) {
     if (const Name parsed = Parse(name); parsed.kind == Name::Kind::MANIFEST) {
-      numbers.push_back(parsed.number);
+      numbers.push_back(parsed.save.number);
     }
   }
   std::sort(numbers.begin(), numbers.end());
@@ -124,12 +128,34 @@ void Folder::Publish(const Manifest& manifest) const {
 
 void Folder::Clear() const {
   const std::vector<std::uint64_t> numbers = Numbers();
+  std::map<std::uint64_t, std::map<std::uint64_t, std::vector<std::string>>> parts;  // by number and id
+  std::vector<std::string> leftOver;
   for (const std::string& name : ListFolder(m_path)) {
     const Name parsed = Parse(name);
-    if (parsed.kind == Name::Kind::PARTIAL_MANIFEST ||
-        (parsed.kind == Name::Kind::PART && !std::binary_search(numbers.begin(), numbers.end(), parsed.number))) {
-      RemoveFile(m_path + "/" + name);
+    if (parsed.kind == Name::Kind::PARTIAL_MANIFEST) {
+      leftOver.push_back(name);
+    } else if (parsed.kind == Name::Kind::PART) {
+      parts[parsed.save.number][parsed.save.id].push_back(name);
     }
+  }
+  for (auto& [number, ofNumber] : parts) {
+    const bool isThere = std::binary_search(numbers.begin(), numbers.end(), number);
+    if (isThere && ofNumber.size() == 1) {
+      continue;  // its own, so that not every manifest is read
+    }
+    if (isThere) {
+      try {
+        ofNumber.erase(Read(number).header.identity.id);
+      } catch (const Failure&) {
+        continue;  // whose they are cannot be known
+      }
+    }
+    for (const auto& [id, names] : ofNumber) {
+      leftOver.insert(leftOver.end(), names.begin(), names.end());
+    }
+  }
+  for (const std::string& name : leftOver) {
+    RemoveFile(m_path + "/" + name);
   }
 }
 

@@ -12,7 +12,8 @@ class Folder {
   const std::string& Path() const noexcept { return m_path; }
   std::string LockPath() const { return m_path + "/lock"; }
   std::string ManifestPath(std::uint64_t number) const;
-  std::string PartPath(std::uint64_t number, std::uint32_t part) const;
+  // With the id of the save: whoever still writes to one that was given up harms no other of the same number.
+  std::string PartPath(const SaveIdentity& save, std::uint32_t part) const;
 
   // Snapshots that are there, in rising order.
   std::vector<std::uint64_t> Numbers() const;

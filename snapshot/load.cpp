@@ -110,7 +110,7 @@ std::vector<Snapshot> OpenParts(const Folder& folder, std::vector<Manifest> chai
   for (Manifest& manifest : chain) {
     Snapshot snapshot{std::move(manifest), {}};
     for (std::uint32_t part = 0; part < snapshot.manifest.parts.size(); ++part) {
-      const std::string path = folder.PartPath(snapshot.manifest.header.identity.number, part);
+      const std::string path = folder.PartPath(snapshot.manifest.header.identity, part);
       snapshot.parts.push_back(std::make_unique<PartReader>(path));
       snapshot.parts.back()->CheckBelongs(snapshot.manifest, part);
     }

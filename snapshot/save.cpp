@@ -88,7 +88,7 @@ void Save::WritePart(std::uint32_t part, std::vector<std::unique_ptr<ItemSource>
     item->Begin(m_header);
     progress.Expect(item->ExpectedBytes());
   }
-  PartWriter writer(m_folder.PartPath(m_header.identity.number, part), m_header, part, std::move(descriptions),
+  PartWriter writer(m_folder.PartPath(m_header.identity, part), m_header, part, std::move(descriptions),
                     m_options.level);
   for (std::uint32_t i = 0; i < items.size(); ++i) {
     items[i]->Write(writer, i, progress);
@@ -103,7 +103,7 @@ Manifest Save::Assemble(Bytes blob) const {
   manifest.header = m_header;
   manifest.blob.assign(blob.begin(), blob.end());
   for (std::uint32_t i = 0; i < m_options.parts; ++i) {
-    const PartReader part(m_folder.PartPath(m_header.identity.number, i));
+    const PartReader part(m_folder.PartPath(m_header.identity, i));
     manifest.parts.push_back(part.Seal());
     for (std::size_t item = 0; i == 0 && item < part.Items().size(); ++item) {
       manifest.items.push_back({part.Items()[item], {}});

@@ -15,6 +15,7 @@ class Damage : public ::testing::Test {
     Must(Save(m_folder.Path(), KAVO_SNAPSHOT_FULL, m_live.get()));
     m_trainer.Step(m_live.get(), 6);
     Must(Save(m_folder.Path(), KAVO_SNAPSHOT_INCREMENT, m_live.get(), 1));
+    m_files = {"manifest-0000000001", "manifest-0000000002", PartOf(m_folder.Path(), 1), PartOf(m_folder.Path(), 2)};
   }
 
   int LoadOne(const std::string& folder) { return Load(folder, Item("rows", m_loaded.get())); }
@@ -31,13 +32,11 @@ class Damage : public ::testing::Test {
   Trainer m_trainer{1};
   const Handle m_live = Make(Small(KAVO_OPTIMISER_SGD));
   Handle m_loaded = Make(Small(KAVO_OPTIMISER_SGD));
+  std::vector<std::string> m_files;
 };
 
-const char* const FILES[] = {"manifest-0000000001", "manifest-0000000002", "part-0000000001-00000",
-                             "part-0000000002-00000"};
-
 TEST_F(Damage, EveryByteAndEveryLengthCounts) {
-  for (const char* file : FILES) {
+  for (const std::string& file : m_files) {
     SCOPED_TRACE(file);
     const std::string whole = m_folder.Read(file);
     for (std::size_t i = 0; i < whole.size(); ++i) {
@@ -56,7 +55,7 @@ TEST_F(Damage, EveryByteAndEveryLengthCounts) {
 }
 
 TEST_F(Damage, ForeignNewerMissingAndSwappedFilesAreNamed) {
-  for (const char* file : FILES) {
+  for (const std::string& file : m_files) {
     SCOPED_TRACE(file);
     const std::string whole = m_folder.Read(file);
     const std::pair<std::string, const char*> others[] = {{whole.substr(0, 8) + '\2' + whole.substr(9), "newer"},
@@ -66,7 +65,7 @@ TEST_F(Damage, ForeignNewerMissingAndSwappedFilesAreNamed) {
       m_folder.Write(file, bytes);
       ExpectRefused(file, text);
     }
-    if (std::string(file) != FILES[1]) {  // the chain is the first alone then
+    if (file != m_files[1]) {  // the chain is the first alone then
       std::filesystem::remove(m_folder.Path(file));
       ExpectRefused(file, "missing");
     }
@@ -75,10 +74,10 @@ TEST_F(Damage, ForeignNewerMissingAndSwappedFilesAreNamed) {
   // The part of another attempt at the same number, whole by itself.
   const OwnFolder again;
   Must(Save(again.Path(), KAVO_SNAPSHOT_FULL, m_live.get()));
-  m_folder.Write(FILES[2], again.Read(FILES[2]));
-  ExpectRefused(FILES[2], "manifest");
-  m_folder.Write(FILES[0], again.Read(FILES[0]));
-  ExpectRefused(FILES[0], "follows");
+  m_folder.Write(m_files[2], again.Read(PartOf(again.Path(), 1)));
+  ExpectRefused(m_files[2], "manifest");
+  m_folder.Write(m_files[0], again.Read(m_files[0]));
+  ExpectRefused(m_files[0], "follows");
 }
 
 TEST_F(Damage, WhatDoesNotFitIsRefused) {
@@ -90,8 +89,8 @@ TEST_F(Damage, WhatDoesNotFitIsRefused) {
   EXPECT_EQ(Load(m_folder.Path(), Item("rows", m_live.get())), KAVO_INVALID) << "not empty";
   EXPECT_EQ(Load(m_folder.Path(), Item("rows", m_loaded.get()), 0, 1, 9), KAVO_INVALID) << "no such snapshot";
   EXPECT_EQ(LoadOne(m_folder.Path("nowhere")), KAVO_IO_ERROR);
-  EXPECT_EQ(LoadOne(m_folder.Path(FILES[0])), KAVO_IO_ERROR) << "no folder";
-  EXPECT_EQ(Save(m_folder.Path(FILES[0]), KAVO_SNAPSHOT_FULL, m_live.get()), KAVO_IO_ERROR);
+  EXPECT_EQ(LoadOne(m_folder.Path(m_files[0])), KAVO_IO_ERROR) << "no folder";
+  EXPECT_EQ(Save(m_folder.Path(m_files[0]), KAVO_SNAPSHOT_FULL, m_live.get()), KAVO_IO_ERROR);
   EXPECT_EQ(Save(m_folder.Path("nowhere/deeper"), KAVO_SNAPSHOT_FULL, m_live.get()), KAVO_IO_ERROR);
   EXPECT_EQ(Save(m_folder.Path("new"), KAVO_SNAPSHOT_INCREMENT, m_live.get()), KAVO_INVALID) << "follows nothing";
   const Handle stranger = Make(Small(KAVO_OPTIMISER_SGD));
@@ -107,7 +106,11 @@ TEST_F(Damage, CommitChecksItsParts) {
     Must(KavoSnapshotBegin(m_folder.Path().c_str(), &options, &save));
     Must(KavoSnapshotPart(save, 0, &item, 1, nullptr, nullptr));
     if (foreign) {
-      m_folder.Write("part-0000000003-00001", m_folder.Read(FILES[3]));
+      unsigned long long number = 0;
+      unsigned long long id = 0;
+      Must(KavoSnapshotIdentity(save, &number, &id));
+      const std::string path = Qen::Folder(m_folder.Path()).PartPath({number, id}, 1);
+      std::filesystem::copy(m_folder.Path(m_files[3]), path);
     }
     EXPECT_EQ(KavoSnapshotCommit(save, nullptr, 0), KAVO_REFUSED_FILE);
     EXPECT_EQ(Qen::Folder(m_folder.Path()).Numbers().size(), 2U);

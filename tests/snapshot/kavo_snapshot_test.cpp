@@ -60,9 +60,10 @@ TEST_F(Tool, AMergedChainIsTheSnapshot) {
   EXPECT_NE(m_printed.find("snapshot 3: increment after 2"), std::string::npos) << m_printed;
   EXPECT_EQ(Run([&](std::FILE* out) { return Verify(m_folder.Path(), out); }), EXIT_GOOD);
 
-  std::string part = m_folder.Read("part-0000000001-00000");
+  const std::string name = PartOf(m_folder.Path(), 1);
+  std::string part = m_folder.Read(name);
   part[part.size() / 2] ^= 1;
-  m_folder.Write("part-0000000001-00000", part);
+  m_folder.Write(name, part);
   EXPECT_THROW(Run([&](std::FILE* out) { return Verify(m_folder.Path(), out); }), Qen::Failure);
 }
 

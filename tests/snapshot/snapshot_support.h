@@ -53,6 +53,12 @@ inline std::string BlobOf(const std::string& folder, std::size_t bytes) {
   Must(KavoSnapshotReadBlob(folder.c_str(), 0, blob.data(), bytes));
   return blob;
 }
+// The name of the first part of snapshot `number`.
+inline std::string PartOf(const std::string& folder, unsigned long long number) {
+  const Qen::Folder snapshots(folder);
+  const std::string path = snapshots.PartPath(snapshots.Read(number).header.identity, 0);
+  return std::filesystem::path(path).filename();
+}
 inline long FilesIn(const std::string& folder) {
   return std::distance(std::filesystem::directory_iterator(folder), {});
 }
@@ -74,7 +80,7 @@ inline Records RecordsOf(const std::string& path, unsigned long long number = 0)
   const Qen::Manifest manifest = folder.Read(number);
   Records records;
   for (unsigned part = 0; part < manifest.parts.size(); ++part) {
-    const Qen::PartReader reader(folder.PartPath(manifest.header.identity.number, part));
+    const Qen::PartReader reader(folder.PartPath(manifest.header.identity, part));
     std::vector<unsigned char> stored;
     std::vector<unsigned char> raw;
     for (const auto& block : reader.Blocks()) {

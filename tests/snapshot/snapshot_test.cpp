@@ -180,15 +180,25 @@ TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
   EXPECT_EQ(FilesIn(folder.Path()), 9) << "4 manifests, 4 parts, lock";
 
   KavoSave* saves[2] = {};
-  const KavoSaveOptions options = Options(KAVO_SNAPSHOT_INCREMENT);
+  const KavoSaveOptions options = Options(KAVO_SNAPSHOT_FULL);
   Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[0]));
   EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[1]), KAVO_BUSY);
   Must(KavoSnapshotPart(saves[0], 0, &item, 1, nullptr, nullptr));
   const OwnFolder other;
   EXPECT_EQ(Save(other.Path(), KAVO_SNAPSHOT_FULL, live.get()), KAVO_BUSY) << "the embedding is in the first";
+  // A worker that has joined does not know that the save was given up, and another one has its number.
+  unsigned long long number = 0;
+  unsigned long long id = 0;
+  Must(KavoSnapshotIdentity(saves[0], &number, &id));
+  Must(KavoSnapshotJoin(folder.Path().c_str(), &options, number, id, &saves[1]));
   Must(KavoSnapshotAbort(saves[0]));
   EXPECT_EQ(FilesIn(folder.Path()), 9);
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+  Must(KavoSnapshotPart(saves[1], 0, &item, 1, nullptr, nullptr));
+  EXPECT_EQ(KavoSnapshotCommit(saves[1], nullptr, 0), KAVO_INVALID);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+  EXPECT_EQ(FilesIn(folder.Path()), 13) << "6 manifests, 6 parts, lock";
+  EXPECT_EQ(Contents(Loaded(folder.Path(), Defaults(2, KAVO_OPTIMISER_SGD)).get()), Contents(live.get()));
 }
 
 // What ends a load after all was verified leaves an embedding as empty as it was; what ends a save, nothing.
