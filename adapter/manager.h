@@ -2,8 +2,9 @@
 // library is loaded and destroyed, with every table still in it, when it is unloaded.
 //
 // Contract
-//  - Ids below ELE_ARRAY_SIZE index an array and are resolved without a lock: the path of every lookup. Larger ids live
-//    in a hash map and are resolved under the lock, shared, which is held for that step only.
+//  - Ids below ELE_ARRAY_SIZE, and as many of the highest, index arrays and are resolved without a lock: the path of
+//    every lookup. (The highest are those that a library above this one takes for tables of its own.) All others live in
+//    a hash map and are resolved under the lock, shared, which is held for that step only.
 //  - Register and Take hold the lock exclusively, and only while they move an element: tables are built before and
 //    destroyed after it, so that neither makes other calls wait.
 //  - The caller of the library sees to it that a table is not taken while another call on its id runs. So a table that
@@ -77,8 +78,8 @@ class Manager {
   // The id's element, or the shared empty one; never null. For ids of the map the caller holds `m_lock`.
   Ele* GetManagerEle(TableId tableId) {
     const auto id = static_cast<unsigned>(tableId);
-    if (id < ELE_ARRAY_SIZE) {
-      return &m_eleArray[id];
+    if (Ele* const ele = InArray(id)) {
+      return ele;
     }
     const auto found = m_eleMap.find(id);
     return found == m_eleMap.end() ? &m_emptyEle : &found->second;
@@ -90,7 +91,7 @@ class Manager {
     if (id < ELE_ARRAY_SIZE) [[likely]] {
       return m_eleArray[id].Load();
     }
-    return ResolveInMap(tableId);
+    return ~id < ELE_ARRAY_SIZE ? m_topArray[~id].Load() : ResolveInMap(tableId);
   }
 
   // Moves `ele` in. False, with `ele` untouched, when the id is registered already. Throws std::bad_alloc, and then
@@ -98,7 +99,8 @@ class Manager {
   bool Register(TableId tableId, Ele& ele) {
     const auto id = static_cast<unsigned>(tableId);
     const std::lock_guard lock(m_lock);
-    Ele& destination = id < ELE_ARRAY_SIZE ? m_eleArray[id] : m_eleMap.try_emplace(id).first->second;
+    Ele* const inArray = InArray(id);
+    Ele& destination = inArray != nullptr ? *inArray : m_eleMap.try_emplace(id).first->second;
     if (destination.Load().type != TABLE_TYPE_EMPTY) {
       return false;
     }
@@ -110,8 +112,8 @@ class Manager {
   Ele Take(TableId tableId) {
     const auto id = static_cast<unsigned>(tableId);
     const std::lock_guard lock(m_lock);
-    if (id < ELE_ARRAY_SIZE) {
-      return std::move(m_eleArray[id]);
+    if (Ele* const ele = InArray(id)) {
+      return std::move(*ele);
     }
     const auto found = m_eleMap.find(id);
     if (found == m_eleMap.end()) {
@@ -122,9 +124,10 @@ class Manager {
     return taken;
   }
 
-  // Destroyed from the last to the first: the tables of the map before those of the array.
+  // Destroyed from the last to the first: the tables of the map before those of the arrays.
   SharedMutex m_lock;
   Ele m_eleArray[ELE_ARRAY_SIZE];
+  Ele m_topArray[ELE_ARRAY_SIZE];  // from id 4,294,967,295 downwards
   std::unordered_map<unsigned, Ele, std::hash<unsigned>, std::equal_to<unsigned>,
                      HeapAllocator<std::pair<const unsigned, Ele>>>
       m_eleMap;
@@ -132,6 +135,11 @@ class Manager {
 
  private:
   Manager() = default;
+
+  // Null for an id of the map.
+  Ele* InArray(unsigned id) noexcept {
+    return id < ELE_ARRAY_SIZE ? &m_eleArray[id] : ~id < ELE_ARRAY_SIZE ? &m_topArray[~id] : nullptr;
+  }
 
   [[gnu::noinline]] TableRef ResolveInMap(TableId tableId) {
     const std::shared_lock lock(m_lock);

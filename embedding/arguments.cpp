@@ -56,14 +56,15 @@ void CheckRates(const KavoRates& rates) {
   if (rates.size < sizeof(KavoRates)) {
     Refuse("rates.size is %llu, below %zu", rates.size, sizeof(KavoRates));
   }
-  CheckRange(rates.learningRate, "learningRate", 0, false);
-  CheckRange(rates.weightDecay, "weightDecay", 0, true);
-  CheckRange(rates.eps, "eps", 0, true);
-  CheckRange(rates.beta1, "beta1", 0, true, 1);
-  CheckRange(rates.beta2, "beta2", 0, true, 1);
-  CheckRange(rates.ftrlBeta, "ftrlBeta", 0, true);
-  CheckRange(rates.l1, "l1", 0, true);
-  CheckRange(rates.l2, "l2", 0, true);
+  // As floats: rows are worked on in them.
+  CheckRange(static_cast<float>(rates.learningRate), "learningRate", 0, false);
+  CheckRange(static_cast<float>(rates.weightDecay), "weightDecay", 0, true);
+  CheckRange(static_cast<float>(rates.eps), "eps", 0, true);
+  CheckRange(static_cast<float>(rates.beta1), "beta1", 0, true, 1);
+  CheckRange(static_cast<float>(rates.beta2), "beta2", 0, true, 1);
+  CheckRange(static_cast<float>(rates.ftrlBeta), "ftrlBeta", 0, true);
+  CheckRange(static_cast<float>(rates.l1), "l1", 0, true);
+  CheckRange(static_cast<float>(rates.l2), "l2", 0, true);
 }
 
 KavoEmbeddingOptions CheckOptions(const KavoEmbeddingOptions* options) {

@@ -167,13 +167,19 @@ void Embedding::LookupBags(std::span<const long> keys, const KavoBags& bags, con
 
 unsigned long long Embedding::ForwardBags(std::span<const long> keys, const KavoBags& bags, float* pooled) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::WRITE);
+  const long* const padding = bags.hasPadding != 0 ? &bags.padding : nullptr;
   FoundRows::Writer found(m_found, keys);
+  if (OffersFirst()) {
+    OfferAll(keys, nullptr, found.Rows(), padding);
+  }
   Atomic<unsigned long long> rowless{0};
   PoolBags(
       keys, bags, pooled,
       [&](std::size_t first, std::size_t count, unsigned char** at) {
-        const int status =
-            OfferBlock(keys.subspan(first, count), nullptr, at, bags.hasPadding != 0 ? &bags.padding : nullptr);
+        if (OffersFirst()) {
+          std::copy_n(found.Rows() + first, count, at);
+        }
+        const int status = OffersFirst() ? KAVO_SUCCESS : OfferBlock(keys.subspan(first, count), nullptr, at, padding);
         unsigned long long ofBlock = 0;
         for (std::size_t i = 0; status == KAVO_SUCCESS && i < count; ++i) {
           ofBlock += at[i] == nullptr && !IsPadding(bags, keys[first + i]) ? 1 : 0;
@@ -186,7 +192,7 @@ unsigned long long Embedding::ForwardBags(std::span<const long> keys, const Kavo
         if (row == nullptr) {
           m_start.Fill(keys[key], copy, m_layout.Dim());
         } else {
-          ReadOrCreate(row, keys[key], call.Number(), scratch, copy);
+          ReadOrCreate(row, keys[key], call, scratch, copy);
         }
         return copy;
       });

@@ -99,17 +99,21 @@ class Embedding {
 
   // Lookup and forward of up to a block of keys.
   int LookupBlock(std::span<const long> keys, Absent absent, float* rows, unsigned char* found) const;
-  // Forward writes where the rows stand to `at`.
-  int ForwardBlock(std::span<const long> keys, const unsigned* occurrences, std::uint64_t number, float* scratch,
+  // Forward writes where the rows stand to `at`, unless they stand there.
+  int ForwardBlock(std::span<const long> keys, const unsigned* occurrences, const StepClock::Call& call, float* scratch,
                    unsigned char** at, float* rows, unsigned long long& rowless);
   // Finds the rows of up to a block of keys.
   int FindBlock(std::span<const long> keys, unsigned char** rows) const;
   // The same, and offers what has none, or what is to be counted; not the padding key, if there is one.
   int OfferBlock(std::span<const long> keys, const unsigned* occurrences, unsigned char** rows,
                  const long* padding = nullptr);
+  // Where the table counts, occurrences of a key that stands in several blocks count in the order of the array: forward
+  // offers all keys before it deals blocks out to threads.
+  bool OffersFirst() const noexcept { return m_options.admission > 1; }
+  void OfferAll(std::span<const long> keys, const unsigned* occurrences, unsigned char** rows, const long* padding);
   // Copies a row's weights out; creates it, with the number of the call, if it has no start yet or was forgotten.
-  void ReadOrCreate(unsigned char* row, long key, std::uint64_t number, float* scratch, float* out);
-  void Create(unsigned char* row, long key, std::uint64_t number, float* scratch);
+  void ReadOrCreate(unsigned char* row, long key, const StepClock::Call& call, float* scratch, float* out);
+  void Create(unsigned char* row, long key, const StepClock::Call& call, float* scratch);
 
   // find(first, count, rows) gives the rows of a block of keys. without(index, row, scratch, out) gives the floats of a
   // key that has none (null for zeros): its row is null, or in the table and not yet created, or forgotten.

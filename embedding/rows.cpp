@@ -111,20 +111,30 @@ int Embedding::OfferBlock(std::span<const long> keys, const unsigned* occurrence
   return KAVO_SUCCESS;
 }
 
-void Embedding::Create(unsigned char* row, long key, std::uint64_t number, float* scratch) {
-  const bool created = CreateRow(row, m_layout.Floats(), number, scratch, [&](float* floats) {
+void Embedding::OfferAll(std::span<const long> keys, const unsigned* occurrences, unsigned char** rows,
+                         const long* padding) {
+  for (std::size_t first = 0; first < keys.size(); first += KeyTables::BLOCK) {
+    const std::size_t count = std::min(KeyTables::BLOCK, keys.size() - first);
+    CheckBase(OfferBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first,
+                         rows + first, padding),
+              "KavoBatchOffer");
+  }
+}
+
+void Embedding::Create(unsigned char* row, long key, const StepClock::Call& call, float* scratch) {
+  const bool created = CreateRow(row, m_layout.Floats(), call.Number(), scratch, [&](float* floats) {
     m_start.Fill(key, floats, m_layout.Dim());
-    const OptimiserInput input{m_clock.Rates(), m_options.initialAccumulator, number, 1};
+    const OptimiserInput input{call.Rates(), m_options.initialAccumulator, call.Number(), 1};
     ForOptimiser(m_options.optimiser, input,
                  [&](const auto& optimiser) { optimiser.Begin(floats, floats + m_layout.Dim(), m_layout.Dim()); });
   });
   m_rows.fetch_add(created ? 1 : 0, std::memory_order_relaxed);  // a statistic
 }
 
-void Embedding::ReadOrCreate(unsigned char* row, long key, std::uint64_t number, float* scratch, float* out) {
+void Embedding::ReadOrCreate(unsigned char* row, long key, const StepClock::Call& call, float* scratch, float* out) {
   RowHead::Word seen = 0;
   while (!ReadRow(row, m_layout.Dim(), out, seen)) {
-    Create(row, key, number, scratch);
+    Create(row, key, call, scratch);
   }
 }
 
@@ -172,9 +182,9 @@ void Embedding::Lookup(std::span<const long> keys, const Absent& absent, float* 
 }
 
 // Adds to `rowless` how many of the keys had no row at their turn.
-int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurrences, std::uint64_t number,
+int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurrences, const StepClock::Call& call,
                             float* scratch, unsigned char** at, float* rows, unsigned long long& rowless) {
-  const int status = OfferBlock(keys, occurrences, at);
+  const int status = OffersFirst() ? KAVO_SUCCESS : OfferBlock(keys, occurrences, at);
   if (status != KAVO_SUCCESS) {
     return status;
   }
@@ -191,7 +201,7 @@ int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurren
       m_start.Fill(keys[i], rows, dim);
       ++without;
     } else {
-      ReadOrCreate(at[i], keys[i], number, scratch, rows);
+      ReadOrCreate(at[i], keys[i], call, scratch, rows);
     }
   }
   rowless += without;
@@ -201,11 +211,14 @@ int Embedding::ForwardBlock(std::span<const long> keys, const unsigned* occurren
 unsigned long long Embedding::Forward(std::span<const long> keys, const unsigned* occurrences, float* rows) {
   const StepClock::Call call(m_clock, StepClock::Call::Kind::WRITE);
   FoundRows::Writer found(m_found, keys);
+  if (OffersFirst()) {
+    OfferAll(keys, occurrences, found.Rows(), nullptr);
+  }
   Atomic<unsigned long long> without{0};
   ForBlocks(keys.size(), KeyTables::BLOCK, [&](std::size_t first, std::size_t count, Scratch& scratch) {
     unsigned long long rowless = 0;
     const int status =
-        ForwardBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first, call.Number(),
+        ForwardBlock(keys.subspan(first, count), occurrences == nullptr ? nullptr : occurrences + first, call,
                      scratch.floats.data(), found.Rows() + first, rows + first * m_layout.Dim(), rowless);
     without.fetch_add(rowless, std::memory_order_relaxed);  // read once the workers were joined
     return status;
@@ -280,6 +293,7 @@ void Embedding::AddStats(KavoEmbeddingStats& stats) const {
     for (std::size_t i = 1; i < sizeof(of) / sizeof(*more); ++i) {  // the first is the struct's size
       sum[i] += more[i];
     }
+    stats.table.linesHeldBack = of.linesHeldBack;  // of the process, not of a table
     if (m_options.admission > 1) {
       unsigned long long keys = 0;
       unsigned long long admitted = 0;

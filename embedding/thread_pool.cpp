@@ -6,7 +6,8 @@
 
 namespace Qen {
 
-ThreadPool::ThreadPool(unsigned threads) noexcept : m_threads(threads), m_process(getpid()) {}
+ThreadPool::ThreadPool(unsigned threads)
+    : m_threads(threads), m_process(getpid()), m_shared(std::make_unique<Shared>()) {}
 
 bool ThreadPool::IsInChild() const noexcept {
   return m_process != getpid();
@@ -14,15 +15,15 @@ bool ThreadPool::IsInChild() const noexcept {
 
 ThreadPool::~ThreadPool() {
   if (IsInChild()) {
-    new std::vector<std::thread>(std::move(m_helpers));  // threads of the parent: nothing here to join, nor to detach
+    static_cast<void>(m_shared.release());
     return;
   }
   {
-    const std::lock_guard lock(m_mutex);
-    m_ended = true;
+    const std::lock_guard lock(m_shared->mutex);
+    m_shared->ended = true;
   }
-  m_come.notify_all();
-  for (std::thread& helper : m_helpers) {
+  m_shared->come.notify_all();
+  for (std::thread& helper : m_shared->helpers) {
     helper.join();
   }
 }
@@ -33,21 +34,21 @@ void ThreadPool::RunJob(Job& job) {
     return;
   }
   {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_shared->mutex);
     StartHelpers();
-    job.following = m_jobs;
-    m_jobs = &job;
+    job.following = m_shared->jobs;
+    m_shared->jobs = &job;
   }
-  m_come.notify_all();
+  m_shared->come.notify_all();
   Work(job);
-  std::unique_lock lock(m_mutex);
-  for (Job** place = &m_jobs; *place != nullptr; place = &(*place)->following) {
+  std::unique_lock lock(m_shared->mutex);
+  for (Job** place = &m_shared->jobs; *place != nullptr; place = &(*place)->following) {
     if (*place == &job) {
       *place = job.following;
       break;
     }
   }
-  m_left.wait(lock, [&job] { return job.helpers == 0; });
+  m_shared->left.wait(lock, [&job] { return job.helpers == 0; });
 }
 
 void ThreadPool::Work(Job& job) noexcept {
@@ -59,25 +60,25 @@ void ThreadPool::Work(Job& job) noexcept {
   }
 }
 
-// Under m_mutex.
+// Under the mutex.
 void ThreadPool::StartHelpers() noexcept {
-  if (m_started) {
+  if (m_shared->started) {
     return;
   }
-  m_started = true;
+  m_shared->started = true;
   try {
-    m_helpers.reserve(m_threads - 1);
+    m_shared->helpers.reserve(m_threads - 1);
     for (unsigned i = 1; i < m_threads; ++i) {
-      m_helpers.emplace_back([this] { Help(); });
+      m_shared->helpers.emplace_back([this] { Help(); });
     }
   } catch (const std::exception&) {  // fewer will do
   }
 }
 
 void ThreadPool::Help() {
-  std::unique_lock lock(m_mutex);
+  std::unique_lock lock(m_shared->mutex);
   for (;;) {
-    Job* job = m_jobs;
+    Job* job = m_shared->jobs;
     // Relaxed: a hint; a job that has no piece left is passed by.
     while (job != nullptr && job->next.load(std::memory_order_relaxed) >= job->pieces) {
       job = job->following;
@@ -88,12 +89,12 @@ void ThreadPool::Help() {
       Work(*job);
       lock.lock();
       if (--job->helpers == 0) {
-        m_left.notify_all();
+        m_shared->left.notify_all();
       }
-    } else if (m_ended) {
+    } else if (m_shared->ended) {
       return;
     } else {
-      m_come.wait(lock);
+      m_shared->come.wait(lock);
     }
   }
 }

@@ -5,7 +5,7 @@
 // Pieces must not throw. Helpers are started by the first call that could use them; if the system refuses one, the work
 // is done by those that there are. In a child of fork there are no helpers, and calls work on their own thread.
 //
-// Who touches what: the list of jobs, their counts of helpers and the threads are guarded by m_mutex; a job's next
+// Who touches what: the list of jobs, their counts of helpers and the threads are guarded by one mutex; a job's next
 // piece is taken by any thread at work on it.
 #pragma once
 
@@ -13,6 +13,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -24,7 +25,7 @@ namespace Qen {
 class ThreadPool {
  public:
   // At most `threads` at work on one call, the caller's among them.
-  explicit ThreadPool(unsigned threads) noexcept;
+  explicit ThreadPool(unsigned threads);
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
   ~ThreadPool();
@@ -44,7 +45,7 @@ class ThreadPool {
     const void* piece;
     void (*call)(const void* piece, std::size_t index);
     Atomic<std::size_t> next{0};
-    unsigned helpers = 0;  // at work on it; under m_mutex
+    unsigned helpers = 0;  // at work on it; under the mutex
     Job* following = nullptr;
   };
 
@@ -57,13 +58,18 @@ class ThreadPool {
 
   const unsigned m_threads;
   const pid_t m_process;  // that the pool was made in: only there it has helpers, and a lock that is given back
-  std::mutex m_mutex;
-  std::condition_variable m_come;  // a job was listed, or the end
-  std::condition_variable m_left;  // a helper has left a job
-  Job* m_jobs = nullptr;
-  bool m_ended = false;
-  bool m_started = false;
-  std::vector<std::thread> m_helpers;
+  // With the helpers; by itself, since a child of fork must leave it as it is: its conditions have waiters that the
+  // child does not have, and destroying them would wait for those.
+  struct Shared {
+    std::mutex mutex;              // guards the rest
+    std::condition_variable come;  // a job was listed, or the end
+    std::condition_variable left;  // a helper has left a job
+    Job* jobs = nullptr;
+    bool ended = false;
+    bool started = false;
+    std::vector<std::thread> helpers;
+  };
+  std::unique_ptr<Shared> m_shared;
 };
 
 }  // namespace Qen

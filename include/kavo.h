@@ -17,7 +17,8 @@
  *   KEYS AND VALUES        KavoLookup, KavoLookupForUpdate, KavoUpdate, KavoInsert, KavoInsertOrUpdate,
  *                          KavoLookupOrInsert
  *   FILTER TABLES          what they are, KavoSetFilterFreq
- *   MANY KEYS AT ONCE      KavoBatchLookup, KavoBatchGather, KavoBatchLookupOrInsert, KavoBatchInsertOrUpdate
+ *   MANY KEYS AT ONCE      KavoBatchLookup, KavoBatchGather, KavoBatchLookupOrInsert, KavoBatchOffer,
+ *                          KavoBatchInsertOrUpdate
  *   VALUES BEFORE KEYS     KavoPrepareMemForValues, KavoGetMemForValue
  *   PARTITION MAP          InitPartitionMap, UninitPartitionMap, QueryPartitionMapPsId, GetBatchPsIds
  *   EXPORT                 KavoGetHtSizeAndVl, KavoBatchGetNext
@@ -35,8 +36,9 @@
  *  3. Keys lie between 0 and 2^63 - 1. A negative key is refused with KAVO_INVALID. A key's bucket is given by the
  *     low bits of its lowest 32 bits, and keys are not mixed further: keys that agree in those bits share a bucket and
  *     are slow, so hash keys that are not already well spread.
- *  4. Tables are named by an id of the caller's choice, any 32-bit value. Ids below 1024 are found with one array
- *     access; larger ids cost a shared lock and a hash lookup in every call.
+ *  4. Tables are named by an id of the caller's choice, any 32-bit value. Ids below 1024, and the
+ *     1024 highest, are found with one array access; others cost a shared lock and a hash lookup in every call. The
+ *     tables of embeddings (kavo_embedding.h) take their ids from 4,294,967,295 downwards, passing over those in use.
  *  5. Lengths are in bytes. A value's length is fixed when its table is created.
  *  6. Addresses. The address of a key's value is aligned to 8 bytes and stays the key's address until the table is
  *     destroyed, through any number of growths: keys are never removed and values never move. The memory belongs to
@@ -64,8 +66,8 @@
  *  - A lookup or update that starts after an insert of the key has returned finds the key.
  *  - A lookup that runs beside the first insert of its key finds it or answers KAVO_INVALID.
  *  - Lookups take no lock and wait for nobody, but for two reader-writer locks, both taken shared: that of the key's
- *    bucket, in the rare bucket whose keys outgrew its cells; and for an id of 1024 or above, while the table is looked
- *    up, the registry's, which creations and destructions hold exclusively for a moment. Inserts wait only for another
+ *    bucket, in the rare bucket whose keys outgrew its cells; and for an id that is neither below 1024 nor among the
+ *    1024 highest, while the table is looked up, the registry's, which creations and destructions hold exclusively for a moment. Inserts wait only for another
  *    thread's insert or admission of the same key, for a bucket that is being moved to a larger table, or, when the
  *    table is full, for its growth, in which they help.
  *
@@ -75,7 +77,8 @@
  *    L lookups    +  +  +  +  +  +  -  +  -   KavoLookup, KavoLookupForUpdate, KavoUpdate, KavoBatchLookup,
  *                                             KavoBatchGather
  *    I inserts    +  +  1  +  -  2  -  +  -   KavoInsert, KavoInsertOrUpdate, KavoLookupOrInsert,
- *                                             KavoBatchLookupOrInsert, KavoBatchInsertOrUpdate
+ *                                             KavoBatchLookupOrInsert, KavoBatchOffer,
+ *                                             KavoBatchInsertOrUpdate
  *    E export     +  1  3  +  +  +  -  +  -   KavoBatchGetNext, KavoGetHtSizeAndVl
  *    S settings   +  +  +  +  +  +  -  +  -   KavoSetFilterFreq, KavoGetTableStats
  *    R growth     +  -  +  +  +  +  -  +  -   KavoSetRehashMode

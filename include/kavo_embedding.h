@@ -26,13 +26,15 @@
  *     thread that saw it (KavoEmbeddingLastError), which names what is wrong; it is not logged. No function throws.
  *  2. All arguments are checked first, keys, offsets and floats of options included: a call that is refused with
  *     KAVO_INVALID has done nothing. `num` 0 is fine, and an array of no elements may be null.
- *  3. Keys are any 64-bit integers, negative ones included; they need not be spread. Keys may repeat in an array.
+ *  3. Keys are any 64-bit integers, negative ones included; they need not be spread. Keys may repeat in an array. A
+ *     call takes at most 4,294,967,295 keys.
  *  4. Rows are contiguous floats, row-major: row i of `dim` floats begins at float i * dim. Arrays are the caller's,
  * are not kept, must not overlap each other, and need no alignment beyond their type's.
  *  5. Memory. What an embedding needs is had before the first row changes. A call that answers KAVO_NO_MEMORY has
  *     trained no row; forward may have created some, which stand with their starts. Working memory of forward and
- *     backward calls is kept for the next ones, some 60 bytes for each key of the largest batch and a row of floats for
- *     each of its bags or distinct keys of a part of it.
+ *     backward calls is kept for the next ones until the embedding is destroyed: 16 bytes for each key of the largest
+ *     batch of each thread that calls forward (of 61 threads at most), and some 40 for each of as many backward calls,
+ *     up to 8, as have been at work at once.
  *  6. Structs begin with their own size, sizeof as the caller knows it; fields will be added at the end only. A size
  *     smaller than the first version of the struct is refused. Fields that a caller does not know stand for their 0.
  *
@@ -48,7 +50,7 @@
  *  - With one caller at a time the bytes of all rows depend on the calls only, not on the option `threads`, for one
  *    build of the library on one kind of processor.
  *  - A call that may use several threads uses those of the embedding, which are started when they are first needed.
- *    In a child of fork, calls work on the caller's thread.
+ *    In a child of fork, calls work on the caller's thread; at the fork no call on the embedding is in progress.
  */
 #ifndef KAVO_EMBEDDING_H
 #define KAVO_EMBEDDING_H
@@ -171,7 +173,8 @@ int KavoEmbeddingCreate(const KavoEmbeddingOptions* options, KavoEmbedding** emb
 int KavoEmbeddingDestroy(KavoEmbedding* embedding);
 
 /* Gives the options as they are now: those of the creation, rates as set last, and seed and initialiser of a snapshot
- * that was loaded. In: `options->size`. Returns KAVO_SUCCESS or KAVO_INVALID. */
+ * that was loaded. In: `options->size`. Returns KAVO_SUCCESS; KAVO_INVALID; KAVO_FAILED when a lock reported an error.
+ */
 int KavoEmbeddingGetOptions(const KavoEmbedding* embedding, KavoEmbeddingOptions* options);
 
 /* ROWS
@@ -262,8 +265,9 @@ int KavoEmbeddingForwardBags(KavoEmbedding* embedding, const long* keys, unsigne
  * As KavoEmbeddingBackward.
  *
  *   gradients        in: a row of `dim` floats for each bag.
- *   weightGradients  out: `num` floats, the gradients of `bags->weights`, from the rows as they are when the call
- * begins (a key without a row counts as its start); times `scale`. Null when not wanted; must be null without weights.
+ *   weightGradients  out: `num` floats, the gradients of `bags->weights`, from the rows as they are before the
+ * call's own step (a key without a row counts as its start); times `scale`. Null when not wanted; must be null without
+ * weights.
  */
 int KavoEmbeddingBackwardBags(KavoEmbedding* embedding, const long* keys, unsigned long long num, const KavoBags* bags,
                               const float* gradients, float scale, float* weightGradients,
@@ -271,7 +275,8 @@ int KavoEmbeddingBackwardBags(KavoEmbedding* embedding, const long* keys, unsign
 
 /* RATES, ROWS WITH STATE, ALL KEYS */
 
-/* Rates from the next step on: steps that have begun keep theirs. Returns KAVO_SUCCESS or KAVO_INVALID. */
+/* Rates from the next step on: steps that have begun keep theirs. Ranges are those of the options, of the rates as
+ * floats. Returns KAVO_SUCCESS; KAVO_INVALID; KAVO_FAILED when a lock reported an error. */
 int KavoEmbeddingSetRates(KavoEmbedding* embedding, const KavoRates* rates);
 
 /*
@@ -286,21 +291,31 @@ unsigned long long KavoEmbeddingRowFloats(const KavoEmbedding* embedding);
  *   rows   out: `num` rows of KavoEmbeddingRowFloats floats.
  *   steps  out: `num` numbers of the step that trained the row last (created or set it, if that came later); or null.
  *   found  out: `num` bytes, 1 for a key that has a row, else 0; or null.
+ *
+ * Statuses of KavoEmbeddingLookup.
  */
 int KavoEmbeddingGetRows(const KavoEmbedding* embedding, const long* keys, unsigned long long num, float* rows,
                          unsigned long long* steps, unsigned char* found);
 
-/* Creates or overwrites rows with their state, whatever the admission. Of a key that repeats the last row stays. */
+/*
+ * Creates or overwrites rows with their state, whatever the admission. Of a key that repeats the last row stays.
+ *
+ * Returns KAVO_SUCCESS; KAVO_INVALID; KAVO_NO_MEMORY, KAVO_FAILED: some of the rows may have been set, each whole.
+ */
 int KavoEmbeddingSetRows(KavoEmbedding* embedding, const long* keys, unsigned long long num, const float* rows);
 
 /*
  * The keys that have rows, in batches, in no particular order. A walk begins with a null `*cursor`; a call that leaves
  * it null has reached the end. Each key that has its row before the first call, and keeps it, is given at least once;
  * beside calls that create rows some keys may be given twice. A walk may be given up at any time: its cursor is freed
- * with the embedding. A failure, but for a refusal, ends it, and leaves `*cursor` null.
+ * with the embedding, and until then the memory of cells that growth has passed is not given back. A failure, but for
+ * a refusal, ends it, and leaves `*cursor` null.
  *
  *   keys  out: room for `capacity` keys, at least 1.
  *   num   out: how many were given.
+ *
+ * Returns KAVO_SUCCESS; KAVO_INVALID (also for a cursor that is no walk of this embedding); KAVO_NO_MEMORY;
+ * KAVO_FAILED when a lock reported an error.
  */
 int KavoEmbeddingNextKeys(KavoEmbedding* embedding, void** cursor, long* keys, unsigned long long capacity,
                           unsigned long long* num);
@@ -309,15 +324,16 @@ int KavoEmbeddingNextKeys(KavoEmbedding* embedding, void** cursor, long* keys, u
 
 typedef struct KavoEmbeddingStats {
   unsigned long long size;      /* in: sizeof(KavoEmbeddingStats); out: bytes filled */
-  KavoTableStats table;         /* the base's ledger, summed over the embedding's tables; its `size` stays 0 */
   unsigned long long rows;      /* keys that have a row */
   unsigned long long counted;   /* keys that are only counted */
   unsigned long long forgotten; /* rows that were forgotten and not yet reclaimed */
   unsigned long long steps;     /* steps taken */
   unsigned long long rowBytes;  /* value bytes of a row: floats with state, head and count */
+  KavoTableStats table;         /* the base's ledger, summed over the embedding's tables; its `size` stays 0 */
 } KavoEmbeddingStats;
 
-/* Beside other calls approximate. Returns KAVO_SUCCESS or KAVO_INVALID. */
+/* Beside other calls approximate. With admission, `counted` costs a walk over the keys. Returns KAVO_SUCCESS;
+ * KAVO_INVALID; KAVO_FAILED when a lock reported an error. */
 int KavoEmbeddingGetStats(const KavoEmbedding* embedding, KavoEmbeddingStats* stats);
 
 /* OWNERS */

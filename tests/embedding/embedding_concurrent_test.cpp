@@ -101,7 +101,7 @@ TEST(EmbeddingConcurrent, NoUpdateIsLost) {
   EXPECT_EQ(StatsOf(embedding).steps, static_cast<unsigned long long>(THREADS) * CALLS);
 }
 
-// One caller: the bytes of all rows depend on the calls only.
+// One caller: the bytes of all rows depend on the calls only, and so does which occurrence admits a key.
 TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
   constexpr std::size_t NUM = 30000;
   std::mt19937_64 random(7);
@@ -115,12 +115,15 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
     for (const unsigned threads : {1U, 2U, 3U, 8U}) {
       KavoEmbeddingOptions options = Defaults(7, optimiser);
       options.threads = threads;
+      options.admission = optimiser == KAVO_OPTIMISER_FTRL ? 5 : 1;
       const Handle embedding = Make(options);
+      std::vector<float> whole(NUM * KavoEmbeddingRowFloats(embedding.get()));
       for (int step = 0; step < 3; ++step) {
-        Forward(embedding, keys, 7);
+        unsigned long long without = 0;
+        Must(KavoEmbeddingForward(embedding.get(), keys.data(), NUM, nullptr, whole.data(), &without));
+        whole.push_back(static_cast<float>(without));
         Must(KavoEmbeddingBackward(embedding.get(), keys.data(), NUM, gradients.data(), 0.5F, nullptr));
       }
-      std::vector<float> whole(NUM * KavoEmbeddingRowFloats(embedding.get()));
       Must(KavoEmbeddingGetRows(embedding.get(), keys.data(), NUM, whole.data(), nullptr, nullptr));
       if (first.empty()) {
         first = whole;
@@ -130,7 +133,7 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
   }
 }
 
-TEST(EmbeddingConcurrent, AForkedChildWorksOnItsOwnThread) {
+TEST(EmbeddingConcurrent, AForkedChildWorksOnItsOwnThreadAndDestroys) {
   KavoEmbeddingOptions options = Defaults(DIM, KAVO_OPTIMISER_SGD);
   options.threads = 3;
   const Handle embedding = Make(options);
@@ -139,8 +142,10 @@ TEST(EmbeddingConcurrent, AForkedChildWorksOnItsOwnThread) {
   const std::vector<float> rows = Forward(embedding, keys, DIM);
   const int ended = InAChild([&] {
     const bool same = Lookup(embedding, keys, DIM, KAVO_ABSENT_ZEROS) == rows;
-    return same && KavoEmbeddingBackward(embedding.get(), keys.data(), keys.size(), rows.data(), 1, nullptr) == 0 ? 0
-                                                                                                                  : 1;
+    return same && KavoEmbeddingBackward(embedding.get(), keys.data(), keys.size(), rows.data(), 1, nullptr) == 0 &&
+                   KavoEmbeddingDestroy(embedding.get()) == 0
+               ? 0
+               : 1;
   });
   EXPECT_EQ(ended, 0);
 }

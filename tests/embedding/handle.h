@@ -65,6 +65,7 @@ template <class Work>
 int InAChild(const Work& work) {
   const pid_t child = ::fork();
   if (child == 0) {
+    ::alarm(120);  // seconds: one that hangs is ended
     ::_exit(work());
   }
   int status = 0;
