@@ -75,7 +75,6 @@ class Embedding {
 
   // Of a snapshot that is loaded. No other call is at work.
   void SetStart(const KavoEmbeddingOptions& startOptions);
-  void SetSteps(std::uint64_t steps) { m_clock.SetSteps(steps); }
   // Tables as it was made with, not yet in memory; and puts such in the place of those that there are.
   std::unique_ptr<KeyTables> MakeSpare() const;
   void Replace(std::unique_ptr<KeyTables> tables) noexcept;

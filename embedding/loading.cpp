@@ -208,6 +208,7 @@ void EmbeddingTarget::InstallFirst(const ItemDescription& item, const Group& gro
 
 void EmbeddingTarget::Finish(const SaveIdentity& identity, const Manifest::Item& item) {
   const ItemDescription& from = item.description;
+  SnapshotState& state = m_embedding.Snapshots();
   if (m_wins == Wins::FIRST) {
     KavoEmbeddingOptions start{};
     start.initialiser = from.initialiser;
@@ -216,11 +217,10 @@ void EmbeddingTarget::Finish(const SaveIdentity& identity, const Manifest::Item&
     start.initialAccumulator = from.initialAccumulator;
     start.seed = from.seed;
     m_embedding.SetStart(start);
+    state.cut = item.totals.steps + 1;
   }
-  m_embedding.SetSteps(item.totals.steps);
-  SnapshotState& state = m_embedding.Snapshots();
+  m_embedding.Clock().PassSteps(item.totals.steps);
   state.last = identity;
-  state.cut = item.totals.steps + 1;
   state.shard = m_shard;
   state.shards = m_shards;
 }
@@ -311,6 +311,9 @@ std::uint64_t UpdateFromSnapshots(const std::string& folder, std::uint64_t numbe
   const Workers workers = MostWorkers(items);
   progress.Expect(2 * BlockBytes(chain));
   VerifyChain(chain, targets, workers, progress);
+  for (EmbeddingTarget* target : embeddings) {
+    target->LeaveChain();
+  }
   InstallChain(chain, targets, workers, progress, LoadOrder::OLDEST_FIRST);
   FinishAll(embeddings, chain.front().manifest);
   return number;

@@ -25,6 +25,9 @@ class EmbeddingTarget : public ItemTarget {
   bool CanBe(BlockType type, const ItemDescription& item, Bytes records) const override;
   void Install(BlockType type, const ItemDescription& item, Bytes records) override;
 
+  // Is about to install beside other calls: what they write is in no snapshot that an increment could follow, whatever
+  // the number of its step.
+  void LeaveChain() noexcept { m_embedding.Snapshots().cut = 0; }
   // All is installed: the embedding stands at this snapshot now.
   void Finish(const SaveIdentity& identity, const Manifest::Item& item);
   // Some is installed: an embedding that was empty is empty again.

@@ -93,7 +93,7 @@ void EmbeddingSource::Begin(const FileHeader& header) {
   }
   m_begun = true;
   m_kind = header.kind;
-  if (m_kind == SnapshotKind::INCREMENT && state.last != header.follows) {
+  if (m_kind == SnapshotKind::INCREMENT && (state.cut == 0 || state.last != header.follows)) {
     Fail(KAVO_INVALID, "%s: was not saved to snapshot %llu by this handle, nor loaded from it: save a full one first",
          m_description.name.c_str(), static_cast<unsigned long long>(header.follows.number));
   }

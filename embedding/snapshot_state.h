@@ -7,8 +7,8 @@
 namespace Qen {
 
 struct SnapshotState {
-  SaveIdentity last;      // the snapshot that the next increment may follow
-  std::uint64_t cut = 0;  // that increment takes rows with this number or a later one
+  SaveIdentity last;      // the snapshot that it stands at: saved, loaded, or followed
+  std::uint64_t cut = 0;  // an increment after that takes rows with this number or a later one; 0: none may be saved
   unsigned mark = 0;      // in the heads of rows, of the last save; from 1 on
   unsigned shard = 0;     // of `shards`: the keys that were loaded
   unsigned shards = 1;

@@ -11,6 +11,7 @@
 // Calls are batches: a lock for a moment at both ends costs nothing beside them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <mutex>
 
@@ -78,10 +79,11 @@ class StepClock {
     const std::lock_guard lock(m_mutex);
     return m_last;
   }
-  // Of a snapshot that was loaded. No call is at work.
-  void SetSteps(std::uint64_t steps) {
+  // Of a snapshot that was loaded or followed: the next step is a later one. Never goes back, so that no two calls at
+  // work get one number.
+  void PassSteps(std::uint64_t steps) {
     const std::lock_guard lock(m_mutex);
-    m_last = steps;
+    m_last = std::max(m_last, steps);
   }
   KavoRates Rates() const {
     const std::lock_guard lock(m_mutex);

@@ -501,7 +501,9 @@ int KavoSnapshotLoad(const char* directory, unsigned long long number, const Kav
 /*
  * Brings embeddings that were loaded (all from one snapshot, with the same shards) up to snapshot `number` of the same
  * chain (0: the newest), by the increments between. Beside every other call; readers get whole rows, old or new. Keys
- * that the embedding only counts keep their counts, and get a row where an increment has one.
+ * that the embedding only counts keep their counts, and get a row where an increment has one. Where both have trained
+ * a row, the increment's stays. Steps taken become the snapshot's, if those are more. An embedding that was brought up
+ * is in no chain: its next save must be a full one.
  *
  *   number  in and out: the snapshot that the embeddings stand at afterwards; the same as before when there is no newer
  *           one in their chain.

@@ -70,6 +70,28 @@ INSTANTIATE_TEST_SUITE_P(, Chain,
                          ::testing::Values(Kind{KAVO_OPTIMISER_SGD, 0, 0, 0}, Kind{KAVO_OPTIMISER_ADAM, 3, 0, 3},
                                            Kind{KAVO_OPTIMISER_FTRL, 2, 1, 1}, Kind{KAVO_OPTIMISER_ADAGRAD, 0, 1, 0}));
 
+// Steps of an embedding that trains and follows do not go back, and no increment of its own leaves out what it trained.
+TEST(Update, BesideTrainingKeepsWhatWasTrained) {
+  const OwnFolder folder;
+  Trainer trainer(1);
+  const Handle live = Make(Small(KAVO_OPTIMISER_SGD));
+  trainer.Step(live.get(), 20);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, live.get()));
+  const Handle follower = Loaded(folder.Path(), Small(KAVO_OPTIMISER_SGD));
+  trainer.Step(live.get(), 20);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
+  for (int i = 0; i < 5; ++i) {
+    trainer.Step(follower.get(), 20);
+  }
+  const KavoSnapshotItem item = Item("rows", follower.get());
+  unsigned long long number = 0;
+  Must(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr));
+  EXPECT_EQ(follower->Clock().Steps(), 6U);
+  EXPECT_EQ(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, follower.get()), KAVO_INVALID);
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, follower.get()));
+  Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, follower.get()));
+}
+
 // A key that was counted, admitted and moved while it was being saved stands in the file as both.
 TEST(Shards, ARowCountsMoreThanThatItsKeyWasCounted) {
   class Source : public Qen::ItemSource {
