@@ -271,7 +271,7 @@ void LoadSnapshot(const std::string& folder, std::uint64_t number, const std::ve
   }
   const Folder from(folder);
   const Workers workers = MostWorkers(items);
-  const std::vector<Snapshot> chain = OpenParts(from, ReadChain(from, number));
+  const std::vector<Snapshot> chain = ExamineParts(from, ReadChain(from, number));
   progress.Expect(2 * BlockBytes(chain));
   VerifyChain(chain, targets, workers, progress);
   try {
@@ -307,7 +307,7 @@ std::uint64_t UpdateFromSnapshots(const std::string& folder, std::uint64_t numbe
   if (number == at.number || embeddings.empty()) {
     return at.number;
   }
-  const std::vector<Snapshot> chain = OpenParts(from, ReadChain(from, number, &at));
+  const std::vector<Snapshot> chain = ExamineParts(from, ReadChain(from, number, &at));
   const Workers workers = MostWorkers(items);
   progress.Expect(2 * BlockBytes(chain));
   VerifyChain(chain, targets, workers, progress);

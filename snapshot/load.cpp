@@ -1,6 +1,7 @@
 #include "snapshot/load.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace Qen {
 namespace {
@@ -37,10 +38,16 @@ void ReadPieces(const std::vector<Piece>& pieces, const Workers& workers, Progre
   workers.Run(std::min<std::size_t>(workers.threads, pieces.size()), [&](std::size_t) {
     std::vector<unsigned char> stored;
     std::vector<unsigned char> raw;
+    std::optional<File> file;
     // Relaxed: hands out numbers.
     for (std::size_t i = next.fetch_add(1, std::memory_order_relaxed); i < pieces.size();
          i = next.fetch_add(1, std::memory_order_relaxed)) {
-      work(pieces[i], pieces[i].part->Read(*pieces[i].block, stored, raw));
+      const PartReader& part = *pieces[i].part;
+      if (!file || file->Path() != part.Path()) {
+        file.reset();  // first, so that a worker has one at a time
+        file.emplace(part.Open());
+      }
+      work(pieces[i], part.Read(*file, *pieces[i].block, stored, raw));
       progress.Add(BytesOf(*pieces[i].block));
     }
   });
@@ -105,8 +112,8 @@ std::uint64_t NewestOfChain(const Folder& folder, const SaveIdentity& at) {
   return last.number;
 }
 
-std::vector<Snapshot> OpenParts(const Folder& folder, std::vector<Manifest> chain) {
-  std::vector<Snapshot> opened;
+std::vector<Snapshot> ExamineParts(const Folder& folder, std::vector<Manifest> chain) {
+  std::vector<Snapshot> examined;
   for (Manifest& manifest : chain) {
     Snapshot snapshot{std::move(manifest), {}};
     for (std::uint32_t part = 0; part < snapshot.manifest.parts.size(); ++part) {
@@ -114,9 +121,9 @@ std::vector<Snapshot> OpenParts(const Folder& folder, std::vector<Manifest> chai
       snapshot.parts.push_back(std::make_unique<PartReader>(path));
       snapshot.parts.back()->CheckBelongs(snapshot.manifest, part);
     }
-    opened.push_back(std::move(snapshot));
+    examined.push_back(std::move(snapshot));
   }
-  return opened;
+  return examined;
 }
 
 std::uint64_t BlockBytes(const std::vector<Snapshot>& chain) noexcept {

@@ -22,8 +22,8 @@ std::vector<Manifest> ReadChain(const Folder& folder, std::uint64_t number, cons
 // The newest snapshot of the chain that `at` is in, as far as it comes after that one. Refuses a chain that is gone.
 std::uint64_t NewestOfChain(const Folder& folder, const SaveIdentity& at);
 
-// The parts of each, opened. Refuses those that do not belong.
-std::vector<Snapshot> OpenParts(const Folder& folder, std::vector<Manifest> chain);
+// The parts of each. Refuses those that do not belong.
+std::vector<Snapshot> ExamineParts(const Folder& folder, std::vector<Manifest> chain);
 
 // Something that records can be put into.
 class ItemTarget {

@@ -10,14 +10,15 @@ constexpr std::size_t FIXED_BYTES = MAGIC_BYTES + 4 + 4 + 4 * 8 + 4 + 3 * 4;
 
 }  // namespace
 
-PartReader::PartReader(const std::string& path) : m_file(path, File::How::READ) {
-  const std::uint64_t size = m_file.Size();
+PartReader::PartReader(std::string path) : m_path(std::move(path)) {
+  const File file = Open();
+  const std::uint64_t size = file.Size();
   RunningChecksum checksum;
-  ReadHeader(size, checksum);
+  ReadHeader(file, checksum);
   std::vector<ItemTotals> found(m_items.size());
   for (std::uint64_t place = m_firstBlock;;) {
     unsigned char bytes[BlockHeader::BYTES];
-    m_file.ReadAt(place, bytes, sizeof(bytes));
+    file.ReadAt(place, bytes, sizeof(bytes));
     checksum.Add(bytes);
     place += sizeof(bytes);
     ByteReader from(bytes, Path());
@@ -31,12 +32,12 @@ PartReader::PartReader(const std::string& path) : m_file(path, File::How::READ) 
     }
     std::vector<unsigned char> stored;
     std::vector<unsigned char> raw;
-    ByteReader totals(Read(block, stored, raw), Path());
+    ByteReader totals(Read(file, block, stored, raw), Path());
     for (ItemTotals& item : found) {
       m_totals.push_back(ItemTotals::Take(totals));
       item.steps = m_totals.back().steps;
     }
-    m_file.ReadAt(place, &m_seal.checksum, sizeof(m_seal.checksum));
+    file.ReadAt(place, &m_seal.checksum, sizeof(m_seal.checksum));
     m_seal.bytes = place + sizeof(m_seal.checksum);
     break;
   }
@@ -51,9 +52,10 @@ PartReader::PartReader(const std::string& path) : m_file(path, File::How::READ) 
   }
 }
 
-void PartReader::ReadHeader(std::uint64_t size, RunningChecksum& checksum) {
+void PartReader::ReadHeader(const File& file, RunningChecksum& checksum) {
+  const std::uint64_t size = file.Size();
   std::vector<unsigned char> bytes(std::min<std::uint64_t>(size, FIXED_BYTES));
-  m_file.ReadAt(0, bytes.data(), bytes.size());
+  file.ReadAt(0, bytes.data(), bytes.size());
   ByteReader fixed(bytes, Path());
   m_header = FileHeader::Take(fixed, PART_MAGIC);
   m_part = fixed.Take<std::uint32_t>();
@@ -66,7 +68,7 @@ void PartReader::ReadHeader(std::uint64_t size, RunningChecksum& checksum) {
     RefuseFile("is cut off");
   }
   bytes.resize(length);
-  m_file.ReadAt(0, bytes.data(), bytes.size());
+  file.ReadAt(0, bytes.data(), bytes.size());
   checksum.Add(bytes);
   ByteReader descriptions(Bytes(bytes).subspan(FIXED_BYTES), Path());
   for (std::uint32_t i = 0; i < items; ++i) {
@@ -98,9 +100,10 @@ void PartReader::CheckBlock(const BlockHeader& header, std::uint64_t room) const
   }
 }
 
-Bytes PartReader::Read(const Block& block, std::vector<unsigned char>& stored, std::vector<unsigned char>& raw) const {
+Bytes PartReader::Read(const File& file, const Block& block, std::vector<unsigned char>& stored,
+                       std::vector<unsigned char>& raw) const {
   stored.resize(block.header.storedBytes);
-  m_file.ReadAt(block.place, stored.data(), stored.size());
+  file.ReadAt(block.place, stored.data(), stored.size());
   if (Checksum(stored) != block.header.checksum) {
     RefuseFile("is damaged: a block's checksum does not match");
   }

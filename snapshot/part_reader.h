@@ -1,5 +1,7 @@
-// Reads one part. Opening it reads everything but the contents of the blocks, and checks that it is whole; a block's
-// content is checked when it is read. What is wrong is refused, with file and cause.
+// Reads one part. Its construction reads everything but the contents of the blocks, and checks that it is whole; a
+// block's content is checked when it is read. What is wrong is refused, with file and cause.
+//
+// The file is not kept open: a chain may have more parts than a process may have files.
 #pragma once
 
 #include "snapshot/manifest.h"
@@ -13,9 +15,9 @@ class PartReader {
     std::uint64_t place = 0;  // of its content
   };
 
-  explicit PartReader(const std::string& path);
+  explicit PartReader(std::string path);
 
-  const std::string& Path() const noexcept { return m_file.Path(); }
+  const std::string& Path() const noexcept { return m_path; }
   const FileHeader& Header() const noexcept { return m_header; }
   std::uint32_t Part() const noexcept { return m_part; }
   const std::vector<ItemDescription>& Items() const noexcept { return m_items; }
@@ -27,15 +29,18 @@ class PartReader {
   // Refuses a file that is not this part of this snapshot.
   void CheckBelongs(const Manifest& manifest, std::uint32_t part) const;
 
+  // The part, opened again, for Read.
+  File Open() const { return File(m_path, File::How::READ); }
   // The records of a block. The two buffers are the caller's, and hold what is answered. Any thread.
-  Bytes Read(const Block& block, std::vector<unsigned char>& stored, std::vector<unsigned char>& raw) const;
+  Bytes Read(const File& file, const Block& block, std::vector<unsigned char>& stored,
+             std::vector<unsigned char>& raw) const;
 
  private:
   [[noreturn]] void RefuseFile(const char* cause) const { throw Failure(KAVO_REFUSED_FILE, Path() + ": " + cause); }
-  void ReadHeader(std::uint64_t size, RunningChecksum& checksum);
+  void ReadHeader(const File& file, RunningChecksum& checksum);
   void CheckBlock(const BlockHeader& header, std::uint64_t room) const;
 
-  File m_file;
+  std::string m_path;
   FileHeader m_header;
   std::uint32_t m_part = 0;
   std::vector<ItemDescription> m_items;

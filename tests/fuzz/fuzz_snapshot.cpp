@@ -80,11 +80,12 @@ void ReadPart(const std::vector<unsigned char>& bytes) {
     std::abort();
   }
   const Qen::PartReader part("/proc/self/fd/" + std::to_string(fd));
+  const Qen::File file = part.Open();
   std::vector<unsigned char> stored;
   std::vector<unsigned char> raw;
   std::uint64_t records = 0;
   for (const auto& block : part.Blocks()) {
-    if (part.Read(block, stored, raw).size() != block.header.rawBytes) {
+    if (part.Read(file, block, stored, raw).size() != block.header.rawBytes) {
       std::abort();
     }
     records += block.header.records;

@@ -1,5 +1,6 @@
 // Files that are not what they should be: each is refused with its name, and nothing was loaded.
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -78,6 +79,18 @@ TEST_F(Damage, ForeignNewerMissingAndSwappedFilesAreNamed) {
   ExpectRefused(m_files[2], "manifest");
   m_folder.Write(m_files[0], again.Read(m_files[0]));
   ExpectRefused(m_files[0], "follows");
+}
+
+// However long a chain is: one file is open at a time.
+TEST_F(Damage, AChainIsLoadedWithOneFileOpenAtATime) {
+  EXPECT_EQ(InAChild([&] {
+              const int next = ::dup(0);
+              ::close(next);
+              const rlimit limit{static_cast<rlim_t>(next) + 1, static_cast<rlim_t>(next) + 1};
+              ::setrlimit(RLIMIT_NOFILE, &limit);
+              return LoadOne(m_folder.Path());
+            }),
+            KAVO_SUCCESS);
 }
 
 TEST_F(Damage, WhatDoesNotFitIsRefused) {

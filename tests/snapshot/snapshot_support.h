@@ -81,12 +81,13 @@ inline Records RecordsOf(const std::string& path, unsigned long long number = 0)
   Records records;
   for (unsigned part = 0; part < manifest.parts.size(); ++part) {
     const Qen::PartReader reader(folder.PartPath(manifest.header.identity, part));
+    const Qen::File file = reader.Open();
     std::vector<unsigned char> stored;
     std::vector<unsigned char> raw;
     for (const auto& block : reader.Blocks()) {
       const Qen::ItemDescription& item = reader.Items()[block.header.item];
       const std::size_t bytes = item.RecordBytes(block.header.type);
-      const Qen::Bytes all = reader.Read(block, stored, raw);
+      const Qen::Bytes all = reader.Read(file, block, stored, raw);
       for (std::size_t at = 0; at < all.size(); at += bytes) {
         long key = 0;
         std::memcpy(&key, &all[at], sizeof(key));

@@ -47,7 +47,7 @@ Place::Place(const std::string& text) : folder(text) {
 
 Chain::Chain(const Place& place) {
   const Qen::Folder folder(place.folder);
-  snapshots = Qen::OpenParts(folder, Qen::ReadChain(folder, place.number));
+  snapshots = Qen::ExamineParts(folder, Qen::ReadChain(folder, place.number));
 }
 
 void ForEachEntry(const Chain& chain, const std::string& item, const Visit& visit) {

@@ -18,7 +18,7 @@ struct Place {
   std::uint64_t number = 0;
 };
 
-// A snapshot with its chain, newest first; all files are opened, and have been looked through for their structure.
+// A snapshot with its chain, newest first; all files have been looked through for their structure.
 struct Chain {
   explicit Chain(const Place& place);
   const Qen::Manifest& Newest() const { return snapshots.front().manifest; }
