@@ -57,9 +57,9 @@ class Pair {
         m_space(20 + m_random() % 3000) {}
 
   void Call(std::uint64_t which) {
-    constexpr void (Pair::*CALLS[])() = {&Pair::Forward,  &Pair::Forward,      &Pair::ForwardBags, &Pair::Backward,
-                                         &Pair::Backward, &Pair::BackwardBags, &Pair::Lookup,      &Pair::LookupBags,
-                                         &Pair::Set,      &Pair::SetRates,     &Pair::Save,        &Pair::Load,
+    constexpr void (Pair::*CALLS[])() = {&Pair::Forward,  &Pair::Forward,      &Pair::PooledBags, &Pair::Backward,
+                                         &Pair::Backward, &Pair::BackwardBags, &Pair::Lookup,     &Pair::PooledBags,
+                                         &Pair::Set,      &Pair::SetRates,     &Pair::Save,       &Pair::Load,
                                          &Pair::Reshard};
     (this->*CALLS[which % std::size(CALLS)])();
   }
@@ -182,8 +182,23 @@ class Pair {
     Compare(rows, keys, starts);
   }
 
-  void ComparePooled(const std::vector<float>& pooled, const std::vector<long>& keys, const Reference::Bags& bags,
-                     const std::vector<float>& absent) const {
+  // Those of forward, which makes rows, or of lookup.
+  void PooledBags() {
+    const std::vector<long> keys = Keys();
+    const Reference::Bags bags = Bags(keys.size(), keys);
+    const KavoBags view = bags.View();
+    std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
+    std::vector<float> absent = Starts(keys);
+    if (m_random() % 2 == 0) {
+      const unsigned long long expected = Offer(keys, absent, {}, bags);
+      unsigned long long without = 0;
+      Must(KavoEmbeddingForwardBags(m_embedding.get(), keys.data(), keys.size(), &view, pooled.data(), &without));
+      RC_ASSERT(without == expected);
+    } else {
+      const unsigned kind = m_random() % 2 == 0 ? KAVO_ABSENT_ZEROS : KAVO_ABSENT_START;
+      absent = kind == KAVO_ABSENT_ZEROS ? std::vector<float>(absent.size()) : absent;
+      Must(KavoEmbeddingLookupBags(m_embedding.get(), keys.data(), keys.size(), &view, kind, nullptr, pooled.data()));
+    }
     std::vector<double> sums(pooled.size());
     const auto places = bags.Places(keys);
     for (std::size_t i = 0; i < keys.size(); ++i) {
@@ -192,19 +207,6 @@ class Pair {
       }
     }
     RC_ASSERT(std::equal(pooled.begin(), pooled.end(), sums.begin(), IsClose));
-  }
-
-  void ForwardBags() {
-    const std::vector<long> keys = Keys();
-    const Reference::Bags bags = Bags(keys.size(), keys);
-    const std::vector<float> starts = Starts(keys);
-    const unsigned long long expected = Offer(keys, starts, {}, bags);
-    const KavoBags view = bags.View();
-    std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
-    unsigned long long without = 0;
-    Must(KavoEmbeddingForwardBags(m_embedding.get(), keys.data(), keys.size(), &view, pooled.data(), &without));
-    RC_ASSERT(without == expected);
-    ComparePooled(pooled, keys, bags, starts);
   }
 
   void Lookup() {
@@ -222,18 +224,6 @@ class Pair {
       RC_ASSERT(found[i] == (m_model.Find(keys[i]) != nullptr ? 1 : 0));
     }
     Compare(rows, keys, absent);
-  }
-
-  void LookupBags() {
-    const std::vector<long> keys = Keys();
-    const Reference::Bags bags = Bags(keys.size(), keys);
-    const bool zeros = m_random() % 2 == 0;
-    const std::vector<float> absent = zeros ? std::vector<float>(keys.size() * m_dim) : Starts(keys);
-    const KavoBags view = bags.View();
-    std::vector<float> pooled((bags.offsets.size() - 1) * m_dim);
-    Must(KavoEmbeddingLookupBags(m_embedding.get(), keys.data(), keys.size(), &view,
-                                 zeros ? KAVO_ABSENT_ZEROS : KAVO_ABSENT_START, nullptr, pooled.data()));
-    ComparePooled(pooled, keys, bags, absent);
   }
 
   void Backward() {

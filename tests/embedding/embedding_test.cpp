@@ -1,4 +1,4 @@
-// Properties of single calls that the model does not show: starts, gradients, refusals, owners.
+// Properties of single calls that the model does not show: starts, refusals, owners.
 #include <cmath>
 #include <limits>
 #include <numeric>
@@ -16,12 +16,6 @@ namespace {
 std::vector<float> StartOf(KavoEmbeddingOptions options, const std::vector<long>& keys) {
   options.expected = 8;
   return Lookup(Make(options), keys, options.dim);
-}
-
-std::vector<long> Range(long num) {
-  std::vector<long> keys(static_cast<std::size_t>(num));
-  std::iota(keys.begin(), keys.end(), -num / 2);
-  return keys;
 }
 
 // Frozen: what a key starts with may not change between versions, machines or calls. The numbers were computed from the
@@ -51,7 +45,8 @@ TEST(EmbeddingStart, HasKnownValues) {
 }
 
 TEST(EmbeddingOwners, AreThoseOfThePartitionMapOverTheUpperHalfOfTheMixedKey) {
-  const std::vector<long> keys = Range(2000);
+  std::vector<long> keys(2000);
+  std::iota(keys.begin(), keys.end(), -1000);
   for (const unsigned n : {1U, 2U, 64U, 1023U}) {
     std::vector<unsigned> owners(keys.size());
     Must(KavoOwners(keys.data(), keys.size(), n, owners.data()));
@@ -60,57 +55,6 @@ TEST(EmbeddingOwners, AreThoseOfThePartitionMapOverTheUpperHalfOfTheMixedKey) {
     const kavo::PartitionMap map(1, ids);
     for (std::size_t i = 0; i < keys.size(); ++i) {
       ASSERT_EQ(owners[i], map.Owner(static_cast<unsigned long long>(kavo::MixKey(keys[i])) >> 32));
-    }
-  }
-}
-
-// What backward gives are the slopes of a loss, by differences of what lookup gives: of half the sum of squares, whose
-// gradient is what was pooled, and of which differences are exact but for rounding.
-TEST(EmbeddingGradients, AreSlopesOfALoss) {
-  constexpr unsigned DIM = 3;
-  constexpr float STEP = 0.25F;
-  const std::vector<long> keys = {5, -7, 5, 9, 0, -7, 9};
-  const std::vector<long> distinct = {-7, 0, 5, 9};
-  const unsigned long long offsets[] = {0, 4, 4, 6, 7};  // one is empty, and one is padding only
-  KavoEmbeddingOptions options = Defaults(DIM, KAVO_OPTIMISER_SGD);
-  options.rates.learningRate = 1;
-  for (unsigned kind = 0; kind < 6; ++kind) {
-    SCOPED_TRACE(kind);
-    const bool isWeighted = kind / 2 == 1;
-    std::vector<float> weights = {0.5F, -1, 2, 3, 0.25F, 1, 1};
-    const unsigned pool = kind / 2 == 2 ? KAVO_POOL_MEAN : KAVO_POOL_SUM;
-    const KavoBags bags{sizeof(KavoBags), 4, offsets, isWeighted ? weights.data() : nullptr, pool, kind % 2, 9};
-    const Handle embedding = Make(options);
-    std::vector<float> rows = Forward(embedding, distinct, DIM);
-    std::vector<float> pooled(4 * DIM);
-    const auto loss = [&] {
-      Must(KavoEmbeddingSetRows(embedding.get(), distinct.data(), distinct.size(), rows.data()));
-      Must(KavoEmbeddingLookupBags(embedding.get(), keys.data(), keys.size(), &bags, 0, nullptr, pooled.data()));
-      return std::inner_product(pooled.begin(), pooled.end(), pooled.begin(), 0.0) / 2;
-    };
-    const auto slopes = [&loss](std::vector<float>& numbers) {
-      std::vector<double> all;
-      for (float& number : numbers) {
-        const float before = std::exchange(number, number + STEP);
-        const double above = loss();
-        number = before - STEP;
-        all.push_back((above - loss()) / (2 * STEP));
-        number = before;
-      }
-      return all;
-    };
-    const std::vector<double> ofRows = slopes(rows);
-    const std::vector<double> ofWeights = slopes(weights);
-    loss();
-    std::vector<float> given(keys.size());
-    Must(KavoEmbeddingBackwardBags(embedding.get(), keys.data(), keys.size(), &bags, pooled.data(), 1,
-                                   isWeighted ? given.data() : nullptr, nullptr));
-    const std::vector<float> after = Lookup(embedding, distinct, DIM);
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-      EXPECT_NEAR(rows[i] - after[i], ofRows[i], 1e-5) << i;
-    }
-    for (std::size_t i = 0; i < weights.size(); ++i) {
-      EXPECT_NEAR(given[i], ofWeights[i], 1e-5) << i;
     }
   }
 }
