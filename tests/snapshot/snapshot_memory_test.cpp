@@ -4,8 +4,8 @@
 #include <new>
 #include <numeric>
 
+#include "platform/test_hooks.h"
 #include "snapshot/snapshot_support.h"
-#include "support/fault_loop.h"
 
 // The standard library's allocations fail by the plan of the base's own. Not inlined: a compiler that sees into one of
 // a pair takes malloc and delete, or new and free, for a mismatch.
@@ -35,26 +35,28 @@
 namespace SnapshotTest {
 namespace {
 
-// call() with each allocation failing in turn, by itself or with all after it; check(failed) after each.
+// call() with its n-th allocation failing, for n = 1, 2, ... until it needs fewer: by itself, or with all after it.
+// check(failed) after each.
 template <class Call, class Check>
 void FailEach(const Call& call, const Check& check) {
+  namespace Hooks = Qen::TestHooks;
   for (const bool stay : {false, true}) {
     unsigned failures = 0;
-    KavoTest::ForEachFailingAllocation(
-        [&] {
-          const int status = call();
-          Qen::TestHooks::FailAllocation(0);
-          const std::string text = KavoEmbeddingLastError();
-          // The base answers KAVO_FAILED, -1, when it has no memory for an overflow map.
-          EXPECT_TRUE(status == KAVO_SUCCESS ||
-                      (status == KAVO_FAILED && text.find("answered -1") != std::string::npos) ||
-                      (status == KAVO_NO_MEMORY &&
-                       (text.find("answered -3") != std::string::npos || text.ends_with("no memory"))))
-              << status << ' ' << text;
-          failures += status == KAVO_SUCCESS ? 0 : 1;
-          check(status != KAVO_SUCCESS);
-        },
-        stay);
+    unsigned long long nth = 0;
+    do {
+      SCOPED_TRACE(::testing::Message() << "allocation " << ++nth << (stay ? " and all later ones fail" : " fails"));
+      Hooks::FailAllocation(nth, stay);
+      const int status = call();
+      Hooks::FailAllocation(0);
+      const std::string text = KavoEmbeddingLastError();
+      // The base answers KAVO_FAILED, -1, when it has no memory for an overflow map.
+      EXPECT_TRUE(
+          status == KAVO_SUCCESS || (status == KAVO_FAILED && text.find("answered -1") != std::string::npos) ||
+          (status == KAVO_NO_MEMORY && (text.find("answered -3") != std::string::npos || text.ends_with("no memory"))))
+          << status << ' ' << text;
+      failures += status == KAVO_SUCCESS ? 0 : 1;
+      check(status != KAVO_SUCCESS);
+    } while (Hooks::AllocationFailures() != 0 && !::testing::Test::HasFailure());
     EXPECT_GT(failures, 2U);
   }
 }
