@@ -49,15 +49,6 @@ CALLS: dict[str, list[Call]] = {
     "serving": [(["--rows", "5000", "--threads", "2", "--seconds", "0.5", "--increments", "5"], {})],
     "sharded_lookup": [(["--keys", "60000"], {})],
 }
-OWN_OPTIONS = {
-    "soak",
-    "ctr_training",
-    "incremental_export",
-    "serving",
-    "sharded_lookup",
-    "kavo_c_test",
-    "embedding_page",
-}  # not GoogleTest's
 
 
 @dataclasses.dataclass
@@ -89,35 +80,33 @@ def load() -> list[Mutant]:
     return mutants
 
 
-def apply(tree: pathlib.Path, mutant: Mutant) -> str:
-    """Breaks the tree; what does not match, if anything."""
+def broken(tree: pathlib.Path, mutant: Mutant) -> dict[pathlib.Path, str]:
+    """The files that the fault is in, as it leaves them."""
+    files: dict[pathlib.Path, str] = {}
     for edit in mutant.edits:
         path = tree / edit.file
-        text = path.read_text() if path.exists() else ""
+        text = files.get(path) or path.read_text()
         if text.count(edit.old) != 1:
-            return f"{mutant.name}: stands {text.count(edit.old)} times in {edit.file}, not once:\n{edit.old}"
-        path.write_text(text.replace(edit.old, edit.new))
-    return ""
+            raise ValueError(
+                f"{mutant.name}: stands {text.count(edit.old)} times in {edit.file}, not once:\n{edit.old}"
+            )
+        files[path] = text.replace(edit.old, edit.new)
+    return files
 
 
-def restore(tree: pathlib.Path, mutant: Mutant) -> None:
-    for name in {edit.file for edit in mutant.edits}:
-        if (ROOT / name).exists():
-            shutil.copyfile(ROOT / name, tree / name)
+def write(files: dict[pathlib.Path, str]) -> None:
+    for path, text in files.items():
+        path.write_text(text)
 
 
 def check(mutants: list[Mutant]) -> int:
-    """Whether every edit still matches once."""
-    with tempfile.TemporaryDirectory(prefix="kavo-mutants-") as scratch:
-        tree = pathlib.Path(scratch)
-        for name in {edit.file for mutant in mutants for edit in mutant.edits}:
-            (tree / name).parent.mkdir(parents=True, exist_ok=True)
-            if (ROOT / name).exists():
-                shutil.copyfile(ROOT / name, tree / name)
-        wrong = []
-        for mutant in mutants:
-            wrong += [text for text in [apply(tree, mutant)] if text]
-            restore(tree, mutant)
+    """Whether every edit matches once."""
+    wrong = []
+    for mutant in mutants:
+        try:
+            broken(ROOT, mutant)
+        except (OSError, ValueError) as problem:
+            wrong.append(str(problem))
     print("\n".join(wrong + [f"{len(mutants) - len(wrong)} of {len(mutants)} faults match the code"]))
     return 1 if wrong else 0
 
@@ -147,7 +136,7 @@ class Workshop:
         """What the finder found; empty when it ended well each time."""
         program = next(path for path in self.build.rglob(finder) if path.is_file() and os.access(path, os.X_OK))
         for arguments, environment in calls:
-            if finder not in OWN_OPTIONS:
+            if finder.endswith("_test"):  # other programs have options of their own
                 arguments = ["--gtest_fail_fast", *([f"--gtest_filter={cases}"] if cases else arguments)]
             try:
                 variables = {**os.environ, "KAVO_TEST_SEED": "1", **environment}
@@ -178,12 +167,19 @@ def try_all(chosen: list[Mutant], workers: int) -> int:
             sound[mutant.finder] = workshop.compile(mutant.finder) or workshop.find(mutant.finder, "", calls[:1])
         if sound[mutant.finder]:
             return "NOT SOUND", "the unbroken code fails: " + sound[mutant.finder][-2000:]
-        if problem := apply(workshop.tree, mutant):
-            return "NO MATCH", problem
-        if problem := workshop.compile(mutant.finder):
-            return "NO BUILD", problem[-2000:]
-        found = workshop.find(mutant.finder, mutant.filter, calls * (TRIES_OF_RACES if mutant.racy else 1))
-        return ("found", found) if found else ("NOT FOUND", "")
+        try:
+            edited = broken(workshop.tree, mutant)
+        except (OSError, ValueError) as problem:
+            return "NO MATCH", str(problem)
+        whole = {path: path.read_text() for path in edited}
+        try:
+            write(edited)
+            if wrong := workshop.compile(mutant.finder):
+                return "NO BUILD", wrong[-2000:]
+            found = workshop.find(mutant.finder, mutant.filter, calls * (TRIES_OF_RACES if mutant.racy else 1))
+            return ("found", found) if found else ("NOT FOUND", "")
+        finally:
+            write(whole)
 
     with tempfile.TemporaryDirectory(prefix="kavo-mutants-") as scratch:
         free: queue.SimpleQueue[Workshop] = queue.SimpleQueue()
@@ -195,7 +191,6 @@ def try_all(chosen: list[Mutant], workers: int) -> int:
             try:
                 result, detail = judge(workshop, mutant)
             finally:
-                restore(workshop.tree, mutant)
                 free.put(workshop)
             print(f"{result:<10} {mutant.name}   [{mutant.finder}] {detail}", flush=True)
             return result == "found"
