@@ -11,22 +11,6 @@
 
 namespace {
 
-class Loaded {
- public:
-  Loaded() : m_library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) { EXPECT_NE(nullptr, m_library) << dlerror(); }
-  void Unload() {
-    EXPECT_EQ(0, dlclose(m_library));
-    EXPECT_EQ(nullptr, dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_NOLOAD)) << "something keeps the library in the process";
-  }
-  template <class Function>
-  Function* Get(const char* name) const {
-    return reinterpret_cast<Function*>(dlsym(m_library, name));
-  }
-
- private:
-  void* m_library;
-};
-
 long MappedBytes() {
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages;
@@ -36,9 +20,10 @@ long MappedBytes() {
 // Registers tables of the array and of the map, with entries from two threads, and leaves them to the unloading. A
 // thread that has inserted into a table of the map keeps the library until it ends, so this one does not.
 void LoadUseAndUnload(bool& reserved) {
-  Loaded library;
-  const auto init = library.Get<decltype(KavoInitHashTable)>("KavoInitHashTable");
-  const auto insert = library.Get<decltype(KavoInsert)>("KavoInsert");
+  void* const library = dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(nullptr, library) << dlerror();
+  const auto init = reinterpret_cast<decltype(&KavoInitHashTable)>(dlsym(library, "KavoInitHashTable"));
+  const auto insert = reinterpret_cast<decltype(&KavoInsert)>(dlsym(library, "KavoInsert"));
   ASSERT_NE(nullptr, init);
   ASSERT_NE(nullptr, insert);
   const long before = MappedBytes();
@@ -54,7 +39,8 @@ void LoadUseAndUnload(bool& reserved) {
     }
   }
   reserved = MappedBytes() - before > 1'000'000'000;
-  library.Unload();
+  EXPECT_EQ(0, dlclose(library));
+  EXPECT_EQ(nullptr, dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_NOLOAD)) << "something keeps the library in the process";
 }
 
 TEST(Unload, DestroysTheTablesThatAreStillRegistered) {

@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
-#include <cstring>
 #include <mutex>
 #include <numeric>
 #include <random>
 #include <shared_mutex>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -142,23 +141,21 @@ TEST_F(PartitionMapTest, NeitherQueriesNorWritersStarveAndEveryAnswerComesFromOn
 // The one way in which a host meets such a report: a sink that, against the rules, calls back while Init holds the
 // lock.
 TEST_F(PartitionMapTest, LockErrorIsKavoFailedWithALine) {
-  static int status = KAVO_SUCCESS;
-  static unsigned reports = 0;
-  const KavoLogSink sink{nullptr,
-                         [](void*, unsigned, int level, const char* format, va_list) {
-                           reports += std::strstr(format, " : lock failed, exception caught:") != nullptr ? 1 : 0;
-                           if (level == KAVO_LOG_LEVEL_INFO) {
-                             unsigned psId = 0;
-                             status = QueryPartitionMapPsId(1, &psId);
-                           }
-                         },
-                         nullptr};
-  ASSERT_EQ(KAVO_SUCCESS, KavoSetLogSink(&sink));
-  EXPECT_EQ(KAVO_SUCCESS, Init({5}));
-  EXPECT_EQ(KAVO_SUCCESS, KavoSetLogSink(nullptr));
+  int status = KAVO_SUCCESS;
+  unsigned reports = 0;
+  unsigned psId = 0;
+  const auto write = [&](const kavo::LogLine& line) {
+    reports += line.Text().find(" : lock failed, exception caught:") != std::string_view::npos ? 1 : 0;
+    if (line.Level() == kavo::LogLevel::INFO) {
+      status = QueryPartitionMapPsId(1, &psId);
+    }
+  };
+  {
+    const kavo::LogSink sink(write, kavo::LogLevel::INFO);
+    EXPECT_EQ(KAVO_SUCCESS, Init({5}));
+  }
   EXPECT_EQ(KAVO_FAILED, status);
   EXPECT_EQ(1U, reports);
-  unsigned psId = 0;
   EXPECT_EQ(KAVO_SUCCESS, QueryPartitionMapPsId(1, &psId));
 
   WriterPriorityMutex mutex;
