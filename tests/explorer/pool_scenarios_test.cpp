@@ -14,19 +14,27 @@
 namespace KavoExplorer {
 namespace {
 
-using Numbers = std::vector<Qen::BlockNumber>;
+class TakingRun : public ScenarioRun {
+ protected:
+  std::set<Qen::BlockNumber> AllTaken() const {
+    std::set<Qen::BlockNumber> all(m_taken[0].begin(), m_taken[0].end());
+    all.insert(m_taken[1].begin(), m_taken[1].end());
+    return all;
+  }
+
+  std::vector<Qen::BlockNumber> m_taken[2];  // by thread
+};
 
 // The first calls get what is in stock, whoever makes them; the rest is fresh, with numbers behind those of the stock.
-class PoolRun final : public ScenarioRun {
+class PoolRun final : public TakingRun {
  public:
   PoolRun(unsigned one, unsigned other) : m_calls(one + other) {
     static_cast<void>(m_pool.InitMemPool(STOCK));
-    threads = {[this, one] { Take(m_taken[0], one); }, [this, other] { Take(m_taken[1], other); }};
+    threads = {[this, one] { Take(0, one); }, [this, other] { Take(1, other); }};
   }
 
   std::string Check() override {
-    std::set<Qen::BlockNumber> all(m_taken[0].begin(), m_taken[0].end());
-    all.insert(m_taken[1].begin(), m_taken[1].end());
+    const auto all = AllTaken();
     const auto fromStock = std::ranges::count_if(all, [](Qen::BlockNumber number) { return number < STOCK; });
     return all.size() != m_calls                   ? "a block could not be had, or was handed out twice"
            : fromStock != std::min(m_calls, STOCK) ? "a fresh block, while there were some in stock"
@@ -34,12 +42,12 @@ class PoolRun final : public ScenarioRun {
   }
 
  private:
-  void Take(Numbers& taken, unsigned count) {
+  void Take(unsigned thread, unsigned count) {
     for (; count > 0; --count) {
       Qen::NumberedBlock block;
       Qen::MemKind kind = Qen::MemKind::ORDINARY;
       if (m_pool.GetMem(block, kind) == KAVO_SUCCESS) {
-        taken.push_back(block.number);
+        m_taken[thread].push_back(block.number);
       }
     }
   }
@@ -47,24 +55,22 @@ class PoolRun final : public ScenarioRun {
   static constexpr unsigned STOCK = 3;
   const unsigned m_calls;
   Qen::MemoryPool m_pool{1, 12};
-  Numbers m_taken[2];
 };
 
 // They share an arena, whose first run has 8 blocks.
-class ArenaRun final : public ScenarioRun {
+class ArenaRun final : public TakingRun {
  public:
   ArenaRun() {
-    threads = {[this] { Take(m_taken[0]); },
+    threads = {[this] { Take(0); },
                [this] {
                  ShareArena();
-                 Take(m_taken[1]);
+                 Take(1);
                }};
   }
 
   std::string Check() override {
-    std::set<Qen::BlockNumber> all(m_taken[0].begin(), m_taken[0].end());
-    all.insert(m_taken[1].begin(), m_taken[1].end());
-    return all.size() == 10 && m_blocks.GetUsage().blocks == 10 ? "" : "a block was handed out twice, or skipped";
+    return AllTaken().size() == 10 && m_blocks.GetUsage().blocks == 10 ? ""
+                                                                       : "a block was handed out twice, or skipped";
   }
 
  private:
@@ -76,14 +82,13 @@ class ArenaRun final : public ScenarioRun {
     }
     done = true;
   }
-  void Take(Numbers& taken) {
+  void Take(unsigned thread) {
     for (int i = 0; i < 5; ++i) {
-      taken.push_back(m_blocks.Take().number);
+      m_taken[thread].push_back(m_blocks.Take().number);
     }
   }
 
   Qen::FreshBlocks m_blocks{Qen::BlockLayout{16, 0}};
-  Numbers m_taken[2];
 };
 
 TEST(PoolScenarios, TwoThreadsUseUpARun) {

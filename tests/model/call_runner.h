@@ -20,10 +20,12 @@
 
 namespace KavoTest {
 
+// How the calling thread's calls have ended.
 struct CallStatistics {
   std::array<unsigned long, FUNCTION_COUNT> succeeded{};
   std::array<unsigned long, FUNCTION_COUNT> failed{};
 };
+inline thread_local CallStatistics t_statistics;
 
 // The log lines that the calling thread has caused.
 struct LineCounts {
@@ -48,7 +50,6 @@ class CallRunner {
   // Looks at everything that the tables hold, by lookups and by exports in each mode, and removes it all.
   void Finish();
 
-  const CallStatistics& Statistics() const { return m_statistics; }
   ReferenceModel& Model() { return m_model; }
 
  private:
@@ -71,7 +72,7 @@ class CallRunner {
     const unsigned long lines = CountedLines().failures - before;
     Expect(status == KAVO_SUCCESS || lines > 0, "the call failed with ", status, " and logged nothing");
     Expect(status != KAVO_SUCCESS || lines == 0, "the call succeeded and logged ", lines, " lines");
-    ++(status == KAVO_SUCCESS ? m_statistics.succeeded : m_statistics.failed)[static_cast<unsigned>(function)];
+    ++(status == KAVO_SUCCESS ? t_statistics.succeeded : t_statistics.failed)[static_cast<unsigned>(function)];
   }
   template <class Make>
   void CompareBatch(const Step& step, bool isRefused, Make make);
@@ -104,7 +105,6 @@ class CallRunner {
   void SpoilCursor(const Step& step);
 
   ReferenceModel m_model;
-  CallStatistics m_statistics;
   std::array<void*, CURSOR_COUNT> m_cursors{};
   void* m_endedCursor = nullptr;
   std::array<unsigned, TABLE_IDS.size()> m_ids = TABLE_IDS;

@@ -12,6 +12,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "kavo.h"
@@ -72,23 +73,15 @@ class ExportWalk {
 
  private:
   void AcceptKey(unsigned tableType, ModelEntries& entries, unsigned mode, long key, unsigned index) {
-    if (index == 0 && m_standing.has_value()) {
-      const bool repeats = IsDue(tableType, entries.at(*m_standing), mode);
-      Expect(!repeats || key == *m_standing, "batch begins with key ", key, ", should repeat ", *m_standing);
-      m_standing.reset();
-      if (repeats) {
-        if (mode == KAVO_EXPORT_UNMARKED_MARK && entries.at(key).admitted) {
-          entries.at(key).state = 1;
-        }
-        return;
-      }
-    }
+    const std::optional<long> standing = index == 0 ? std::exchange(m_standing, std::nullopt) : std::nullopt;
+    const bool repeats = standing.has_value() && IsDue(tableType, entries.at(*standing), mode);
+    Expect(!repeats || key == *standing, "batch begins with key ", key, ", should repeat ", standing.value_or(0));
     const auto at = entries.find(key);
     Expect(at != entries.end(), "exported key ", key, " is not in the table");
     ModelEntry& entry = at->second;
     Expect(IsDue(tableType, entry, mode), "exported key ", key, " is not due");
     const bool first = m_notPassed.erase(key) + m_maybePassed.erase(key) != 0;
-    Expect(first || m_disturbed, "key ", key, " is exported twice");
+    Expect(first || repeats || m_disturbed, "key ", key, " is exported twice");
     if (mode == KAVO_EXPORT_UNMARKED_MARK && entry.admitted) {
       entry.state = 1;
     }
