@@ -445,7 +445,8 @@ int KavoSnapshotPart(KavoSave* save, unsigned int part, const KavoSnapshotItem* 
  *   blob, blobBytes  in: the caller's bytes; null and 0 for none.
  *
  * Returns KAVO_SUCCESS (also when old files could not be deleted); KAVO_INVALID; KAVO_REFUSED_FILE when a part is
- * missing or is not of this save; KAVO_IO_ERROR; KAVO_NO_MEMORY. On failure the snapshot does not exist.
+ * missing or is not of this save; KAVO_IO_ERROR; KAVO_NO_MEMORY. On failure the snapshot does not exist; but where the
+ * disk lets it be neither completed nor taken back, it may, whole.
  */
 int KavoSnapshotCommit(KavoSave* save, const void* blob, unsigned long long blobBytes);
 

@@ -120,6 +120,7 @@ void Folder::Publish(const Manifest& manifest) const {
     RenameFile(partial, path);
     SyncFolder(m_path);
   } catch (...) {
+    // What cannot be taken back is a snapshot, and Clear leaves it its parts.
     RemoveFile(path);
     RemoveFile(partial);
     throw;
@@ -154,6 +155,10 @@ void Folder::Clear() const {
       leftOver.insert(leftOver.end(), names.begin(), names.end());
     }
   }
+  if (!leftOver.empty()) {
+    // A manifest that is gone must stay gone before its parts go, or a power failure brings it back without them.
+    SyncFolder(m_path);
+  }
   for (const std::string& name : leftOver) {
     RemoveFile(m_path + "/" + name);
   }
@@ -175,7 +180,6 @@ void Folder::DeleteOldChains(std::uint32_t keep) const {
       return;  // nor the ones that it follows
     }
   }
-  SyncFolder(m_path);
   Clear();
 }
 

@@ -20,7 +20,7 @@ class Folder {
   // The newest for 0. Throws KAVO_INVALID when it is not there.
   Manifest Read(std::uint64_t number) const;
 
-  // Makes the manifest's snapshot visible. On failure it is not.
+  // Makes the manifest's snapshot visible. On failure it is not, once Clear has brought that to the disk.
   void Publish(const Manifest& manifest) const;
 
   // Deletes what saves left that were never committed. Only while the folder's lock is held, here and below.

@@ -44,7 +44,6 @@ void ReadPieces(const std::vector<Piece>& pieces, const Workers& workers, Progre
          i = next.fetch_add(1, std::memory_order_relaxed)) {
       const PartReader& part = *pieces[i].part;
       if (!file || file->Path() != part.Path()) {
-        file.reset();  // first, so that a worker has one at a time
         file.emplace(part.Open());
       }
       work(pieces[i], part.Read(*file, *pieces[i].block, stored, raw));
