@@ -90,6 +90,8 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
   std::mt19937_64 random(7);
   std::vector<long> keys(NUM);
   std::generate(keys.begin(), keys.end(), [&] { return static_cast<long>(random() % 9000) - 4000; });
+  std::vector<unsigned> occurrences(NUM);
+  std::generate(occurrences.begin(), occurrences.end(), [&] { return static_cast<unsigned>(1 + random() % 4); });
   std::vector<float> gradients(NUM * 7);
   std::generate(gradients.begin(), gradients.end(), [&] { return static_cast<float>(random() % 1000) / 999 - 0.3F; });
   const std::vector<unsigned> OPTIMISERS{KAVO_OPTIMISER_ROWWISE_ADAGRAD, KAVO_OPTIMISER_ADAM, KAVO_OPTIMISER_FTRL};
@@ -103,7 +105,7 @@ TEST(EmbeddingConcurrent, BytesDoNotDependOnTheNumberOfThreads) {
       std::vector<float> whole(NUM * KavoEmbeddingRowFloats(embedding.get()));
       for (int step = 0; step < 3; ++step) {
         unsigned long long without = 0;
-        Must(KavoEmbeddingForward(embedding.get(), keys.data(), NUM, nullptr, whole.data(), &without));
+        Must(KavoEmbeddingForward(embedding.get(), keys.data(), NUM, occurrences.data(), whole.data(), &without));
         whole.push_back(static_cast<float>(without));
         Must(KavoEmbeddingBackward(embedding.get(), keys.data(), NUM, gradients.data(), 0.5F, nullptr));
       }
