@@ -16,7 +16,12 @@ template <class Work>
 void ForAllElements(const Embedding& embedding, const Work& work) {
   TableWalk walk(embedding.Tables());
   const Workers workers = WorkersOf(embedding);
-  workers.Run(workers.threads, [&](std::size_t) { work(walk); });
+  try {
+    workers.Run(workers.threads, [&](std::size_t) { work(walk); });
+  } catch (...) {
+    walk.GiveUp();
+    throw;
+  }
 }
 
 ItemDescription Describe(std::string name, const Embedding& embedding) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <iterator>
 #include <mutex>
 #include <optional>
@@ -27,7 +28,9 @@ class TableWalk {
     const std::lock_guard lock(m_mutex);
     for (; m_table < m_num; ++m_table, m_entries.reset()) {
       if (!m_entries) {
-        m_next = m_entries.emplace(m_tables.Id(m_table), kavo::ExportMode::ALL, BATCH).begin();
+        kavo::Entries& entries = m_entries.emplace(m_tables.Id(m_table), kavo::ExportMode::ALL, BATCH);
+        m_next = kavo::Entries::Iterator(entries);  // at its end, should the next throw
+        m_next = entries.begin();
       }
       std::size_t num = 0;
       for (; num < elements.size() && m_next != std::default_sentinel; ++m_next) {
@@ -39,6 +42,16 @@ class TableWalk {
       }
     }
     return 0;
+  }
+
+  // Ends a walk in the middle of a table, whose retired memory stays as long as the walk. Nobody calls Next any more.
+  void GiveUp() noexcept {
+    try {
+      while (m_entries && m_next != std::default_sentinel) {
+        ++m_next;
+      }
+    } catch (const std::exception&) {  // has ended it
+    }
   }
 
  private:

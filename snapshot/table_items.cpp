@@ -24,8 +24,15 @@ unsigned Walk(unsigned table, unsigned mode, const Take& take) {
     unsigned num = 0;
     CheckBase(KavoBatchGetNext(table, &batch, &num, &cursor), "KavoBatchGetNext");
     // The last entry of a full batch comes again.
-    for (unsigned i = hasLast && num > 0 && elements[0].key == last ? 1 : 0; i < num; ++i) {
-      take(elements[i]);
+    try {
+      for (unsigned i = hasLast && num > 0 && elements[0].key == last ? 1 : 0; i < num; ++i) {
+        take(elements[i]);
+      }
+    } catch (...) {
+      // On to the end: a table keeps its retired memory as long as a cursor.
+      while (cursor != nullptr && KavoBatchGetNext(table, &batch, &num, &cursor) == KAVO_SUCCESS) {
+      }
+      throw;
     }
     if (num > 0) {
       hasLast = true;

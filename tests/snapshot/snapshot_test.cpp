@@ -260,5 +260,31 @@ TEST(Progress, EndsACallAndTheStateBeforeStays) {
   EXPECT_EQ(Contents(loaded.get()), Contents(live.get()));
 }
 
+// A table keeps its retired memory as long as a walk over it is open.
+TEST(Progress, ThatEndsASaveEndsItsWalk) {
+  const OwnFolder folder;
+  KavoEmbeddingOptions options = Small(KAVO_OPTIMISER_SGD);
+  options.dim = 16;
+  const Handle live = Make(options);
+  const kavo::Table table(1, 100, 64);
+  const auto grow = [&](long num) {
+    std::vector<long> keys(static_cast<std::size_t>(num));
+    std::iota(keys.begin(), keys.end(), 0);
+    Forward(live, keys, options.dim);
+    for (const long key : keys) {
+      table.LookupOrInsert(key);
+    }
+  };
+  grow(20'000);  // more than a block of records
+  const KavoProgress stop = [](void*, unsigned long long, unsigned long long) { return 1; };
+  for (const KavoSnapshotItem& item : {Item("rows", live.get()), Item("table", nullptr, 1)}) {
+    EXPECT_EQ(Save(folder.Path(), Options(KAVO_SNAPSHOT_FULL), item, "", stop), KAVO_FAILED);
+  }
+  grow(200'000);
+  for (const KavoTableStats& stats : {StatsOf(live).table, table.Stats()}) {
+    EXPECT_LT(stats.leftCellBytes, stats.cellBytes / 4);  // the rest goes with further inserts
+  }
+}
+
 }  // namespace
 }  // namespace SnapshotTest
