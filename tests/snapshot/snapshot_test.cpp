@@ -3,7 +3,6 @@
 #include <numeric>
 
 #include "kavo.hpp"
-#include "snapshot/save.h"
 #include "snapshot/snapshot_support.h"
 #include "support/seed.h"
 
@@ -92,37 +91,28 @@ TEST(Update, BesideTrainingKeepsWhatWasTrained) {
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, follower.get()));
 }
 
-// A key that was counted, admitted and moved while it was being saved stands in the file as both.
+// A key that was counted, admitted and moved while it was being saved stands in the file as both: counted in the first
+// part, a row in the second.
 TEST(Shards, ARowCountsMoreThanThatItsKeyWasCounted) {
-  class Source : public Qen::ItemSource {
-   public:
-    Qen::ItemDescription Description() const override {
-      Qen::ItemDescription item;
-      item.name = "rows";
-      item.dim = 1;
-      item.optimiser = KAVO_OPTIMISER_SGD;
-      return item;
-    }
-    void Begin(const Qen::FileHeader&) override {}
-    std::uint64_t ExpectedBytes() const override { return 0; }
-    void Write(Qen::PartWriter& writer, std::uint32_t item, Qen::Progress&) override {
-      const unsigned char counted[12] = {42, 0, 0, 0, 0, 0, 0, 0, 5};
-      const unsigned char row[20] = {42, 0, 0, 0, 0, 0, 0, 0, 1};
-      writer.AddBlock(Qen::BlockType::COUNTED, item, 1, counted);
-      writer.AddBlock(Qen::BlockType::ROWS, item, 1, row);
-    }
-    void Committed(const Qen::SaveIdentity&) noexcept override {}
-  };
   const OwnFolder folder;
-  Qen::Save save(folder.Path(), {Qen::SnapshotKind::FULL, 1, 0, 0});
-  std::vector<std::unique_ptr<Qen::ItemSource>> items;
-  items.push_back(std::make_unique<Source>());
-  Qen::Progress nobody(nullptr, nullptr);
-  save.WritePart(0, std::move(items), nobody);
-  save.Commit({});
-  KavoEmbeddingOptions options = Defaults(1, KAVO_OPTIMISER_SGD);
-  options.admission = 9;
-  EXPECT_EQ(Loaded(folder.Path(), options)->Rows(), 1U);
+  KavoEmbeddingOptions options = Small(KAVO_OPTIMISER_SGD, 9);
+  options.counts = 1;
+  const Handle counted = Make(options);
+  const Handle admitted = Make(options);
+  const long key = 42;
+  const float row[2] = {1, 2};
+  Forward(counted, {key}, 2);
+  Must(KavoEmbeddingSetRows(admitted.get(), &key, 1, row));
+  const KavoSaveOptions saving = Options(KAVO_SNAPSHOT_FULL, 2);
+  KavoSave* save = nullptr;
+  Must(KavoSnapshotBegin(folder.Path().c_str(), &saving, &save));
+  for (unsigned part = 0; part < 2; ++part) {
+    const KavoSnapshotItem item = Item("rows", (part == 0 ? counted : admitted).get());
+    Must(KavoSnapshotPart(save, part, &item, 1, nullptr, nullptr));
+  }
+  Must(KavoSnapshotCommit(save, nullptr, 0));
+  EXPECT_EQ(RecordsOf(folder.Path()).size(), 2U);
+  EXPECT_EQ(Lookup(Loaded(folder.Path(), options), {key}, 2, KAVO_ABSENT_ZEROS), (std::vector<float>{1, 2}));
 }
 
 // Marks of saves come again after 255 of them. A row that was last taken so long ago is not mistaken for taken.
