@@ -1,11 +1,8 @@
 // A hash table with blocks of its own, for tests of the core without the layers above.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <stdexcept>
 
@@ -17,7 +14,6 @@ namespace KavoTest {
 using Table = Qen::Hashtable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>;
 using Core = Table::Core;
 using Walk = Qen::ConcurrentTable<long, Qen::HashValue, Qen::KTraits, Qen::VTraits>::iterator;
-using Blocks = std::map<long, unsigned char*>;
 
 struct Offered {
   int status = -100;
@@ -107,14 +103,5 @@ class TestTable : public TestBlocks, public Table {
 
   unsigned long long BackstopCompletions() const { return m_backstopCompletions.load(); }
 };
-
-// The walk gives these entries and no other, each once.
-inline void ExpectWalked(TestTable& table, const Blocks& blocks) {
-  Blocks seen;
-  for (Walk walk(table); !walk.AtEnd(); walk.Next()) {
-    ASSERT_TRUE(seen.emplace(walk.EntryKey(), walk.EntryBlock()).second) << walk.EntryKey() << " twice";
-  }
-  EXPECT_EQ(blocks, seen);
-}
 
 }  // namespace KavoTest
