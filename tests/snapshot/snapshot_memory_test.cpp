@@ -1,35 +1,14 @@
 // Calls on embeddings and snapshots with the n-th allocation failing, for every n: a status and a text, and nothing is
 // lost or half there.
-#include <cstdlib>
-#include <new>
 #include <numeric>
 
 #include "platform/test_hooks.h"
 #include "snapshot/snapshot_support.h"
+#include "support/replaced_new.h"
 
-// The standard library's allocations fail by the plan of the base's own. Not inlined: a compiler that sees into one of
-// a pair takes malloc and delete, or new and free, for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
-  return Qen::TestHooks::ShouldFailAllocation() ? nullptr : std::malloc(bytes);
-}
-[[gnu::noinline]] void* operator new(std::size_t bytes) {
-  void* const memory = operator new(bytes, std::nothrow);
-  return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new[](std::size_t bytes) {
-  return operator new(bytes);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
+// The standard library's allocations fail by the plan of the base's own.
+bool IsGranted() noexcept {
+  return !Qen::TestHooks::ShouldFailAllocation();
 }
 
 namespace SnapshotTest {
