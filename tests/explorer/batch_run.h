@@ -18,6 +18,7 @@
 #include "kavo.hpp"
 #include "platform/test_hooks.h"
 #include "support/held.h"
+#include "support/values.h"
 
 namespace KavoExplorer {
 
@@ -72,7 +73,7 @@ class BatchRun final : public ScenarioRun {
     }
     m_table.BatchInsertOrUpdate(keys, rows);
     for (std::size_t i = 0; i < keys.size(); ++i) {
-      unsigned char* const value = Find(keys[i]);
+      unsigned char* const value = KavoTest::AddressOf(ID, keys[i]);
       m_ledger.Offered(keys[i], 0, value);  // whether it was created is not said
       Told& told = m_told[keys[i]];
       told.row = rows[i];
@@ -178,12 +179,6 @@ class BatchRun final : public ScenarioRun {
     return rows;
   }
 
-  unsigned char* Find(long key) const {
-    unsigned char* value = nullptr;
-    m_table.BatchLookup(std::span(&key, 1), std::span(&value, 1));
-    return value;
-  }
-
   void CheckEntries() {
     std::multiset<long> walked;
     for (const KavoHtBatchElement& element : m_table.Export(kavo::ExportMode::ALL, 64)) {
@@ -209,7 +204,7 @@ class BatchRun final : public ScenarioRun {
         m_ledger.Fail(key, "not the last row that was written");
       }
     }
-    m_ledger.CheckAtRest([this](long key) { return Find(key); }, walked);
+    m_ledger.CheckAtRest([](long key) { return KavoTest::AddressOf(ID, key); }, walked);
   }
 
   static constexpr unsigned ID = 0;

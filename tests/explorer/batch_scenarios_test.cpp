@@ -24,13 +24,8 @@ TEST(BatchScenarios, TheLastRowOfARepeatedKeyStays) {
 }
 
 TEST(BatchScenarios, ANewKeyComesWithItsWholeRow) {
-  for (const BatchTable& table : {BASIC, FILTER}) {
-    ExpectBatchesHold({Puts({1})}, {Puts({0, 16}), Puts({32}), Gathers({16, 1, 0, 32})}, table);
-  }
-}
-
-TEST(BatchScenarios, ANewKeyComesWithItsWholeRowBesideGrowth) {
   for (const BatchTable& table : {BASIC, FILTER, GRADUAL}) {
+    ExpectBatchesHold({Puts({1})}, {Puts({0, 16}), Puts({32}), Gathers({16, 1, 0, 32})}, table);
     ExpectBatchesHold({Puts(ONE_A_BUCKET)}, {Puts({16, 17}), Gathers({16, 0, 17})}, table);
   }
 }
@@ -57,22 +52,16 @@ TEST(BatchScenarios, ABatchWithoutMemoryKeepsWhatItServed) {
 TEST(BatchScenarios, EveryElementCountsAndOneAdmits) {
   ExpectBatchesHold({Puts({1})}, {Offers({0, 16, 0}, 1), Offers({0, 1, 16}, 1), Looks({0, 1, 16})}, FILTER);
   ExpectBatchesHold({}, {Offers({0, 0}, 1), Offers({0}, 1), Offers({0}, BATCH_FREQ)}, FILTER);
+  ExpectBatchesHold({}, {Offers({8}, 1), Offers({8}, 1), Offers({8}, 1)}, FILTER);
 }
 
 // The stock is used up, so a block must be allocated; the next occurrence of the key admits.
 const std::vector<Batch> NEXT_ADMITS = {Puts({0, 1, 2, 3, 4, 5, 6, 7}), Offers({8, 8}, BATCH_FREQ - 2)};
 
-TEST(BatchScenarios, OneOfTwoThatMayAdmitDoes) {
+TEST(BatchScenarios, OneOfTwoThatMayAdmitDoesOrFailsAndKeepsNobodyWaiting) {
   ExpectBatchesHold(NEXT_ADMITS, {Offers({8}, 1), Offers({8}, 1), Looks({8})}, FILTER);
-}
-
-TEST(BatchScenarios, AnAdmissionThatFailsKeepsNobodyWaiting) {
   ExpectBatchesHold(NEXT_ADMITS, {OffersWithoutMemory({8}, 1), Offers({8}, 1), Looks({8})}, FILTER);
   ExpectBatchesHold(NEXT_ADMITS, {OffersWithoutMemory({8}, 1), OffersWithoutMemory({8}, 1), Offers({8}, 1)}, FILTER);
-}
-
-TEST(BatchScenarios, ThreeOccurrencesOfANewKey) {
-  ExpectBatchesHold({}, {Offers({8}, 1), Offers({8}, 1), Offers({8}, 1)}, FILTER);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "explorer/explore.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <bit>
 #include <chrono>
@@ -193,12 +191,8 @@ std::string StepsText(const std::vector<Step>& steps, const ScenarioRun& run) {
   const char* points[MAX_THREADS] = {};
   std::ostringstream text;
   for (const Step& step : steps) {
-    std::string name = step.where == nullptr ? std::string() : run.NameOf(step.where);
-    text << "  thread " << step.thread << "  " << NAMES[static_cast<unsigned>(step.op)] << ' ';
-    if (name.empty() && step.where != nullptr) {
-      text << step.where;
-    }
-    text << name << std::hex;
+    text << "  thread " << step.thread << "  " << NAMES[static_cast<unsigned>(step.op)] << ' '
+         << (step.where == nullptr ? std::string() : run.NameOf(step.where)) << std::hex;
     if (step.op == Op::LOAD || step.op == Op::STORE || step.op == Op::UPDATE) {
       text << "  " << step.before;
       if (step.op != Op::LOAD) {

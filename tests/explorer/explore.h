@@ -11,6 +11,8 @@
 //   KAVO_TEST_SEED           seed of the random orders
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -28,8 +30,8 @@ class ScenarioRun {
 
   // After the threads have ended. Empty, or what is wrong.
   virtual std::string Check() = 0;
-  // A name for an address, or empty.
-  virtual std::string NameOf(const void* /* where */) const { return {}; }
+  // A name for an address.
+  virtual std::string NameOf(const void* where) const { return testing::PrintToString(where); }
 };
 
 // Explores and prints how far; what was found wrong, with its schedule and steps, or nothing.

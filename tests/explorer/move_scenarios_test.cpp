@@ -16,17 +16,12 @@ Call InPlace(std::vector<long> keys, unsigned generations = 2) {
 TEST(MoveScenarios, OneKeyTwice) {
   ExpectHolds(InPlace({}), {Offer(8), Offer(8), MoveBucket(0, 0)});
   ExpectHolds(InPlace({0}), {Offer(8), Offer(8), MoveBucket(0, 0)});
-}
-
-TEST(MoveScenarios, OneKeyTwiceWhereTheHomeCellIsTaken) {
+  // The home cell is taken.
   ExpectHolds(InPlace({7, 15}), {Offer(8), Offer(8), InOrder({MoveBucket(0, 0), MoveBucket(0, 7)})});
 }
 
-TEST(MoveScenarios, TwoKeysOfTheBucket) {
+TEST(MoveScenarios, TwoKeysOfTheBucketAndALookup) {
   ExpectHolds(InPlace({0}), {Offer(8), Offer(16), MoveBucket(0, 0)});
-}
-
-TEST(MoveScenarios, InsertAndLookup) {
   ExpectHolds(InPlace({0}), {Offer(8), InOrder({Look(8), Look(0)}), MoveBucket(0, 0)});
   ExpectHolds(InPlace({0}), {InOrder({Offer(8), Look(8)}), InOrder({Offer(16), Look(0)}), MoveBucket(0, 0)});
 }
@@ -67,10 +62,7 @@ TEST(MoveScenarios, BothMovesAreGivenUp) {
 TEST(MoveScenarios, StraightIntoTheThirdGeneration) {
   ExpectHolds(InPlace({0, 8}, 3), {Offer(16), InOrder({Look(8), Look(16)}), MoveBucketOverMiddle(0)});
   ExpectHolds(InPlace({0}, 3), {Offer(8), Offer(8), MoveBucketOverMiddle(0)});
-}
-
-// A move that was given up has left copies in the generation between.
-TEST(MoveScenarios, StraightIntoTheThirdGenerationAfterAMoveIntoTheSecond) {
+  // A move that was given up has left copies in the generation between.
   ExpectHolds(InPlace({0}, 3), {Offer(8), InOrder({WithFailingMove(1, MoveBucket(0, 0)), MoveBucketOverMiddle(0)}),
                                 InOrder({Look(8), Look(0)})});
   ExpectHolds(InPlace({0}, 3), {Offer(8), WithFailingMove(1, MoveBucket(0, 0)), MoveBucketOverMiddle(0)});

@@ -24,8 +24,6 @@ bool HasStaticStorage(const void* where) noexcept {
 constinit thread_local Worker* t_worker = nullptr;
 std::function<void(unsigned, const char*)> g_atPoint;
 
-void PassTestPoint(const char* point);
-
 }  // namespace
 
 bool MayWrite(Op op) noexcept {

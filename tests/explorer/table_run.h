@@ -16,7 +16,7 @@
 #include "explorer/scheduler.h"
 #include "hash/hcore.h"
 #include "hash/test_table.h"
-#include "platform/log_sink.h"
+#include "kavo.hpp"
 #include "platform/test_hooks.h"
 
 namespace KavoExplorer {
@@ -30,15 +30,8 @@ using Qen::HCore::MAP_BUILDING;
 // Once for the process: no log lines, which scenarios with failing calls are full of, and no long waits outside of
 // them.
 inline void Silence() {
-  static const bool done = [] {
-    static KavoLogSink sink{};
-    sink.enabled = [](void*, unsigned, int) { return 0; };
-    sink.write = [](void*, unsigned, int, const char*, va_list) {};
-    Qen::SetLogSink(&sink);
-    Qen::TestHooks::SetWaitLimit(1);  // of calls outside the scheduler: nobody is there to wait for
-    return true;
-  }();
-  static_cast<void>(done);
+  static const kavo::LogSink silent([](const kavo::LogLine&) {});
+  Qen::TestHooks::SetWaitLimit(1);  // of calls outside the scheduler: nobody is there to wait for
 }
 
 class TableRun final : public ScenarioRun {
@@ -67,16 +60,15 @@ class TableRun final : public ScenarioRun {
   }
 
   std::string NameOf(const void* where) const override {
-    unsigned generation = 0;
-    for (const Core* core = table.FirstGeneration(); core != nullptr; core = core->Next(), ++generation) {
+    for (const Core* core = table.FirstGeneration(); core != nullptr; core = core->Next()) {
       const std::size_t offset =
           reinterpret_cast<std::uintptr_t>(where) - reinterpret_cast<std::uintptr_t>(&core->CellAt(0));
       if (offset < core->TableSize() * sizeof(Core::Cell)) {
-        return "generation " + std::to_string(generation) + " cell " + std::to_string(offset / sizeof(Core::Cell)) +
+        return "cell " + std::to_string(offset / sizeof(Core::Cell)) + " of " + std::to_string(core->TableSize()) +
                " byte " + std::to_string(offset % sizeof(Core::Cell));
       }
     }
-    return {};
+    return ScenarioRun::NameOf(where);
   }
 
   Core* Generation(unsigned index) const {
