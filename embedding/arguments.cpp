@@ -67,6 +67,22 @@ void CheckRates(const KavoRates& rates) {
   CheckRange(static_cast<float>(rates.l2), "l2", 0, true);
 }
 
+void CheckStart(const KavoEmbeddingOptions& options) {
+  if (options.initialiser > KAVO_START_NORMAL) {
+    Refuse("initialiser is %u", options.initialiser);
+  }
+  if (options.initialiser != KAVO_START_ZEROS) {
+    CheckRange(options.startA, "startA", -HUGE_VAL, true);
+  }
+  if (options.initialiser == KAVO_START_UNIFORM) {
+    CheckRange(options.startB, "startB", options.startA, false);
+  }
+  if (options.initialiser == KAVO_START_NORMAL) {
+    CheckRange(options.startB, "startB", 0, true);
+  }
+  CheckRange(options.initialAccumulator, "initialAccumulator", 0, true);
+}
+
 KavoEmbeddingOptions CheckOptions(const KavoEmbeddingOptions* options) {
   const KavoEmbeddingOptions known = TakeKnown(options, sizeof(KavoEmbeddingOptions), "options");
   if (known.dim < 1 || known.dim > MAX_DIM) {
@@ -75,19 +91,7 @@ KavoEmbeddingOptions CheckOptions(const KavoEmbeddingOptions* options) {
   if (known.optimiser > KAVO_OPTIMISER_FTRL) {
     Refuse("optimiser is %u", known.optimiser);
   }
-  if (known.initialiser > KAVO_START_NORMAL) {
-    Refuse("initialiser is %u", known.initialiser);
-  }
-  if (known.initialiser != KAVO_START_ZEROS) {
-    CheckRange(known.startA, "startA", -HUGE_VAL, true);
-  }
-  if (known.initialiser == KAVO_START_UNIFORM) {
-    CheckRange(known.startB, "startB", known.startA, false);
-  }
-  if (known.initialiser == KAVO_START_NORMAL) {
-    CheckRange(known.startB, "startB", 0, true);
-  }
-  CheckRange(known.initialAccumulator, "initialAccumulator", 0, true);
+  CheckStart(known);
   if (known.expected > MAX_EXPECTED) {
     Refuse("expected is %llu, above %llu", known.expected, MAX_EXPECTED);
   }

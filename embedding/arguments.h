@@ -26,6 +26,8 @@ inline void CheckArray(const void* array, unsigned long long num, const char* na
 // A batch: not null, and few enough for numbers of 32 bits.
 std::span<const long> CheckKeys(const long* keys, unsigned long long num);
 void CheckRates(const KavoRates& rates);
+// Initialiser, startA, startB, initialAccumulator.
+void CheckStart(const KavoEmbeddingOptions& options);
 // Options as the caller knows them, checked; what the caller does not know is 0.
 KavoEmbeddingOptions CheckOptions(const KavoEmbeddingOptions* options);
 // Bags as the caller knows them, checked against their keys.

@@ -1,5 +1,6 @@
 #include "embedding/loading.h"
 
+#include "embedding/arguments.h"
 #include "embedding/row.h"
 #include "embedding/saving.h"
 #include "snapshot/table_items.h"
@@ -29,6 +30,16 @@ unsigned CountOf(const ItemDescription& item, const unsigned char* record) noexc
     std::memcpy(&count, record + item.CountOffset(), sizeof(count));
   }
   return count;
+}
+
+KavoEmbeddingOptions StartOf(const ItemDescription& item) noexcept {
+  KavoEmbeddingOptions start{};
+  start.initialiser = item.initialiser;
+  start.startA = item.startA;
+  start.startB = item.startB;
+  start.initialAccumulator = item.initialAccumulator;
+  start.seed = item.seed;
+  return start;
 }
 
 bool IsEmpty(const KeyTables& tables) {
@@ -77,8 +88,13 @@ std::string EmbeddingTarget::Mismatch(const ItemDescription& item, const ItemTot
   if (m_embedding.Trains() && (item.optimiser != options.optimiser || item.Floats() != m_embedding.Layout().Floats())) {
     return "has optimiser " + number(item.optimiser) + ", and the embedding " + number(options.optimiser);
   }
-  if (item.initialiser > KAVO_START_NORMAL || totals.steps >= RowHead::MAX_STEP) {
-    return "has an initialiser or a number of steps that cannot be";
+  if (totals.steps >= RowHead::MAX_STEP) {
+    return "has a number of steps that cannot be";
+  }
+  try {
+    CheckStart(StartOf(item));
+  } catch (const Failure& failure) {
+    return std::string("its ") + failure.what();
   }
   return "";
 }
@@ -207,16 +223,9 @@ void EmbeddingTarget::InstallFirst(const ItemDescription& item, const Group& gro
 }
 
 void EmbeddingTarget::Finish(const SaveIdentity& identity, const Manifest::Item& item) {
-  const ItemDescription& from = item.description;
   SnapshotState& state = m_embedding.Snapshots();
   if (m_wins == Wins::FIRST) {
-    KavoEmbeddingOptions start{};
-    start.initialiser = from.initialiser;
-    start.startA = from.startA;
-    start.startB = from.startB;
-    start.initialAccumulator = from.initialAccumulator;
-    start.seed = from.seed;
-    m_embedding.SetStart(start);
+    m_embedding.SetStart(StartOf(item.description));
     state.cut = item.totals.steps + 1;
   }
   m_embedding.Clock().PassSteps(item.totals.steps);

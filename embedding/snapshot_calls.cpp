@@ -133,6 +133,7 @@ int KavoSnapshotPart(KavoSave* save, unsigned int part, const KavoSnapshotItem* 
                      KavoProgress progress, void* context) {
   return Serve(__func__, [&] {
     CheckGiven(save, "save");
+    save->CheckProcess();
     if (part >= save->Parts()) {
       Refuse("part is %u, of %u", part, save->Parts());
     }
@@ -146,12 +147,18 @@ int KavoSnapshotCommit(KavoSave* save, const void* blob, unsigned long long blob
   const std::unique_ptr<KavoSave> ended(save);
   return Serve(__func__, [&] {
     CheckGiven(save, "save");
+    save->CheckProcess();
     save->Commit(CheckBlob(blob, blobBytes));
   });
 }
 
 int KavoSnapshotAbort(KavoSave* save) {
-  return Serve(__func__, [&] { delete save; });
+  const std::unique_ptr<KavoSave> ended(save);
+  return Serve(__func__, [&] {
+    if (save != nullptr) {
+      save->CheckProcess();
+    }
+  });
 }
 
 int KavoSnapshotSave(const char* directory, const KavoSaveOptions* options, const KavoSnapshotItem* items,

@@ -135,7 +135,7 @@ void File::Sync() {
 }
 
 FileLock::FileLock(const std::string& path)
-    : m_fd(Persist([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666); })) {
+    : m_fd(Persist([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666); })), m_process(::getpid()) {
   if (m_fd < 0) {
     FailOn(path, "cannot be opened", errno);
   }
@@ -149,10 +149,16 @@ FileLock::FileLock(const std::string& path)
 }
 
 FileLock::~FileLock() {
-  if (m_fd >= 0) {
+  if (IsHeld()) {
     static_cast<void>(::flock(m_fd, LOCK_UN));  // a forked child has the descriptor too
+  }
+  if (m_fd >= 0) {
     static_cast<void>(::close(m_fd));
   }
+}
+
+bool FileLock::IsHeld() const noexcept {
+  return m_fd >= 0 && m_process == ::getpid();
 }
 
 void MakeFolder(const std::string& path) {

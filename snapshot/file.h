@@ -32,17 +32,19 @@ class File {
   int m_fd;
 };
 
-// Held until it is destroyed, or the process ends: by one of all processes, and by one object of this one.
+// Held until it is destroyed, or the process ends: by one of all processes, and by one object of this one. A forked
+// child does not hold it, but a lock whose holder has died stays until the children from that time have ended.
 class FileLock {
  public:
   explicit FileLock(const std::string& path);
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
   ~FileLock();
-  bool IsHeld() const noexcept { return m_fd >= 0; }  // false: somebody else has it
+  bool IsHeld() const noexcept;  // false: somebody else has it
 
  private:
   int m_fd;
+  int m_process;
 };
 
 // Makes a folder in one that is there; nothing if it is there already.

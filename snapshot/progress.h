@@ -26,7 +26,9 @@ class Progress {
     const std::lock_guard lock(m_mutex);
     m_done += bytes;
     m_total = m_done > m_total ? m_done : m_total;  // what was expected is a guess at times
-    if (m_call(m_context, m_done, m_total) != 0) {
+    // Other threads may still come when it has ended the call.
+    m_hasEnded = m_hasEnded || m_call(m_context, m_done, m_total) != 0;
+    if (m_hasEnded) {
       throw Failure(KAVO_FAILED, "progress has ended the call");
     }
   }
@@ -37,6 +39,7 @@ class Progress {
   Mutex m_mutex;  // guards the rest, and the caller's function
   std::uint64_t m_done = 0;
   std::uint64_t m_total = 0;
+  bool m_hasEnded = false;
 };
 
 }  // namespace Qen

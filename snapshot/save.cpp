@@ -1,6 +1,7 @@
 #include "snapshot/save.h"
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -23,7 +24,8 @@ std::uint64_t RandomId() {
 
 }  // namespace
 
-Save::Save(const std::string& folder, const SaveOptions& options) : m_folder(folder), m_options(options) {
+Save::Save(const std::string& folder, const SaveOptions& options)
+    : m_folder(folder), m_options(options), m_process(::getpid()) {
   MakeFolder(folder);
   m_lock.emplace(m_folder.LockPath());
   if (!m_lock->IsHeld()) {
@@ -36,7 +38,7 @@ Save::Save(const std::string& folder, const SaveOptions& options) : m_folder(fol
 }
 
 Save::Save(const std::string& folder, const SaveOptions& options, const SaveIdentity& identity)
-    : m_folder(folder), m_options(options), m_header{options.kind, identity, {}, options.parts} {
+    : m_folder(folder), m_options(options), m_process(::getpid()), m_header{options.kind, identity, {}, options.parts} {
   std::vector<std::uint64_t> numbers = m_folder.Numbers();
   std::erase_if(numbers, [&](std::uint64_t number) { return number >= identity.number; });
   SetFollows(numbers);
@@ -58,6 +60,12 @@ Save::~Save() {
       m_folder.Clear();
     } catch (const std::exception&) {  // the next save does it
     }
+  }
+}
+
+void Save::CheckProcess() const {
+  if (m_process != ::getpid()) {
+    Fail(KAVO_INVALID, "the save is that of the process that has forked this one");
   }
 }
 

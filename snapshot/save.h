@@ -49,6 +49,8 @@ class Save {
 
   const SaveIdentity& Identity() const noexcept { return m_header.identity; }
   std::uint32_t Parts() const noexcept { return m_options.parts; }
+  // Throws KAVO_INVALID in a child of the process that made the save: it is that one's.
+  void CheckProcess() const;
   void WritePart(std::uint32_t part, std::vector<std::unique_ptr<ItemSource>> items, Progress& progress);
   void Commit(Bytes blob);
 
@@ -60,6 +62,7 @@ class Save {
   Folder m_folder;
   SaveOptions m_options;
   std::optional<FileLock> m_lock;  // not when joined
+  const int m_process;
   FileHeader m_header;
   std::optional<Manifest> m_before;                                           // of an increment
   std::map<std::uint32_t, std::vector<std::unique_ptr<ItemSource>>> m_parts;  // that were written here

@@ -98,6 +98,13 @@ TEST_F(Damage, WhatDoesNotFitIsRefused) {
   ExpectRefused("rows", "dim");
   m_loaded = Make(2, KAVO_OPTIMISER_ADAGRAD);
   ExpectRefused("rows", "optimiser");
+  m_loaded = Make(Small(KAVO_OPTIMISER_SGD));
+  const OwnFolder other;
+  KavoEmbeddingOptions start = m_live->Options();
+  start.startB = start.startA;  // as no call takes it
+  m_live->SetStart(start);
+  Must(Save(other.Path(), KAVO_SNAPSHOT_FULL, m_live.get()));
+  EXPECT_EQ(LoadOne(other.Path()), KAVO_REFUSED_FILE);
   EXPECT_EQ(Load(m_folder.Path(), Item("other", m_loaded.get())), KAVO_INVALID);
   EXPECT_EQ(Load(m_folder.Path(), Item("rows", m_live.get())), KAVO_INVALID) << "not empty";
   EXPECT_EQ(Load(m_folder.Path(), Item("rows", m_loaded.get()), 0, 1, 9), KAVO_INVALID) << "no such snapshot";

@@ -196,6 +196,16 @@ TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
   Must(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[0]));
   EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[1]), KAVO_BUSY);
   Must(KavoSnapshotPart(saves[0], 0, &item, 1, nullptr, nullptr));
+  // In a child the save is no save, and ending it there neither unlocks the folder nor clears it.
+  EXPECT_EQ(InAChild([&] {
+              return KavoSnapshotPart(saves[0], 0, &item, 1, nullptr, nullptr) == KAVO_INVALID &&
+                             KavoSnapshotAbort(saves[0]) == KAVO_INVALID
+                         ? 0
+                         : 1;
+            }),
+            0);
+  EXPECT_EQ(KavoSnapshotBegin(folder.Path().c_str(), &options, &saves[1]), KAVO_BUSY);
+  EXPECT_EQ(FilesIn(folder.Path()), 10);
   const OwnFolder other;
   EXPECT_EQ(Save(other.Path(), KAVO_SNAPSHOT_FULL, live.get()), KAVO_BUSY) << "the embedding is in the first";
   // A worker that has joined does not know that the save was given up, and another one has its number.
@@ -248,6 +258,16 @@ TEST(Progress, EndsACallAndTheStateBeforeStays) {
   }
   EXPECT_GT(passed, 1) << "verified, then installed";
   EXPECT_EQ(Contents(loaded.get()), Contents(live.get()));
+}
+
+TEST(Progress, IsNotCalledAgainOnceItHasEndedACall) {
+  int calls = 0;
+  Qen::Progress progress(
+      [](void* context, unsigned long long, unsigned long long) { return ++*static_cast<int*>(context); }, &calls);
+  for (int thread = 0; thread < 2; ++thread) {
+    EXPECT_THROW(progress.Add(1), Qen::Failure);
+  }
+  EXPECT_EQ(calls, 1);
 }
 
 // A table keeps its retired memory as long as a walk over it is open.
