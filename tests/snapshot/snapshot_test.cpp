@@ -3,6 +3,7 @@
 #include <numeric>
 
 #include "kavo.hpp"
+#include "snapshot/progress.h"
 #include "snapshot/snapshot_support.h"
 #include "support/seed.h"
 
