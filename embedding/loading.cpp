@@ -280,7 +280,8 @@ void LoadSnapshot(const std::string& folder, std::uint64_t number, const std::ve
   }
   const Folder from(folder);
   const Workers workers = MostWorkers(items);
-  const std::vector<Snapshot> chain = ExamineParts(from, ReadChain(from, number));
+  const std::vector<Snapshot> chain =
+      from.ReadNewest(number, [&](std::uint64_t found) { return ExamineParts(from, ReadChain(from, found)); });
   progress.Expect(2 * BlockBytes(chain));
   VerifyChain(chain, targets, workers, progress);
   try {
@@ -310,10 +311,13 @@ std::uint64_t UpdateFromSnapshots(const std::string& folder, std::uint64_t numbe
     targets.push_back(std::move(target));
   }
   const Folder from(folder);
+  if (embeddings.empty()) {
+    return number;
+  }
   if (number == 0) {
     number = NewestOfChain(from, at);
   }
-  if (number == at.number || embeddings.empty()) {
+  if (number == at.number) {
     return at.number;
   }
   const std::vector<Snapshot> chain = ExamineParts(from, ReadChain(from, number, &at));

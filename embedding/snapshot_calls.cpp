@@ -46,7 +46,7 @@ SaveOptions CheckSaveOptions(const KavoSaveOptions* options) {
 
 // Items as the caller knows them: each as long as its size says.
 std::vector<NamedItem> CheckItems(const KavoSnapshotItem* items, unsigned num) {
-  CheckGiven(items, "items");
+  CheckArray(items, num, "items");
   std::vector<NamedItem> checked;
   const auto* next = reinterpret_cast<const unsigned char*>(items);
   for (unsigned i = 0; i < num; ++i) {
@@ -185,7 +185,8 @@ int KavoSnapshotFind(const char* directory, unsigned long long number, KavoSnaps
     CheckFolder(directory);
     CheckRoom(info, "info");
     const Folder folder(directory);
-    const std::vector<Manifest> chain = ReadChain(folder, number);
+    const std::vector<Manifest> chain =
+        folder.ReadNewest(number, [&](std::uint64_t found) { return ReadChain(folder, found); });
     const Manifest& manifest = chain.front();
     KavoSnapshotInfo all{};
     all.number = manifest.header.identity.number;
@@ -202,7 +203,8 @@ int KavoSnapshotFind(const char* directory, unsigned long long number, KavoSnaps
 int KavoSnapshotReadBlob(const char* directory, unsigned long long number, void* blob, unsigned long long capacity) {
   return Serve(__func__, [&] {
     CheckFolder(directory);
-    const Manifest manifest = Folder(directory).Read(number);
+    const Folder folder(directory);
+    const Manifest manifest = folder.ReadNewest(number, [&](std::uint64_t found) { return folder.Read(found); });
     if (capacity < manifest.blob.size()) {
       Refuse("capacity is %llu, and the blob has %zu bytes", capacity, manifest.blob.size());
     }

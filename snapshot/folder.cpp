@@ -85,14 +85,15 @@ std::vector<std::uint64_t> Folder::Numbers() const {
   return numbers;
 }
 
-Manifest Folder::Read(std::uint64_t number) const {
-  if (number == 0) {
-    const std::vector<std::uint64_t> numbers = Numbers();
-    if (numbers.empty()) {
-      Fail(KAVO_INVALID, "%s: there is no snapshot", m_path.c_str());
-    }
-    number = numbers.back();
+std::uint64_t Folder::Newest() const {
+  const std::vector<std::uint64_t> numbers = Numbers();
+  if (numbers.empty()) {
+    Fail(KAVO_INVALID, "%s: there is no snapshot", m_path.c_str());
   }
+  return numbers.back();
+}
+
+Manifest Folder::Read(std::uint64_t number) const {
   const std::string path = ManifestPath(number);
   if (!FileExists(path)) {
     Fail(KAVO_INVALID, "%s: there is no snapshot %llu", m_path.c_str(), static_cast<unsigned long long>(number));

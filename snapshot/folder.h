@@ -17,8 +17,24 @@ class Folder {
 
   // Snapshots that are there, in rising order.
   std::vector<std::uint64_t> Numbers() const;
-  // The newest for 0. Throws KAVO_INVALID when it is not there.
+  // Throws KAVO_INVALID when there is none.
+  std::uint64_t Newest() const;
+  // Throws KAVO_INVALID when it is not there.
   Manifest Read(std::uint64_t number) const;
+  // read(number), for 0 that of the newest: of the newer one, where a commit has deleted what was being read.
+  template <class Call>
+  auto ReadNewest(std::uint64_t number, const Call& read) const {
+    for (;;) {
+      const std::uint64_t wanted = number != 0 ? number : Newest();
+      try {
+        return read(wanted);
+      } catch (const Failure&) {
+        if (number != 0 || Newest() == wanted) {
+          throw;
+        }
+      }
+    }
+  }
 
   // Makes the manifest's snapshot visible. On failure it is not, once Clear has brought that to the disk.
   void Publish(const Manifest& manifest) const;

@@ -94,21 +94,27 @@ std::vector<Manifest> ReadChain(const Folder& folder, std::uint64_t number, cons
 }
 
 std::uint64_t NewestOfChain(const Folder& folder, const SaveIdentity& at) {
-  SaveIdentity last = at;
-  for (const std::uint64_t number : folder.Numbers()) {
-    if (number <= at.number) {
-      continue;
+  try {
+    SaveIdentity last = at;
+    for (const std::uint64_t number : folder.Numbers()) {
+      if (number <= at.number) {
+        continue;
+      }
+      const FileHeader header = folder.Read(number).header;
+      if (header.follows != last) {
+        break;
+      }
+      last = header.identity;
     }
-    const FileHeader header = folder.Read(number).header;
-    if (header.follows != last) {
-      break;
+    if (last != at || folder.Read(at.number).header.identity == at) {
+      return last.number;
     }
-    last = header.identity;
+  } catch (const Failure& failure) {
+    if (failure.Status() != KAVO_INVALID) {  // not there: a commit deletes the chain
+      throw;
+    }
   }
-  if (last == at && (!FileExists(folder.ManifestPath(at.number)) || folder.Read(at.number).header.identity != at)) {
-    Fail(KAVO_REFUSED_FILE, "%s: the chain that was loaded is not there any more", folder.Path().c_str());
-  }
-  return last.number;
+  Fail(KAVO_REFUSED_FILE, "%s: the chain that was loaded is not there any more", folder.Path().c_str());
 }
 
 std::vector<Snapshot> ExamineParts(const Folder& folder, std::vector<Manifest> chain) {

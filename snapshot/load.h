@@ -15,7 +15,7 @@ struct Snapshot {
   std::vector<std::unique_ptr<PartReader>> parts;
 };
 
-// The snapshots from `number` (0: the newest) back to its full one, that one included, or back to the one named by
+// The snapshots from `number` back to its full one, that one included, or back to the one named by
 // `until`, not included; the newest first. Refuses a chain in which one is missing.
 std::vector<Manifest> ReadChain(const Folder& folder, std::uint64_t number, const SaveIdentity* until = nullptr);
 

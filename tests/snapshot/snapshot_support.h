@@ -75,9 +75,9 @@ inline KavoEmbeddingOptions Small(unsigned optimiser, unsigned admission = 0) {
 // Item, type of block, key: the rest of the record. A record that stands there twice is a failure.
 using Records = std::map<std::tuple<std::string, unsigned, long>, std::string>;
 
-inline Records RecordsOf(const std::string& path, unsigned long long number = 0) {
+inline Records RecordsOf(const std::string& path) {
   const Qen::Folder folder(path);
-  const Qen::Manifest manifest = folder.Read(number);
+  const Qen::Manifest manifest = folder.Read(folder.Newest());
   Records records;
   for (unsigned part = 0; part < manifest.parts.size(); ++part) {
     const Qen::PartReader reader(folder.PartPath(manifest.header.identity, part));

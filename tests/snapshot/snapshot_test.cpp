@@ -90,6 +90,9 @@ TEST(Update, BesideTrainingKeepsWhatWasTrained) {
   EXPECT_EQ(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, follower.get()), KAVO_INVALID);
   Must(Save(folder.Path(), KAVO_SNAPSHOT_FULL, follower.get()));
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, follower.get()));
+  std::filesystem::create_symlink("nowhere", folder.Path("manifest-0000000005"));  // as if it went while it was read
+  number = 0;
+  EXPECT_EQ(KavoSnapshotUpdate(folder.Path().c_str(), &number, &item, 1, nullptr, nullptr), KAVO_REFUSED_FILE);
 }
 
 // A key that was counted, admitted and moved while it was being saved stands in the file as both: counted in the first
@@ -222,6 +225,17 @@ TEST(Folders, OneSaverAtATimeAndOldChainsGo) {
   Must(Save(folder.Path(), KAVO_SNAPSHOT_INCREMENT, live.get()));
   EXPECT_EQ(FilesIn(folder.Path()), 13) << "6 manifests, 6 parts, lock";
   EXPECT_EQ(Contents(Loaded(folder.Path(), Defaults(2, KAVO_OPTIMISER_SGD)).get()), Contents(live.get()));
+  // The newest goes while it is read, since a newer one is there.
+  const Qen::Folder snapshots(folder.Path());
+  const Qen::Manifest newest = snapshots.ReadNewest(0, [&](std::uint64_t found) {
+    Must(found == 8 ? Save(folder.Path(), Options(KAVO_SNAPSHOT_FULL, 1, 1), item) : KAVO_SUCCESS);
+    return snapshots.Read(found);
+  });
+  EXPECT_EQ(newest.header.identity.number, 9U);
+  // Bytes of the caller's alone.
+  Must(KavoSnapshotSave(folder.Path().c_str(), &options, nullptr, 0, "new", 3, nullptr, nullptr, nullptr));
+  Must(KavoSnapshotLoad(folder.Path().c_str(), 0, nullptr, 0, 0, 1, nullptr, nullptr));
+  EXPECT_EQ(BlobOf(folder.Path(), 3), "new");
 }
 
 // What ends a load after all was verified leaves an embedding as empty as it was; what ends a save, nothing.

@@ -47,7 +47,9 @@ Place::Place(const std::string& text) : folder(text) {
 
 Chain::Chain(const Place& place) {
   const Qen::Folder folder(place.folder);
-  snapshots = Qen::ExamineParts(folder, Qen::ReadChain(folder, place.number));
+  snapshots = folder.ReadNewest(place.number, [&folder](std::uint64_t number) {
+    return Qen::ExamineParts(folder, Qen::ReadChain(folder, number));
+  });
 }
 
 void ForEachEntry(const Chain& chain, const std::string& item, const Visit& visit) {
