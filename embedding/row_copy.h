@@ -29,9 +29,9 @@ namespace Qen {
 
 inline void LoadFloats(const float* from, float* to, std::size_t count) noexcept {
   for (std::size_t i = 0; i < count; ++i) {
-    // Relaxed: the head orders them; in these builds its loads acquire.
+    // Acquire: the head's second reading comes after; and whoever sees a float of a write finds the head even by then.
     const std::uint32_t bits = AtomicRef<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(const_cast<float*>(from + i)))
-                                   .load(std::memory_order_relaxed);
+                                   .load(std::memory_order_acquire);
     std::memcpy(to + i, &bits, sizeof(bits));
   }
 }
@@ -40,8 +40,8 @@ inline void StoreFloats(const float* from, float* to, std::size_t count) noexcep
   for (std::size_t i = 0; i < count; ++i) {
     std::uint32_t bits = 0;
     std::memcpy(&bits, from + i, sizeof(bits));
-    // Relaxed: as above.
-    AtomicRef<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(to + i)).store(bits, std::memory_order_relaxed);
+    // Release: passes on that the head is even.
+    AtomicRef<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(to + i)).store(bits, std::memory_order_release);
   }
 }
 
