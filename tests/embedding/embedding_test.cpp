@@ -3,7 +3,6 @@
 #include <limits>
 #include <numeric>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "embedding/handle.h"

@@ -1,6 +1,7 @@
 // Inserts of one bucket beside each other, with room in the cells, and in the overflow map.
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <vector>
 
 #include "explorer/table_run.h"
@@ -27,11 +28,9 @@ TEST(InsertScenarios, AProbeBesideOneThatAppends) {
 // The last cell within reach goes to a key of the bucket, and what is behind it comes within reach.
 TEST(InsertScenarios, AProbeWhoseEndMovesOn) {
   constexpr long REACH = 128;  // HCore::LINEAR_SEARCH_LEN
-  std::vector<long> others;
-  for (long key = 1; key < REACH; ++key) {
-    others.push_back(key);
-  }
-  others.push_back(0);
+  std::vector<long> others(REACH);
+  std::iota(others.begin(), others.end(), 1);
+  others.back() = 0;
   ExpectHolds(Fill(others), {InOrder({Claim(256), Claim(512)}), Claim(512)}, 256);
 }
 

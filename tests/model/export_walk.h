@@ -8,7 +8,6 @@
 // A walk beside which a new key was inserted is disturbed: it may also report keys that are new, or some twice.
 #pragma once
 
-#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -108,13 +107,10 @@ class ExportWalk {
     if (batch.exportMode == KAVO_EXPORT_ALL) {
       return;  // every key is due
     }
-    for (auto key = m_notPassed.begin(); key != m_notPassed.end();) {
-      const auto following = std::next(key);
-      if (!IsDue(tableType, entries.at(*key), batch.exportMode)) {
-        m_maybePassed.insert(m_notPassed.extract(key));
-      }
-      key = following;
-    }
+    std::erase_if(m_notPassed, [&](long key) {
+      const bool isDue = IsDue(tableType, entries.at(key), batch.exportMode);
+      return !isDue && m_maybePassed.insert(key).second;
+    });
   }
 
   std::set<long> m_notPassed;

@@ -35,7 +35,6 @@ TRIES_OF_RACES = 3
 TIME_LIMIT_S = 900  # a fault that makes a program hang is found too, but says less
 
 Call = tuple[list[str], dict[str, str]]  # arguments and environment
-PLAIN: list[Call] = [([], {})]
 
 # How finders are called that need more than that; one call after the other, until one finds the fault.
 CALLS: dict[str, list[Call]] = {
@@ -52,17 +51,10 @@ CALLS: dict[str, list[Call]] = {
 
 
 @dataclasses.dataclass
-class Edit:
-    file: str
-    old: str
-    new: str
-
-
-@dataclasses.dataclass
 class Mutant:
     name: str
     finder: str
-    edits: list[Edit]
+    edit: list[dict[str, str]]  # file, from, to
     filter: str = ""
     racy: bool = False
 
@@ -70,9 +62,7 @@ class Mutant:
 def load() -> list[Mutant]:
     mutants = []
     for path in sorted(pathlib.Path(__file__).parent.glob("*.toml")):
-        for entry in tomllib.loads(path.read_text())["mutant"]:
-            edits = [Edit(edit.pop("file"), edit.pop("from"), edit.pop("to")) for edit in entry.pop("edit")]
-            mutants.append(Mutant(edits=edits, **entry))
+        mutants += [Mutant(**entry) for entry in tomllib.loads(path.read_text())["mutant"]]
     names = [mutant.name for mutant in mutants]
     twice = {name for name in names if names.count(name) > 1}
     if twice:
@@ -83,14 +73,13 @@ def load() -> list[Mutant]:
 def broken(tree: pathlib.Path, mutant: Mutant) -> dict[pathlib.Path, str]:
     """The files that the fault is in, as it leaves them."""
     files: dict[pathlib.Path, str] = {}
-    for edit in mutant.edits:
-        path = tree / edit.file
+    for edit in mutant.edit:
+        path = tree / edit["file"]
         text = files.get(path) or path.read_text()
-        if text.count(edit.old) != 1:
-            raise ValueError(
-                f"{mutant.name}: stands {text.count(edit.old)} times in {edit.file}, not once:\n{edit.old}"
-            )
-        files[path] = text.replace(edit.old, edit.new)
+        if text.count(edit["from"]) != 1:
+            stands = f"stands {text.count(edit['from'])} times in {edit['file']}, not once"
+            raise ValueError(f"{mutant.name}: {stands}:\n{edit['from']}")
+        files[path] = text.replace(edit["from"], edit["to"])
     return files
 
 
@@ -162,7 +151,7 @@ def try_all(chosen: list[Mutant], workers: int) -> int:
     sound: dict[str, str] = {}  # what each finder says of the unbroken code
 
     def judge(workshop: Workshop, mutant: Mutant) -> tuple[str, str]:
-        calls = CALLS.get(mutant.finder, PLAIN)
+        calls = CALLS.get(mutant.finder, [([], {})])
         if mutant.finder not in sound:
             sound[mutant.finder] = workshop.compile(mutant.finder) or workshop.find(mutant.finder, "", calls[:1])
         if sound[mutant.finder]:
@@ -209,9 +198,7 @@ def main() -> int:
     options.add_argument("--sample", type=int, metavar="N", help="N of those whose finder does the same at each run")
     options.add_argument("--seed", default="1", help="chooses the sample")
     options.add_argument("--finder", metavar="PROGRAM", help="only those that this program must find")
-    options.add_argument(
-        "--workers", type=int, default=os.cpu_count() or 2, help="trees that are built and run at once"
-    )
+    options.add_argument("--workers", type=int, default=os.cpu_count() or 2, help="trees built and run at once")
     options.add_argument("names", nargs="*", metavar="NAME")
     chosen = options.parse_args()
     mutants = load()
