@@ -111,6 +111,7 @@ int KavoSnapshotIdentity(const KavoSave* save, unsigned long long* number, unsig
     CheckGiven(save, "save");
     CheckGiven(number, "number");
     CheckGiven(id, "id");
+    save->CheckProcess();
     *number = save->Identity().number;
     *id = save->Identity().id;
   });

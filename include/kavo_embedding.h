@@ -70,7 +70,7 @@ extern "C" {
 #define KAVO_REFUSED_FILE                                                                                       \
   (-17)                 /* A file is not what it should be: damaged, foreign, newer, incomplete, or it does not \
                            fit the embedding. The text names file and cause. */
-#define KAVO_BUSY (-18) /* Another save of that folder is under way. */
+#define KAVO_BUSY (-18) /* A save of that folder, or a save, load or update of the embedding, is under way. */
 
 /*
  * The text of the last failure of a function of this header on the calling thread; empty when there was none. It stays
@@ -359,16 +359,16 @@ int KavoOwners(const long* keys, unsigned long long num, unsigned int n, unsigne
  *    since the snapshot before it was begun, and the keys that were forgotten; full plus increments is the embedding.
  *  - A save is begin, part, commit, or the one call over them. Each part is written by one process, the shard of its
  *    own rows; commit makes all of them visible at once. A crash at any moment of a save leaves the snapshots that were
- *    there before, or those and the new one, whole. A failed save loses nothing: the next one has what it would have
- * had.
+ *    there before, or those and the new one, whole. A failed save loses nothing: the next one has what it would have.
  *  - EMBEDDINGS are saved beside every call on them. A row is whole in the file, and every key whose creation had
- *    completed before its part was begun is in it, once.
+ *    completed before its part was begun is in it, once. An increment may hold rows again that the snapshot before it
+ *    has as they are: those created or set after the last step before that one was begun.
  *  - TABLES of the base are saved while nobody inserts or writes values, from the part until commit has returned. An
- *    increment takes the entries whose export state is 0; commit marks them.
+ *    increment takes the entries whose export state is 0; commit marks them. The states are those of the table: saved
+ *    to two folders, its entries go to the increments of one or the other. Save a table to one folder.
  *  - Any number of shards: a snapshot of n parts is loaded into shard r of m, for any n and m; an increment of m parts
  *    may follow a full of n. Owners of keys are those of KavoOwners. (Tables of the base: their keys stand for mixed
  *    ones.)
- *
  *
  *  Increments have no count of a row that was offered since, but neither trained nor set: after loading it is the count
  *  of the last snapshot that has the row.
@@ -377,7 +377,9 @@ int KavoOwners(const long* keys, unsigned long long num, unsigned int n, unsigne
  *  limit.
  *
  * Threads: a KavoSave is used by one thread at a time. One save is under way in a folder at a time, whoever makes it.
- * What a part was written of is not destroyed before the save is committed or given up.
+ * What a part was written of is not destroyed before the save is committed or given up. A save is that of the process
+ * that made it: in a child of fork, calls on it answer KAVO_INVALID and touch no file; commit or abort frees its memory
+ * there. A child that was forked during a save keeps the folder busy if its parent dies, until it ends or calls exec.
  */
 #define KAVO_SNAPSHOT_FULL 0
 #define KAVO_SNAPSHOT_INCREMENT 1
@@ -393,13 +395,14 @@ typedef struct KavoSnapshotItem {
 typedef struct KavoSaveOptions {
   unsigned long long size; /* sizeof(KavoSaveOptions) */
   unsigned int kind;       /* KAVO_SNAPSHOT_... */
-  unsigned int parts;      /* n, at least 1 */
+  unsigned int parts;      /* n, 1 to 65,536 */
   unsigned int keep;       /* chains kept after a commit, the new one counted; 0: all. 2 is a good number */
   unsigned int compress;   /* 0: no; 1 to 19: zstd at that level */
 } KavoSaveOptions;
 
 /* How far a call is, in bytes, and in all as far as is known. Called on the caller's thread or on one of the
- * embedding's, one at a time; must not call into the library. Any answer but 0 ends the call with KAVO_FAILED. */
+ * embedding's, one at a time; must not call into the library. Any answer but 0 ends the call with KAVO_FAILED,
+ * and is the last. */
 typedef int (*KavoProgress)(void* context, unsigned long long done, unsigned long long total);
 
 typedef struct KavoSave KavoSave;
@@ -409,13 +412,17 @@ typedef struct KavoSave KavoSave;
  * and clears away what saves left that were never committed. The folder is made if it is not there; its parent must be.
  *
  * Returns KAVO_SUCCESS; KAVO_INVALID (also for an increment in a folder without a snapshot); KAVO_BUSY;
- * KAVO_IO_ERROR; KAVO_REFUSED_FILE when an increment's newest manifest is damaged; KAVO_NO_MEMORY.
+ * KAVO_IO_ERROR, also when the system cannot lock the folder; KAVO_REFUSED_FILE when the manifest that an increment
+ * would follow is damaged; KAVO_NO_MEMORY.
  */
 int KavoSnapshotBegin(const char* directory, const KavoSaveOptions* options, KavoSave** save);
 
 /*
  * What another process needs to write a part of this save: it calls KavoSnapshotJoin with these. `number` counts a
- * folder's snapshots from 1 on; `id` is no other save's.
+ * folder's snapshots from 1 on; `id` is no other save's. A part that is written after the save was given up harms no
+ * other save; the next save deletes it.
+ *
+ * Identity returns KAVO_SUCCESS or KAVO_INVALID; Join the statuses of KavoSnapshotBegin but KAVO_BUSY.
  */
 int KavoSnapshotIdentity(const KavoSave* save, unsigned long long* number, unsigned long long* id);
 int KavoSnapshotJoin(const char* directory, const KavoSaveOptions* options, unsigned long long number,
@@ -450,7 +457,8 @@ int KavoSnapshotPart(KavoSave* save, unsigned int part, const KavoSnapshotItem* 
  */
 int KavoSnapshotCommit(KavoSave* save, const void* blob, unsigned long long blobBytes);
 
-/* Gives a save up: `save` is no handle any more. Null is fine. Returns KAVO_SUCCESS. */
+/* Gives a save up: `save` is no handle any more. Null is fine. Returns KAVO_SUCCESS, or KAVO_INVALID in a child of the
+ * process that made it. */
 int KavoSnapshotAbort(KavoSave* save);
 
 /* Begin, one part, commit. `number`: out, of the snapshot, or null. Statuses of all three. */
@@ -480,7 +488,9 @@ int KavoSnapshotReadBlob(const char* directory, unsigned long long number, void*
 
 /*
  * Loads snapshot `number` (0: the newest) into embeddings and tables that are empty: the full one of its chain and the
- * increments up to it. Every file is verified before the first row is made. Quiet (see THREADS).
+ * increments up to it. Every file is verified before the first row is made. Quiet (see THREADS). Whoever wants to know
+ * which one it was, or its blob, asks KavoSnapshotFind for the newest and loads that number. A chain that a commit
+ * deletes meanwhile is refused for its missing files: saves beside which others load keep 2 or more.
  *
  *   items          in: what to load into, by name; what the snapshot has beside these is passed over.
  *   shard, shards  the part of the keys to take: those whose owner among `shards` is `shard`; 0 and 1 for all.
@@ -509,9 +519,12 @@ int KavoSnapshotLoad(const char* directory, unsigned long long number, const Kav
  *   number  in and out: the snapshot that the embeddings stand at afterwards; the same as before when there is no newer
  *           one in their chain.
  *
- * Returns KAVO_SUCCESS; KAVO_INVALID; KAVO_REFUSED_FILE, also when the chain is not there any more: load a newer one
- * into new embeddings; KAVO_IO_ERROR, KAVO_NO_MEMORY, KAVO_FAILED: an increment may be part applied; applying it again
- * is right.
+ * A newer full snapshot begins another chain, which is never gone over to: KavoSnapshotFind tells it by its `full`;
+ * load it into new embeddings.
+ *
+ * Returns KAVO_SUCCESS; KAVO_INVALID; KAVO_BUSY when an embedding is being saved, loaded or brought up;
+ * KAVO_REFUSED_FILE, also when the chain is not there any more; KAVO_IO_ERROR, KAVO_NO_MEMORY, KAVO_FAILED: an
+ * increment may be part applied; applying it again is right.
  */
 int KavoSnapshotUpdate(const char* directory, unsigned long long* number, const KavoSnapshotItem* items,
                        unsigned int num, KavoProgress progress, void* context);
