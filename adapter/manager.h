@@ -3,8 +3,8 @@
 //
 // Contract
 //  - Ids below ELE_ARRAY_SIZE, and as many of the highest, index arrays and are resolved without a lock: the path of
-//    every lookup. (The highest are those that a library above this one takes for tables of its own.) All others live in
-//    a hash map and are resolved under the lock, shared, which is held for that step only.
+//    every lookup. (The highest are those that a library above this one takes for tables of its own.) All others live
+//    in a hash map and are resolved under the lock, shared, which is held for that step only.
 //  - Register and Take hold the lock exclusively, and only while they move an element: tables are built before and
 //    destroyed after it, so that neither makes other calls wait.
 //  - The caller of the library sees to it that a table is not taken while another call on its id runs. So a table that

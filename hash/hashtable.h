@@ -72,8 +72,8 @@ class Hashtable : public HashCoreMigration<Key, Value, KTraits, VTraits> {
     return nullptr;
   }
 
-  // The same without a log line, for many keys one after the other: what a home cell can answer, as most can, is found in
-  // the caller's loop. A block is right, whatever the flags say. A home cell that was empty while its bucket had not
+  // The same without a log line, for many keys one after the other: what a home cell can answer, as most can, is found
+  // in the caller's loop. A block is right, whatever the flags say. A home cell that was empty while its bucket had not
   // moved (it does not move back, so the flags may be read later), in a generation that is not retired even after that,
   // has no keys.
   Pointee* FindQuietly(const Key& key) const {

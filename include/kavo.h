@@ -67,9 +67,9 @@
  *  - A lookup that runs beside the first insert of its key finds it or answers KAVO_INVALID.
  *  - Lookups take no lock and wait for nobody, but for two reader-writer locks, both taken shared: that of the key's
  *    bucket, in the rare bucket whose keys outgrew its cells; and for an id that is neither below 1024 nor among the
- *    1024 highest, while the table is looked up, the registry's, which creations and destructions hold exclusively for a moment. Inserts wait only for another
- *    thread's insert or admission of the same key, for a bucket that is being moved to a larger table, or, when the
- *    table is full, for its growth, in which they help.
+ *    1024 highest, while the table is looked up, the registry's, which creations and destructions hold exclusively
+ *    for a moment. Inserts wait only for another thread's insert or admission of the same key, for a bucket that is
+ *    being moved to a larger table, or, when the table is full, for its growth, in which they help.
  *
  *  Which calls on one table id may run at once. Calls on different ids, and those of the partition map, always may.
  *

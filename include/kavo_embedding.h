@@ -29,7 +29,7 @@
  *  3. Keys are any 64-bit integers, negative ones included; they need not be spread. Keys may repeat in an array. A
  *     call takes at most 4,294,967,295 keys.
  *  4. Rows are contiguous floats, row-major: row i of `dim` floats begins at float i * dim. Arrays are the caller's,
- * are not kept, must not overlap each other, and need no alignment beyond their type's.
+ *     are not kept, must not overlap each other, and need no alignment beyond their type's.
  *  5. Memory. What an embedding needs is had before the first row changes. A call that answers KAVO_NO_MEMORY has
  *     trained no row; forward may have created some, which stand with their starts. Working memory of forward and
  *     backward calls is kept for the next ones until the embedding is destroyed: 16 bytes for each key of the largest
@@ -265,9 +265,9 @@ int KavoEmbeddingForwardBags(KavoEmbedding* embedding, const long* keys, unsigne
  * As KavoEmbeddingBackward.
  *
  *   gradients        in: a row of `dim` floats for each bag.
- *   weightGradients  out: `num` floats, the gradients of `bags->weights`, from the rows as they are before the
- * call's own step (a key without a row counts as its start); times `scale`. Null when not wanted; must be null without
- * weights.
+ *   weightGradients  out: `num` floats, the gradients of `bags->weights`, from the rows as they are before the call's
+ *                    own step (a key without a row counts as its start); times `scale`. Null when not wanted; must be
+ *                    null without weights.
  */
 int KavoEmbeddingBackwardBags(KavoEmbedding* embedding, const long* keys, unsigned long long num, const KavoBags* bags,
                               const float* gradients, float scale, float* weightGradients,
