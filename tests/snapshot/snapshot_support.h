@@ -29,6 +29,9 @@ inline KavoSnapshotItem Item(const char* name, KavoEmbedding* embedding, unsigne
   return {sizeof(KavoSnapshotItem), name, embedding, table};
 }
 inline KavoSaveOptions Options(unsigned kind, unsigned parts = 1, unsigned keep = 0, unsigned compress = 0) {
+#ifdef KAVO_NO_ZSTD
+  compress = 0;
+#endif
   return {sizeof(KavoSaveOptions), kind, parts, keep, compress};
 }
 inline int Save(const std::string& folder, const KavoSaveOptions& options, const KavoSnapshotItem& item,

@@ -25,11 +25,12 @@ struct Options {
   double minutes = 1;
   unsigned long seed = std::random_device{}();
   unsigned threads = 4;
-  unsigned tables = 8;
-  std::size_t keys = 65536;
-  unsigned bound = 512;
-  unsigned rest = 64;
 };
+
+constexpr unsigned TABLES = 8;       // alive at once
+constexpr std::size_t KEYS = 65536;  // of the largest
+constexpr unsigned MOST_MIB = 512;   // of resident memory, while it runs
+constexpr unsigned REST_MIB = 64;    // that may stay at the end
 
 // A sanitizer's own memory is not ours to bound.
 #ifdef KAVO_SANITIZED
@@ -68,15 +69,15 @@ void SetSink(SoakTotals& totals) {
 
 bool Run(const Options& options) {
   std::printf("seed %lu, %u threads, %u tables of up to %zu keys, %.2f minutes\n", options.seed, options.threads,
-              options.tables, options.keys, options.minutes);
+              TABLES, KEYS, options.minutes);
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   const auto minutes = [start] { return std::chrono::duration<double>(Clock::now() - start).count() / 60; };
   SoakTotals totals;
   SetSink(totals);
   std::deque<SoakTable> tables;
-  for (unsigned place = 0; place < options.tables; ++place) {
-    tables.emplace_back(place, options.threads, options.keys, totals);
+  for (unsigned place = 0; place < TABLES; ++place) {
+    tables.emplace_back(place, options.threads, KEYS, totals);
   }
   const auto checked = [&totals](const auto& calls) {
     try {
@@ -110,7 +111,7 @@ bool Run(const Options& options) {
   for (unsigned t = 0; t < options.threads; ++t) {
     threads.emplace_back(work, t);
   }
-  const auto isWell = [&] { return totals.mismatches == 0 && (!BOUNDED || most <= options.bound); };
+  const auto isWell = [&] { return totals.mismatches == 0 && (!BOUNDED || most <= MOST_MIB); };
   for (unsigned reported = 0; minutes() < options.minutes && isWell();) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     resident = ResidentMiB();
@@ -130,7 +131,7 @@ bool Run(const Options& options) {
   resident = ResidentMiB();
   report("end, minute");
   KavoSetLogSink(nullptr);
-  const bool isBack = !BOUNDED || resident <= before + options.rest;
+  const bool isBack = !BOUNDED || resident <= before + REST_MIB;
   const bool passed = isWell() && isBack && totals.tables > 0;
   std::printf("%s: memory %s, resident %u MiB before the first table\n", passed ? "PASSED" : "FAILED",
               BOUNDED ? "held to its bound" : "not bounded under a sanitizer", before);
@@ -146,12 +147,6 @@ int main(int argc, char** argv) {
   app.add_option("--minutes", options.minutes, "How long")->check(CLI::PositiveNumber)->capture_default_str();
   app.add_option("--seed", options.seed, "Seed of the random choices; none: a new one");
   app.add_option("--threads", options.threads)->check(CLI::Range(1U, 256U))->capture_default_str();
-  app.add_option("--tables", options.tables, "Alive at once")->check(CLI::Range(1U, 30U))->capture_default_str();
-  app.add_option("--keys", options.keys, "Of the largest tables")
-      ->check(CLI::Range(std::size_t{16384}, std::size_t{1} << 30))
-      ->capture_default_str();
-  app.add_option("--bound-mib", options.bound, "Resident memory that fails the run")->capture_default_str();
-  app.add_option("--rest-mib", options.rest, "Resident memory that may stay at the end")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
   return KavoTest::Run(options) ? 0 : 1;
 }
